@@ -1,0 +1,22 @@
+# How everything in the project is compiled: language, warnings, sanitizers. Flags hang on two interface targets, so
+# that each target says which of them it takes.
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+
+find_package(Threads REQUIRED)
+
+# What every target of the project takes: warnings, 64-bit time and file offsets in the 32-bit width, sanitizers.
+add_library(tqos_compile INTERFACE)
+target_compile_features(tqos_compile INTERFACE cxx_std_17)
+target_compile_definitions(tqos_compile INTERFACE _FILE_OFFSET_BITS=64 _TIME_BITS=64)
+target_compile_options(tqos_compile INTERFACE -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Wvla)
+if(TQOS_WARNINGS_AS_ERRORS)
+  target_compile_options(tqos_compile INTERFACE -Werror)
+endif()
+if(TQOS_SANITIZE)
+  target_compile_options(tqos_compile INTERFACE -fsanitize=${TQOS_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+  target_link_options(tqos_compile INTERFACE -fsanitize=${TQOS_SANITIZE})
+endif()
+target_link_libraries(tqos_compile INTERFACE Threads::Threads ${CMAKE_DL_LIBS})

@@ -1,0 +1,42 @@
+# tqos_module(X): the module's header include/X.h, its source src/tqos/X.cpp and its test tests/X_test.cpp.
+# tqos_private(X): a source file without public header or test of its own.
+# tqos_libraries(): the shared and the static library from all modules named before.
+set_property(GLOBAL PROPERTY TQOS_SOURCES "")
+set_property(GLOBAL PROPERTY TQOS_TESTS "")
+
+function(tqos_private name)
+  set_property(GLOBAL APPEND PROPERTY TQOS_SOURCES "${PROJECT_SOURCE_DIR}/src/tqos/${name}.cpp")
+endfunction()
+
+function(tqos_module name)
+  if(EXISTS "${PROJECT_SOURCE_DIR}/src/tqos/${name}.cpp")
+    tqos_private(${name})
+  endif()
+  if(EXISTS "${PROJECT_SOURCE_DIR}/tests/${name}_test.cpp")
+    set_property(GLOBAL APPEND PROPERTY TQOS_TESTS ${name})
+  endif()
+endfunction()
+
+function(tqos_libraries)
+  get_property(sources GLOBAL PROPERTY TQOS_SOURCES)
+  add_library(tqos_objects OBJECT ${sources})
+  target_include_directories(tqos_objects
+    PUBLIC "${PROJECT_SOURCE_DIR}/include"
+    PRIVATE "${PROJECT_SOURCE_DIR}/src/tqos")
+  target_compile_options(tqos_objects PRIVATE -fvisibility=hidden -fvisibility-inlines-hidden -fno-exceptions -fno-rtti)
+  target_link_libraries(tqos_objects PRIVATE tqos_compile)
+
+  add_library(tqos SHARED $<TARGET_OBJECTS:tqos_objects>)
+  add_library(tqos_static STATIC $<TARGET_OBJECTS:tqos_objects>)
+  set_target_properties(tqos PROPERTIES VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR})
+  # Some public names have no prefix: calls inside the library must not be taken over by an application's own. Threads
+  # of the library run its code until they end, so it is never unmapped.
+  target_link_options(tqos PRIVATE -Wl,-Bsymbolic-functions -Wl,-z,nodelete)
+  foreach(library tqos tqos_static)
+    target_include_directories(${library} PUBLIC
+      $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include>
+      $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
+    target_link_libraries(${library} PRIVATE $<BUILD_INTERFACE:tqos_compile>)
+    target_link_libraries(${library} PUBLIC Threads::Threads ${CMAKE_DL_LIBS})
+  endforeach()
+endfunction()
