@@ -1,4 +1,14 @@
 /// @file tqos.h
+/// The whole library in one header, and its start and stop.
+///
+/// An application calls tqOS_Initialize() once at start, builds its logic from message queues (tq_MsgQ.h) whose worker
+/// threads receive timer expiries and socket events as messages, and calls tqOS_Terminate() on its way out. Components
+/// of one process may each do so: the calls are counted. All settings come from the file "tqos.ini" in the working
+/// directory of the first tqOS_Initialize(); without it every setting has its default.
+///
+/// Threads: the lifecycle calls are made by one thread, before other threads use the library and after they have
+/// stopped. A call into any subsystem that comes too early or too late finds "not running" and fails as its own
+/// documentation says.
 #ifndef TQOS_H
 #define TQOS_H
 
@@ -24,10 +34,37 @@
 
 extern "C" {
 
+/// Starts the library, or counts a further user of the running one.
+///
+/// The first call ignores SIGPIPE, starts every subsystem, opens the library's own trace instance "tqos" and, unless
+/// [SignalHandler] Disable in tqos.ini is affirmative, installs tqos_SignalHandler() for SIGILL, SIGSEGV, SIGABRT,
+/// SIGFPE and SIGBUS and lets ended child processes vanish without being waited for (SIGCHLD with SA_NOCLDWAIT;
+/// waitpid() for a child then fails with ECHILD once it has ended). It seeds rand() from the millisecond clock, also
+/// when it fails.
+/// @return 0 when the library runs; otherwise the code of the step that failed (1: no memory for one of the
+///         library's own objects). Nothing is undone then and the call counts: answer it with tqOS_Terminate().
 TQ_API unsigned int tqOS_Initialize();
+
+/// Takes back one tqOS_Initialize(). The call that takes back the last one ends everything: it destroys every
+/// registered queue (each handles MSG_DESTROY first), stops the library's threads and frees what the library holds.
+/// Calling it more often than tqOS_Initialize() leaves the library in a state in which it is never ended again.
+/// @param bDumpResources   report what is still allocated on standard output (see tq_MemoryTerminate())
+/// @param bWaitForThreads  wait until every thread started through tq__beginthread() has ended; false leaves running
+///                         threads alone and forgets them
+/// Not from a queue's handler, a timer or any other thread of the library.
 TQ_API void tqOS_Terminate(bool bDumpResources, bool bWaitForThreads);
+
+/// The version banner, a constant text. Any thread, at any time.
 TQ_API const unsigned char* tqOS_GetVersion();
+
+/// Milliseconds since the library started, modulo 2^32; 0 while it is not running. Any thread, at any time.
 TQ_API unsigned int tqOS_uptime();
+
+/// The crash reporter; installed by tqOS_Initialize(), not called by applications. Traces signal, reason, fault
+/// address, threads and return addresses at level Critical, writes the symbolised backtrace to descriptor 1 and ends
+/// the process with status 0. A fault while it reports, or a report that takes longer than 5 seconds, ends the process
+/// with one line on descriptor 2 and status 0. It runs on the faulting thread's own stack: a stack overflow cannot
+/// be reported unless the application gave that thread an alternate stack and installs the reporter with SA_ONSTACK.
 TQ_API void tqos_SignalHandler(int sig, siginfo_t* info, void* context);
 
 } // extern "C"
