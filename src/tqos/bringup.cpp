@@ -2,6 +2,7 @@
 #include "tq_CriticalErrorTrace_p.h"
 #include "tq_Dir_p.h"
 #include "tq_HeldLocks_p.h"
+#include "tq_IniKeys_p.h"
 #include "tq_Lifecycle_p.h"
 #include "tq_List_p.h"
 #include "tq_Memory_p.h"
@@ -27,7 +28,11 @@ WEAK tq_List* gpListOfQs = nullptr;
 WEAK bool tq_MsgQRegistryOpen() { return true; }
 WEAK void DestroyListOfQs() {}
 WEAK void tq_MsgQRegistryClose() {}
+WEAK void tq_ReadIniRows(const char*, const tq_IniInteger*, size_t) {}
+WEAK void tq_ReadIniRows(const char*, const tq_IniSwitch*, size_t) {}
 extern "C" {
+WEAK void LogCriticalError(const char*, bool, int, int) {}
+WEAK void tq_Assert(bool) {}
 WEAK unsigned int tq_BaseInitialize() { return 0; }
 WEAK void tq_BaseTerminate() {}
 WEAK unsigned int tq_MemoryInitialize() { return 0; }
