@@ -1,8 +1,10 @@
 // Weak definitions of what has not been written yet; goes away with the last module.
+#include "tq_CritSecEnd_p.h"
 #include "tq_CriticalErrorTrace_p.h"
 #include "tq_Dir_p.h"
 #include "tq_HeldLocks_p.h"
 #include "tq_IniKeys_p.h"
+#include "tq_LibraryTrace_p.h"
 #include "tq_Lifecycle_p.h"
 #include "tq_List_p.h"
 #include "tq_Memory_p.h"
@@ -11,6 +13,8 @@
 #include "tqos.h"
 #define WEAK __attribute__((weak))
 WEAK void tq_TraceCriticalError(const char*, int, int) {}
+WEAK void tq_TraceOnOwnInstance(int, unsigned int, const char*, ...) {}
+WEAK void tq_CritSecDestroy(tq_SemCritSec*) {}
 WEAK std::atomic<bool> gbCriticalErrorsKept{false};
 WEAK void tq_TraceKeptCriticalErrors() {}
 WEAK std::atomic<unsigned int> tqos_Intialized{0};

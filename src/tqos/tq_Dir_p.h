@@ -4,6 +4,9 @@
 
 #include "tq_Dir.h"
 
-extern char psz_tqos_ini_file[512]; ///< the configuration file; set by tq_BaseInitialize(), never changed after
+/// The configuration file. Set by tq_BaseInitialize() and never changed after, so it is read without a lock. The name
+/// is relative: an application that keeps its file elsewhere changes the working directory before it starts the
+/// library.
+extern char psz_tqos_ini_file[512];
 
 #endif // TQ_DIR_P_H
