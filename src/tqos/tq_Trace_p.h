@@ -1,0 +1,63 @@
+/// @file tq_Trace_p.h
+/// The trace instances and what they share.
+///
+/// Invariants: an instance belongs to gpTraceInstanceList from its opening to its last close and has a name as long as
+/// it lives. A reader of any of it is inside gTraceGate, which termination closes before it frees anything. Starting
+/// the sockets layer, and destroying a sender, are done without the list's lock: both wait for threads that may trace.
+#ifndef TQ_TRACE_P_H
+#define TQ_TRACE_P_H
+
+#include <atomic>
+#include <stddef.h>
+#include <stdio.h>
+
+#include "tq_Gate_p.h"
+#include "tq_Trace.h"
+
+class CNetTrace;
+
+typedef struct _TRACEINSTANCE {
+    int handle;                  ///< the instance's identity; the list's search key
+    int iSocket;                 ///< socket handle of the multicast sender, 0 when multicast is off
+    int maxFiles;                ///< rotating log files; 0: a single file
+    int bytesPerFile;            ///< size at which the file rotates; 0: never
+    int currentFileIndex;        ///< 0..maxFiles-1
+    int traceLevel;              ///< threshold; negative: exactly the level of that magnitude
+    int traceCategoryMask;       ///< categories passed; -1: all
+    int Flags;                   ///< TQ_TRACE_DEST_* bits
+    int totalBytesWritten;       ///< to the current file
+    int instanceCount;           ///< opens by this name not yet closed
+    bool bSuppressTimeStamps;    ///< never print the date text
+    bool bShowThreadID;          ///< print the thread's two ids
+    FILE* hFile;                 ///< open log file, or null
+    char* pszTracingName;        ///< owned
+    char* pszNamePrefix;         ///< log file's path without extension; owned, null without a log file
+    char* pszNameSuffix;         ///< its extension without the dot; owned
+    char* ppszCategoryNames[32]; ///< by bit number; owned, null where the bit has no name
+    CNetTrace* pNetTrace;        ///< multicast sender, or null
+} TRACEINSTANCE;
+
+static_assert(sizeof(void*) != 4 || offsetof(_TRACEINSTANCE, hFile) == 44, "record layout");
+static_assert(sizeof(void*) != 4 || offsetof(_TRACEINSTANCE, ppszCategoryNames) == 60, "record layout");
+static_assert(sizeof(void*) != 4 || sizeof(_TRACEINSTANCE) == 192, "record layout");
+static_assert(sizeof(void*) != 4 || sizeof(_TQ_TRACE_INSTANCE) == 136, "record layout");
+
+// Set at the start, constant while trace runs.
+extern int gDefaultTraceLevel;
+extern unsigned int gDefaultTraceCat;
+extern int gDefaultFlags;
+extern bool gbDefaultSuppressTimestamp;
+extern bool gbDefaultShowThreadID;
+extern char* gpszDefaultFilePrefix; ///< null without one
+extern unsigned int gDefaultMaxFiles;
+extern unsigned int gDefaultMaxBytesPerFile;
+
+extern std::atomic<bool> bTraceInitialized; ///< cleared by the first step of termination
+extern tq_Gate gTraceGate;
+extern tq_List* gpTraceInstanceList; ///< its lock guards every field of every instance
+
+extern tq_SemCritSec* pTimeLock; ///< guards the next two; taken inside the instance list's lock
+extern bool gbShowTimeDeltas;
+extern unsigned int guiLastTimeStampInMS; ///< 0 until the first delta is printed
+
+#endif // TQ_TRACE_P_H
