@@ -1,10 +1,16 @@
-# How everything in the project is compiled: language, warnings, sanitizers. Flags hang on two interface targets, so
-# that each target says which of them it takes.
+# How everything in the project is compiled: language, warnings, sanitizers. The flags hang on one interface target, so
+# that each target says that it takes them.
 set(CMAKE_CXX_STANDARD_REQUIRED ON)
 set(CMAKE_CXX_EXTENSIONS OFF)
 set(CMAKE_POSITION_INDEPENDENT_CODE ON)
 set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
 
+get_property(multiConfig GLOBAL PROPERTY GENERATOR_IS_MULTI_CONFIG)
+if(PROJECT_IS_TOP_LEVEL AND NOT CMAKE_BUILD_TYPE AND NOT multiConfig)
+  set(CMAKE_BUILD_TYPE RelWithDebInfo CACHE STRING "Debug, Release, RelWithDebInfo or MinSizeRel" FORCE)
+endif()
+
+set(THREADS_PREFER_PTHREAD_FLAG ON)
 find_package(Threads REQUIRED)
 
 # What every target of the project takes: warnings, 64-bit time and file offsets in the 32-bit width, sanitizers.

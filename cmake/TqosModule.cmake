@@ -1,4 +1,6 @@
 # tqos_module(X): the module's header include/X.h, its source src/tqos/X.cpp and its test tests/X_test.cpp.
+#   DERIVABLE: applications derive from its classes; these carry their type information, which an application that is
+#   built with RTTI asks for.
 # tqos_private(X): a source file without public header or test of its own.
 # tqos_libraries(): the shared and the static library from all modules named before.
 set_property(GLOBAL PROPERTY TQOS_SOURCES "")
@@ -9,8 +11,12 @@ function(tqos_private name)
 endfunction()
 
 function(tqos_module name)
+  cmake_parse_arguments(module "DERIVABLE" "" "" ${ARGN})
   if(EXISTS "${PROJECT_SOURCE_DIR}/src/tqos/${name}.cpp")
     tqos_private(${name})
+    if(module_DERIVABLE)
+      set_source_files_properties("${PROJECT_SOURCE_DIR}/src/tqos/${name}.cpp" PROPERTIES COMPILE_OPTIONS -frtti)
+    endif()
   endif()
   if(EXISTS "${PROJECT_SOURCE_DIR}/tests/${name}_test.cpp")
     set_property(GLOBAL APPEND PROPERTY TQOS_TESTS ${name})
@@ -20,23 +26,22 @@ endfunction()
 function(tqos_libraries)
   get_property(sources GLOBAL PROPERTY TQOS_SOURCES)
   add_library(tqos_objects OBJECT ${sources})
-  target_include_directories(tqos_objects
-    PUBLIC "${PROJECT_SOURCE_DIR}/include"
-    PRIVATE "${PROJECT_SOURCE_DIR}/src/tqos")
+  target_include_directories(tqos_objects PRIVATE "${PROJECT_SOURCE_DIR}/include" "${PROJECT_SOURCE_DIR}/src/tqos")
   target_compile_options(tqos_objects PRIVATE -fvisibility=hidden -fvisibility-inlines-hidden -fno-exceptions -fno-rtti)
   target_link_libraries(tqos_objects PRIVATE tqos_compile)
 
   add_library(tqos SHARED $<TARGET_OBJECTS:tqos_objects>)
   add_library(tqos_static STATIC $<TARGET_OBJECTS:tqos_objects>)
   set_target_properties(tqos PROPERTIES VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR})
+  set_target_properties(tqos_static PROPERTIES OUTPUT_NAME tqos)
   # Some public names have no prefix: calls inside the library must not be taken over by an application's own. Threads
   # of the library run its code until they end, so it is never unmapped.
   target_link_options(tqos PRIVATE -Wl,-Bsymbolic-functions -Wl,-z,nodelete)
   foreach(library tqos tqos_static)
+    add_library(tqos::${library} ALIAS ${library})
     target_include_directories(${library} PUBLIC
-      $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include>
-      $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
-    target_link_libraries(${library} PRIVATE $<BUILD_INTERFACE:tqos_compile>)
-    target_link_libraries(${library} PUBLIC Threads::Threads ${CMAKE_DL_LIBS})
+      "$<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include>"
+      "$<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>")
+    target_link_libraries(${library} PRIVATE $<BUILD_INTERFACE:tqos_compile> Threads::Threads ${CMAKE_DL_LIBS})
   endforeach()
 endfunction()

@@ -1,0 +1,104 @@
+# shellcheck shell=bash
+# What the scripts share: saying what is done, and preparing a machine. To be sourced.
+
+say() {
+    printf 'scripts/%s: %s\n' "${0##*/}" "$*"
+}
+
+die() {
+    printf 'scripts/%s: %s\n' "${0##*/}" "$*" >&2
+    exit 1
+}
+
+have() {
+    command -v "$1" >/dev/null 2>&1
+}
+
+# as_root COMMAND...: with sudo where we are not root.
+as_root() {
+    if [ "$(id -u)" -eq 0 ]; then
+        "$@"
+    elif have sudo; then
+        sudo "$@"
+    else
+        die "neither root nor sudo; run as root: $*"
+    fi
+}
+
+# install_packages PACKAGE...: nothing is asked of the network when no package is named.
+install_packages() {
+    [ $# -gt 0 ] || return 0
+    have apt-get || die "missing on this machine, and there is no apt-get to install it: $*"
+    say "installing what is missing: $*"
+    if [ -z "${apt_lists_are_fresh:-}" ]; then
+        as_root apt-get update -qq || die "apt-get update failed"
+        apt_lists_are_fresh=yes
+    fi
+    as_root env DEBIAN_FRONTEND=noninteractive apt-get install -qq -y --no-install-recommends "$@" >/dev/null ||
+        die "could not install: $*"
+}
+
+# compiler_makes FLAGS...: whether the compiler builds a program with them.
+compiler_makes() {
+    printf '#include <cstdio>\n#include <thread>\nint main() { std::thread([] { std::puts(""); }).join(); }\n' |
+        "$CXX" "$@" -pthread -x c++ -o /dev/null - >/dev/null 2>&1
+}
+
+# The flags of the x86-32 toolchain file.
+flags_of_width_32() {
+    printf '%s\n' -m32
+    if [ -d /usr/include/x86_64-linux-gnu ]; then
+        printf '%s\n' -idirafter /usr/include/x86_64-linux-gnu
+    fi
+}
+
+# prepare_32: the compiler's multilib. The versioned package can stand beside cross compilers, the plain one cannot.
+prepare_32() {
+    local -a flags
+    mapfile -t flags < <(flags_of_width_32)
+    compiler_makes "${flags[@]}" && return 0
+    local version
+    version=$("$CXX" -dumpversion) || die "$CXX does not run"
+    install_packages "g++-${version%%.*}-multilib"
+    compiler_makes "${flags[@]}" || die "$CXX builds no 32-bit programs on this machine"
+}
+
+# prepare_to_build PRESET...: compiler and build tools for these presets.
+prepare_to_build() {
+    local -a packages=()
+    CXX=${CXX:-g++}
+    export CXX
+    have "$CXX" || packages+=(g++)
+    have cmake || packages+=(cmake)
+    have ninja || packages+=(ninja-build)
+    install_packages ${packages[@]+"${packages[@]}"}
+    have "$CXX" || die "no compiler $CXX"
+    local preset
+    for preset in "$@"; do
+        case $preset in
+        *-32)
+            prepare_32
+            break
+            ;;
+        esac
+    done
+}
+
+# prepare_to_test: what only the tests need.
+prepare_to_test() {
+    local -a packages=()
+    [ -f /usr/src/googletest/CMakeLists.txt ] || packages+=(googletest)
+    have clang++ || packages+=(clang)
+    have pkg-config || packages+=(pkg-config)
+    install_packages ${packages[@]+"${packages[@]}"}
+}
+
+# The presets that can be built here, one a line.
+known_presets() {
+    sed -n '/"buildPresets"/,/\]/s/.*"name": "\([^"]*\)".*/\1/p' CMakePresets.json
+}
+
+# require_preset NAME: ends the script when there is none of that name.
+require_preset() {
+    known_presets | grep -qxF -e "$1" || die "no preset $1; there are: $(known_presets | tr '\n' ' ')"
+}

@@ -1,0 +1,4 @@
+// Has no include guard.
+struct Twice {
+    int value;
+};
