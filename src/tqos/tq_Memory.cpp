@@ -215,23 +215,25 @@ unsigned int AboveAlignment(const char* pAddress) {
     return static_cast<unsigned int>(above);
 }
 
-/// The start of the heap block that a block lies in: the nearest '7' in front of it. Null when the check is on and the
-/// prefix does not hold one.
-char* FindHeapStart(char* pBlock) {
+constexpr unsigned int kNoPrefix = ~0u;
+
+/// The length of the alignment prefix in front of a block: the steps back to the nearest '7', where the heap block
+/// starts. kNoPrefix when the check is on and none is found within the longest prefix there can be.
+unsigned int PrefixBytes(const char* pBlock) {
     if (gMemoryAlignmentUnit == 0) {
-        return pBlock;
+        return 0;
     }
     for (unsigned int steps = 1; !gbMemoryAlignmentCheck || steps <= gMemoryAlignmentUnit; ++steps) {
         if (*(pBlock - steps) == kPrefixMark) {
-            return pBlock - steps;
+            return steps;
         }
     }
-    return nullptr;
+    return kNoPrefix;
 }
 
 /// A prefix that has become longer covers bytes of the block's former place. A '7' among them would be taken for the
 /// start of the heap block; the others may stay.
-void ClearStrayMarks(char* pHeap, size_t prefixBytes) {
+void ClearStrayMarks(char* pHeap, unsigned int prefixBytes) {
     for (char* pByte = pHeap + 1; pByte < pHeap + prefixBytes; ++pByte) {
         if (*pByte == kPrefixMark) {
             *pByte = 0;
@@ -297,9 +299,9 @@ char* TakeBlock(unsigned int bytes) {
 
 /// Gives a block back, or reports that its prefix is corrupted and leaves it.
 void ReleaseBlock(char* pBlock, const CallSite& freer) {
-    char* pHeap = FindHeapStart(pBlock);
-    if (pHeap) {
-        free(pHeap);
+    const unsigned int prefixBytes = PrefixBytes(pBlock);
+    if (prefixBytes != kNoPrefix) {
+        free(pBlock - prefixBytes);
         return;
     }
     Message message;
@@ -420,25 +422,24 @@ char* MemoryAlignmentAdjustment(char* pPointer) {
 
 void* reallocWithAlignment(void* pointer, size_t newSize) {
     char* pBlock = static_cast<char*>(pointer);
-    char* pHeap = FindHeapStart(pBlock);
-    if (!pHeap) {
+    const unsigned int oldOffset = PrefixBytes(pBlock);
+    if (oldOffset == kNoPrefix) {
         Message message;
         message.Append("Corrupted Memory Alignment Header detected!\n");
         ReportCorruption(message);
         return nullptr;
     }
-    const size_t oldOffset = static_cast<size_t>(pBlock - pHeap);
     size_t bytes = 0;
     if (__builtin_add_overflow(newSize, static_cast<size_t>(gMemoryAlignmentUnit), &bytes)) {
         return nullptr;
     }
-    char* pNewHeap = static_cast<char*>(realloc(pHeap, bytes));
+    char* pNewHeap = static_cast<char*>(realloc(pBlock - oldOffset, bytes));
     if (!pNewHeap || gMemoryAlignmentUnit == 0) {
         return pNewHeap;
     }
     // Deliberate: an allocation aligns the user pointer; here the block is aligned, without regard to the header, so
     // the user pointer of a tracked block lies the header's length above a multiple of the alignment.
-    const size_t newOffset = gMemoryAlignmentUnit - AboveAlignment(pNewHeap);
+    const unsigned int newOffset = gMemoryAlignmentUnit - AboveAlignment(pNewHeap);
     if (newOffset != oldOffset) {
         memmove(pNewHeap + newOffset, pNewHeap + oldOffset, newSize);
     }
