@@ -1,6 +1,8 @@
 #include "tq_List_p.h"
 
+#include <mutex>
 #include <stdint.h>
+#include <stdlib.h>
 #include <string.h>
 #include <strings.h>
 #include <utility>
@@ -9,6 +11,7 @@
 #include "tq_Gate_p.h"
 #include "tq_Handle.h"
 #include "tq_Memory.h"
+#include "tq_SemMutex_p.h"
 
 static_assert(sizeof(void*) != 4 || sizeof(tq_List::_TQ_LIST_ENTRY) == 12, "three words");
 static_assert(sizeof(void*) != 4 || sizeof(tq_List::_LIST_INSTANCE) == 84, "twenty-one words");
@@ -27,6 +30,19 @@ using State = tq_List::_LIST_INSTANCE;
 
 /// Passed by whoever uses the registry.
 tq_Gate gRegistryGate;
+
+/// A list that was made while the library was not running, or was still there when it terminated. What it allocated is
+/// not the business of a library started later, whose memory may be set up in another way; it is told apart by this
+/// record, which comes from the C library's heap.
+struct Stranger {
+    const tq_List* pList;
+    Stranger* pNext;
+};
+Stranger* gpStrangers = nullptr; // under gStrangersMutex
+std::mutex gStrangersMutex;      // a leaf: nothing is called while it is held
+
+/// Held while the text of a list's name is replaced or copied. A leaf: nothing is called while it is held.
+std::mutex gNameMutex;
 
 /// The name under which the memory reports show the blocks of all lists together.
 const char kBlockOwner[] = "TQOS: List Nodes";
@@ -236,12 +252,73 @@ void FreeBlocksDownTo(State& li, const _LIST_BLOCK* pLast) {
     }
 }
 
+// The name
+
+/// As many of a name's last characters as a report of held locks could ever show.
+class NameCopy {
+public:
+    explicit NameCopy(const State& li) {
+        const std::lock_guard<std::mutex> lock(gNameMutex);
+        if (li.pName) {
+            const size_t length = strlen(li.pName);
+            const size_t skipped = length < sizeof(m_text) ? 0 : length + 1 - sizeof(m_text);
+            memcpy(m_text, li.pName + skipped, length + 1 - skipped);
+            m_pszText = m_text;
+        }
+    }
+    NameCopy(const NameCopy&) = delete;
+    NameCopy& operator=(const NameCopy&) = delete;
+    const char* Text() const { return m_pszText; }
+
+private:
+    const char* m_pszText = nullptr;
+    char m_text[256];
+};
+
+/// Enters the list's lock with its name as the caller's file. Another thread may be replacing the name right now, so a
+/// copy is passed.
+[[gnu::noinline]] void LockTracked(const State& li) {
+    const NameCopy name(li);
+    li.pSem->_Enter(0, name.Text());
+}
+
 // The registry
 
-/// Enters a list into the registry. Without a record, or while the registry is not open, it stays out.
+void AddStranger(const tq_List* pList) {
+    Stranger* const pStranger = static_cast<Stranger*>(malloc(sizeof(Stranger)));
+    if (pStranger) {
+        const std::lock_guard<std::mutex> lock(gStrangersMutex);
+        *pStranger = {pList, gpStrangers};
+        gpStrangers = pStranger;
+    }
+}
+
+/// True, once, for a list that does not belong to the library as it runs now.
+bool TakeStranger(const tq_List* pList) {
+    Stranger* pStranger = nullptr;
+    {
+        const std::lock_guard<std::mutex> lock(gStrangersMutex);
+        Stranger** ppStranger = &gpStrangers;
+        while (*ppStranger && (*ppStranger)->pList != pList) {
+            ppStranger = &(*ppStranger)->pNext;
+        }
+        pStranger = *ppStranger;
+        if (pStranger) {
+            *ppStranger = pStranger->pNext;
+        }
+    }
+    free(pStranger);
+    return pStranger != nullptr;
+}
+
+/// Enters a list into the registry. Without memory for a record it stays out.
 void Register(tq_List* pList, unsigned int handle) {
     const tq_GatePass pass(gRegistryGate);
-    LISTOFLISTS* const pRecord = pass ? static_cast<LISTOFLISTS*>(tq_malloc(sizeof(LISTOFLISTS))) : nullptr;
+    if (!pass) {
+        AddStranger(pList);
+        return;
+    }
+    LISTOFLISTS* const pRecord = static_cast<LISTOFLISTS*>(tq_malloc(sizeof(LISTOFLISTS)));
     if (!pRecord) {
         return;
     }
@@ -339,9 +416,11 @@ void tq_List::init(int flags, int sortType, unsigned int sortOffset, const char*
 tq_List::~tq_List() {
     // Held to the end: memory, into which the list's parts go back, stays up until the registry has closed.
     const tq_GatePass pass(gRegistryGate);
-    if (!pass) {
+    const bool bStranger = TakeStranger(this);
+    if (!pass || bStranger) {
         // Deliberate: one would expect the name, the blocks and the lock to be freed. After the library has terminated
-        // they are left alone, since what they came from may be gone; they are lost.
+        // they are left alone, since what they came from may be gone; they are lost. Starting the library again does
+        // not bring them back.
         return;
     }
     Unregister(this);
@@ -614,8 +693,13 @@ void* tq_List::FindPrev(bool bRemove) {
 // The rest
 
 void tq_List::Lock() {
-    if (m_li.pSem) {
-        m_li.pSem->_Enter(0, m_li.pName);
+    if (!m_li.pSem) {
+        return;
+    }
+    if (gbTrackSems.load(std::memory_order_relaxed)) {
+        LockTracked(m_li);
+    } else {
+        m_li.pSem->_Enter(0, nullptr); // the name is wanted by lock tracking alone
     }
 }
 
@@ -627,12 +711,15 @@ void tq_List::Unlock() {
 
 void tq_List::SetName(const char* name) {
     char* pszName = name ? tq_newString(name) : nullptr;
+    const tq_GatePass pass(gRegistryGate);
     {
-        const tq_GatePass pass(gRegistryGate);
-        const tq_CritSecLock lock(pass ? gpListOfListsCritSec : nullptr);
+        const tq_CritSecLock registryLock(pass ? gpListOfListsCritSec : nullptr); // for the reports
+        const std::lock_guard<std::mutex> nameLock(gNameMutex);                   // for LockTracked()
         std::swap(m_li.pName, pszName);
     }
-    tq_free(pszName);
+    if (pass) { // else it may have come from memory that is gone, as in the destructor
+        tq_free(pszName);
+    }
 }
 
 void* tq_List::GetUserParm() {
@@ -686,6 +773,7 @@ void tq_ListRegistryClose() {
     while (gpListOfLists) { // lists that outlive the library stay as they are
         LISTOFLISTS* const pRecord = gpListOfLists;
         gpListOfLists = pRecord->pNext;
+        AddStranger(pRecord->pList);
         tq_free(pRecord);
     }
     gpListCount = 0;
