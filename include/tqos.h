@@ -18,6 +18,7 @@
 #include "tq_Dir.h"
 #include "tq_Handle.h"
 #include "tq_List.h"
+#include "tq_Lzw.h"
 #include "tq_Memory.h"
 #include "tq_MsgQ.h"
 #include "tq_Process.h"

@@ -1,0 +1,255 @@
+#include "tq_Lzw.h"
+
+#include <arpa/inet.h>
+#include <stdlib.h>
+#include <string.h>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "TestSupport.h"
+#include "tq_Base.h"
+#include "tq_Memory.h"
+
+namespace {
+
+constexpr unsigned int kHeaderBytes = 12;
+constexpr unsigned int kEnd = 16383;
+
+std::string Compress(const std::string& input) {
+    char* pStream = nullptr;
+    unsigned int length = 0;
+    tq_lzwCompress(input.data(), static_cast<unsigned int>(input.size()), &pStream, &length);
+    const std::string stream(pStream ? pStream : "", length);
+    tq_free(pStream);
+    return stream;
+}
+
+/// The expanded bytes; bOk says whether there were any.
+std::string Expand(const std::string& stream, bool* pbOk) {
+    char* pBytes = reinterpret_cast<char*>(1);
+    unsigned int length = 1;
+    // a copy on the heap: a sanitizer sees every byte read outside it
+    std::vector<char> input(stream.begin(), stream.end());
+    tq_lzwExpand(input.data(), static_cast<unsigned int>(input.size()), &pBytes, &length);
+    *pbOk = pBytes != nullptr;
+    EXPECT_EQ(*pbOk, length != 0);
+    const std::string bytes(pBytes ? pBytes : "", length);
+    tq_free(pBytes);
+    return bytes;
+}
+
+void ExpectRoundTrip(const std::string& input) {
+    bool bOk = false;
+    const std::string back = Expand(Compress(input), &bOk);
+    EXPECT_TRUE(bOk) << input.size();
+    EXPECT_TRUE(back == input) << input.size();
+}
+
+/// The checksum as a decoder of another make would compute it.
+unsigned int Sum(const std::string& bytes) {
+    unsigned int sum = 0;
+    for (const char c : bytes) {
+        int extended = static_cast<unsigned char>(c);
+        if (extended >= 128) {
+            extended -= 256;
+        }
+        sum = ((sum << 5) | (sum >> 27)) ^ static_cast<unsigned int>(extended);
+    }
+    return sum;
+}
+
+/// A stream of these codes with a right header: 14 bits each, most significant first, the last partial byte dropped.
+std::string StreamOf(const std::vector<unsigned int>& codes) {
+    std::string bits;
+    for (const unsigned int code : codes) {
+        for (int bit = 13; bit >= 0; --bit) {
+            bits.push_back((code >> bit & 1) != 0 ? '1' : '0');
+        }
+    }
+    std::string body;
+    for (size_t at = 0; at + 8 <= bits.size(); at += 8) {
+        body.push_back(static_cast<char>(strtoul(bits.substr(at, 8).c_str(), nullptr, 2)));
+    }
+    const unsigned int length = htonl(static_cast<unsigned int>(kHeaderBytes + body.size()));
+    const unsigned int sum = htonl(Sum(body));
+    std::string stream("LZW\0", 4);
+    stream.append(reinterpret_cast<const char*>(&length), 4);
+    stream.append(reinterpret_cast<const char*>(&sum), 4);
+    return stream + body;
+}
+
+std::string RandomBytes(size_t count, unsigned int range) {
+    std::string bytes(count, '\0');
+    unsigned int seed = 12345;
+    for (char& c : bytes) {
+        seed = seed * 1103515245u + 12345u;
+        c = static_cast<char>((seed >> 16) % range);
+    }
+    return bytes;
+}
+
+void ExpectRefused(const std::string& stream, const char* pszWhy) {
+    bool bOk = true;
+    Expand(stream, &bOk);
+    EXPECT_FALSE(bOk) << pszWhy;
+}
+
+} // namespace
+
+TEST(Lzw, ASingleByteBecomesSeventeenBytes) {
+    const unsigned char kExpected[] = {'L', 'Z', 'W', 0, 0, 0, 0, 17, 0, 0, 0, 0, 0x01, 0x07, 0xFF, 0xF0, 0x00};
+    std::string stream = Compress("A");
+    ASSERT_EQ(17u, stream.size());
+    const unsigned int sum = htonl(Sum(stream.substr(kHeaderBytes)));
+    EXPECT_EQ(0, memcmp(stream.data() + 8, &sum, 4));
+    stream.replace(8, 4, std::string(4, '\0'));
+    EXPECT_EQ(std::string(reinterpret_cast<const char*>(kExpected), sizeof(kExpected)), stream);
+}
+
+TEST(Lzw, SmallInputsBecomeTheCodesWrittenOutByHand) {
+    struct Row {
+        const char* pszInput;
+        std::vector<unsigned int> codes;
+    };
+    const Row kRows[] = {
+        {"AB", {'A', 'B', kEnd, 0}},
+        {"AAAA", {'A', 256, 'A', kEnd, 0}},
+        {"AAA", {'A', 256, kEnd, 0}}, // 256 is used while it is being defined
+        {"ABABABA", {'A', 'B', 256, 258, kEnd, 0}},
+        {"TOBEORNOTTOBEORTOBEORNOT",
+         {'T', 'O', 'B', 'E', 'O', 'R', 'N', 'O', 'T', 256, 258, 260, 265, 259, 261, 263, kEnd, 0}},
+    };
+    for (const Row& row : kRows) {
+        EXPECT_EQ(StreamOf(row.codes), Compress(row.pszInput)) << row.pszInput;
+        bool bOk = false;
+        EXPECT_EQ(row.pszInput, Expand(StreamOf(row.codes), &bOk));
+    }
+}
+
+TEST(Lzw, EmptyInputGivesLengthZeroAndLeavesTheOutputAlone) {
+    char marker = 0;
+    char* pOutput = &marker;
+    unsigned int length = 5;
+    tq_lzwCompress("", 0, &pOutput, &length);
+    EXPECT_EQ(&marker, pOutput);
+    EXPECT_EQ(0u, length);
+}
+
+TEST(Lzw, EveryByteValueComesBack) {
+    std::string all;
+    for (int value = 0; value < 256; ++value) {
+        all.push_back(static_cast<char>(value));
+        ExpectRoundTrip(std::string(1, static_cast<char>(value)));
+    }
+    ExpectRoundTrip(all);
+}
+
+TEST(Lzw, ARepeatedByteUsesTheCodeBeingDefinedAndGrowsTheOutput) {
+    ExpectRoundTrip(std::string(100000, 'x'));
+}
+
+TEST(Lzw, LengthsAroundEveryGrowthStepComeBack) {
+    for (const unsigned int step : {65535u, 2 * 65535u, 3 * 65535u}) {
+        for (int offset = -2; offset <= 2; ++offset) {
+            ExpectRoundTrip(RandomBytes(step + static_cast<unsigned int>(offset), 7));
+        }
+    }
+    // Streams whose own length crosses a step: noise grows by 14/8 when compressed.
+    for (size_t length = 37430; length < 37460; ++length) {
+        ExpectRoundTrip(RandomBytes(length, 256));
+    }
+}
+
+TEST(Lzw, AFullTableGoesOnWithWhatItHasLearnt) {
+    ExpectRoundTrip(RandomBytes(300000, 256));
+    ExpectRoundTrip(RandomBytes(300000, 4));
+}
+
+TEST(Lzw, LargeInputsComeBack) {
+    ExpectRoundTrip(RandomBytes(4u << 20, 20));
+}
+
+TEST(Lzw, TheLengthFieldIsWrittenButNotLookedAt) {
+    std::string stream = Compress("some text, some text");
+    unsigned int length = 0;
+    memcpy(&length, stream.data() + 4, 4);
+    EXPECT_EQ(stream.size(), ntohl(length));
+    stream[4] = 'x';
+    bool bOk = false;
+    EXPECT_EQ("some text, some text", Expand(stream, &bOk));
+}
+
+TEST(Lzw, ChangingAnyByteBehindTheHeaderMakesExpansionReturnNothing) {
+    const std::string stream = Compress("some text, some text");
+    for (size_t at = kHeaderBytes; at < stream.size(); ++at) {
+        std::string changed = stream;
+        changed[at] = static_cast<char>(changed[at] ^ 0x20);
+        ExpectRefused(changed, "changed byte");
+    }
+}
+
+TEST(Lzw, WhatIsNoStreamExpandsToNothing) {
+    ExpectRefused("", "empty");
+    ExpectRefused(std::string("LZW\0\0\0\0\0\0\0\0\0", 12), "a header alone");
+    std::string stream = Compress("text");
+    stream[3] = ' ';
+    ExpectRefused(stream, "no zero byte behind the magic");
+    stream = Compress("text");
+    stream[0] = 'l';
+    ExpectRefused(stream, "wrong magic");
+    for (size_t length = 0; length < stream.size(); ++length) {
+        ExpectRefused(stream.substr(0, length), "cut short");
+    }
+}
+
+TEST(Lzw, AForgedStreamWithARightChecksumIsStillChecked) {
+    ExpectRefused(StreamOf({256, kEnd, 0}), "the first code is no byte");
+    ExpectRefused(StreamOf({kEnd, 0}), "nothing but the end");
+    ExpectRefused(StreamOf({'A', 257, kEnd, 0}), "a code not yet defined");
+    ExpectRefused(StreamOf({'A', 16382, kEnd, 0}), "a code far from defined");
+    ExpectRefused(StreamOf({'A', 'B', 256, 257}), "no end mark");
+    ExpectRefused(StreamOf({'A'}), "the input ends inside the first code");
+    bool bOk = false;
+    EXPECT_EQ("AB", Expand(StreamOf({'A', 'B', kEnd, 0}), &bOk));
+    EXPECT_TRUE(bOk);
+}
+
+TEST(Lzw, AStringOfFourThousandNinetySixBytesIsTheLongest) {
+    // Equal bytes: each code's string is one byte longer than that of the code before it.
+    std::vector<unsigned int> codes = {'A'};
+    for (unsigned int code = 256; code < 256 + 4095; ++code) {
+        codes.push_back(code); // the one being defined each time
+    }
+    std::vector<unsigned int> ended = codes;
+    ended.insert(ended.end(), {kEnd, 0});
+    bool bOk = false;
+    EXPECT_EQ(std::string(4096u * 4097 / 2, 'A'), Expand(StreamOf(ended), &bOk));
+    codes.insert(codes.end(), {256 + 4095, kEnd, 0});
+    Expand(StreamOf(codes), &bOk);
+    EXPECT_TRUE(bOk); // 4097 bytes while being defined: its own first byte and the 4096 of the old one
+    codes.insert(codes.end() - 2, 256 + 4095);
+    ExpectRefused(StreamOf(codes), "a string of 4097 bytes looked up");
+}
+
+TEST(Lzw, MillionsOfEqualBytesCompressButDoNotExpand) {
+    const std::string stream = Compress(std::string(9000000, 'z'));
+    EXPECT_LT(stream.size(), 10000u);
+    ExpectRefused(stream, "strings beyond the bound");
+}
+
+TEST(Lzw, NoMemoryGivesNullAndZero) {
+    test::ScratchDirectory directory;
+    test::WriteFile("tqos.ini", "[Memory]\nEnableMemoryTracking=yes\nMemoryCapInBytes=1000\n");
+    const std::string stream = Compress("some text");
+    tq_BaseInitialize();
+    ASSERT_EQ(0u, tq_MemoryInitialize());
+    char* pOutput = reinterpret_cast<char*>(1);
+    unsigned int length = 1;
+    tq_lzwCompress("some text", 9, &pOutput, &length);
+    EXPECT_EQ(nullptr, pOutput);
+    EXPECT_EQ(0u, length);
+    ExpectRefused(stream, "no memory for the bytes");
+    tq_MemoryTerminate(false);
+}
