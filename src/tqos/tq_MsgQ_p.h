@@ -1,4 +1,17 @@
 /// @file tq_MsgQ_p.h
+/// Inside the queues. What the code relies on:
+/// - A queue has a handle exactly from Create() to Cleanup(), and its worker, if it got one, ends in between.
+/// - m_bDone turns true before or when MSG_DESTROY is queued, and nothing is queued behind MSG_DESTROY: senders look at
+///   it again under the queue's lock.
+/// - m_bEndTold says that the worker will end by itself, since MSG_DESTROY waits for it or m_bEndWithoutMessage is set.
+///   Only then may somebody wait for it.
+/// - The worker's last touch of the queue is m_SemThreadExit.Set(); whoever saw the event may free the queue.
+/// - A thread of the library that uses a queue without owning it pins it (m_uiPins) while it is certain to exist; the
+///   destructor waits for the pins.
+///
+/// Guarded by the queue's lock: the lists, name, description, history, m_bListsUnnamed, m_bEndWithoutMessage,
+/// m_uiLockDepth. Guarded by the registry's lock as well (either will do to read): the name.
+/// Guarded by the list of running workers' own mutex: m_pNextRunning.
 #ifndef TQ_MSGQ_P_H
 #define TQ_MSGQ_P_H
 
@@ -12,11 +25,69 @@ typedef struct _QUEUE_DETAILS {
     tq_MsgQ* pMsgQ;
 } QUEUE_DETAILS;
 
+extern unsigned int gTQMsgQStackSize;           ///< bytes of a worker's stack; 0: the threads' default
+extern unsigned int gTQMsgQDefaultHistoryDepth; ///< commands that a new queue remembers
+
 /// Creates the registry; false without memory. Called by the library's start.
 bool tq_MsgQRegistryOpen();
-/// Destroys every registered queue (waits for their workers). Called by the library's termination, first of all.
+/// Destroys every registered queue, then ends the workers that still run without being registered (a handler may have
+/// begun its queue's own end), and waits for all of them; no queue is created from then on. Called by the library's
+/// termination, first of all.
 void DestroyListOfQs();
 /// Waits for late senders and destroys the registry list.
 void tq_MsgQRegistryClose();
+
+/// The module's access to a queue's fields.
+struct tq_MsgQInside {
+    enum WorkerState : unsigned int {
+        kNoWorker,     ///< none was started, or it could not be, or it ended and had no event to say so
+        kWorkerRuns,   ///< it may be called by its thread id
+        kWorkerLeaves, ///< it has left its loop; m_SemThreadExit tells when it is done with the queue
+    };
+
+    // What reports show. The queue is locked.
+    static const char* Name(const tq_MsgQ& queue) { return queue.m_pszName; }
+    static const char* Description(const tq_MsgQ& queue) { return queue.m_pszDescription; }
+    static unsigned int ThreadId(const tq_MsgQ& queue) { return queue.m_ThreadId; }
+    static int HistorySize(const tq_MsgQ& queue) { return queue.m_iHistorySize; }
+    static int HistoryIndex(const tq_MsgQ& queue) { return queue.m_iHistoryIndex; }
+    static bool HistoryIsFull(const tq_MsgQ& queue) { return queue.m_bFullHistory; }
+    static int HistorySlot(const tq_MsgQ& queue, int slot) { return queue.m_piHistory[slot]; }
+    /// The list that a send of this priority goes to; null while it has not had a message.
+    static tq_List*& ListOf(tq_MsgQ& queue, int iPriority);
+
+    // Creation
+    static bool Register(tq_MsgQ& queue, unsigned int* phSource);
+    static void StartWorker(tq_MsgQ& queue, int priority);
+
+    // The worker
+    static void* Worker(void* pQueue);
+    static MSG_COMMON* FirstMessage(tq_MsgQ& queue);
+    static bool Handle(tq_MsgQ& queue, MSG_COMMON* pMsg);
+    static bool NextMessage(tq_MsgQ& queue, MSG_COMMON** ppMsg);
+    static void SayWorkerIsDone(tq_MsgQ& queue);
+
+    // Sending
+    static bool EnqueueLocked(tq_MsgQ& queue, MSG_COMMON* pMsg, bool bAddToHead, int iPriority);
+
+    // The end
+    static void Unregister(tq_MsgQ& queue);
+    static void EndWorker(tq_MsgQ& queue);
+    static void WaitForWorker(tq_MsgQ& queue);
+    static void FreeContents(tq_MsgQ& queue);
+    static void Pin(tq_MsgQ& queue) { queue.m_uiPins.fetch_add(1, std::memory_order_relaxed); }
+    static void Unpin(tq_MsgQ& queue) { queue.m_uiPins.fetch_sub(1, std::memory_order_release); }
+
+    // Names and history
+    static void ApplyNameLocked(tq_MsgQ& queue);
+    static void ApplyName(tq_MsgQ& queue);
+    static void GrowHistoryLocked(tq_MsgQ& queue, int size);
+    static void ShrinkHistoryLocked(tq_MsgQ& queue, int size);
+
+    // The workers that run, whether their queues are registered or not
+    static void AddRunning(tq_MsgQ& queue);
+    static void RemoveRunning(tq_MsgQ& queue);
+    static tq_MsgQ* PinRunning();
+};
 
 #endif // TQ_MSGQ_P_H

@@ -1,0 +1,871 @@
+#include "tq_MsgQ_p.h"
+
+#include <limits.h>
+#include <mutex>
+#include <stddef.h>
+#include <stdio.h>
+#include <string.h>
+#include <time.h>
+
+#include "tq_Base.h"
+#include "tq_Gate_p.h"
+#include "tq_Handle.h"
+#include "tq_IniKeys_p.h"
+#include "tq_Memory_p.h"
+#include "tq_Thread_p.h"
+#include "tq_Trace.h"
+
+static_assert(sizeof(MSG_COMMON) == 28, "header of every message");
+#if __SIZEOF_POINTER__ == 4
+static_assert(sizeof(QUEUE_DETAILS) == 8, "layout of a registry entry");
+#endif
+
+// Settings
+
+unsigned int gTQMsgQStackSize = 0;
+unsigned int gTQMsgQDefaultHistoryDepth = 0;
+
+namespace {
+
+constexpr char kSection[] = "MsgQ";
+const tq_IniInteger kIntegerKeys[] = {
+    {"DefaultStackSize", 0, &gTQMsgQStackSize},
+    {"DefaultHistory", 0, &gTQMsgQDefaultHistoryDepth},
+};
+
+constexpr int kMaxMessages = 100000000;
+constexpr int kAllPriorities = 0;
+constexpr int kDefaultPriority = 0; // a send takes it as medium
+
+} // namespace
+
+// State
+
+tq_List* gpListOfQs = nullptr; // set and cleared while gRegistryGate is shut
+
+namespace {
+
+tq_Gate gRegistryGate;
+bool gbQueuesAccepted = false; // guarded by the registry's lock
+
+// The workers that run. A leaf: nothing is called with it held.
+std::mutex gRunningMutex;
+tq_MsgQ* gpRunning = nullptr;
+
+thread_local tq_MsgQ* tpWorkersQueue = nullptr; // the queue that the calling thread is the worker of
+
+/// Holds the registry for a scope; false where there is none (any more).
+class RegistryLock {
+public:
+    RegistryLock() : m_pass(gRegistryGate), m_lock(m_pass ? gpListOfQs : nullptr) {}
+    explicit operator bool() const { return static_cast<bool>(m_pass); }
+
+private:
+    tq_GatePass m_pass;
+    tq_ListLock m_lock;
+};
+
+class QueueLock {
+public:
+    explicit QueueLock(tq_MsgQ& queue) : m_queue(queue) { m_queue.Lock(); }
+    ~QueueLock() { m_queue.Unlock(); }
+    QueueLock(const QueueLock&) = delete;
+    QueueLock& operator=(const QueueLock&) = delete;
+
+private:
+    tq_MsgQ& m_queue;
+};
+
+bool IsOwnWorker(const tq_MsgQ& queue) {
+    return tpWorkersQueue == &queue;
+}
+
+/// For the rare waits on something that has no event to wait for.
+void PauseShortly() {
+    const struct timespec pause = {0, 1000000};
+    nanosleep(&pause, nullptr);
+}
+
+MSG_COMMON* NewHeader(unsigned int command) {
+    MSG_COMMON* pMsg = static_cast<MSG_COMMON*>(tq_calloc(1, sizeof(MSG_COMMON)));
+    if (pMsg) {
+        pMsg->size = sizeof(MSG_COMMON);
+        pMsg->command = command;
+    }
+    return pMsg;
+}
+
+/// Adds to an end of an unsorted list. A list without memory for an entry drops the node silently; this tells.
+bool AddAtEnd(tq_List& list, void* pNode, bool bAtHead) {
+    const unsigned int count = list.NodeCount();
+    if (bAtHead) {
+        list.AddToHead(pNode);
+    } else {
+        list.AddToTail(pNode);
+    }
+    return list.NodeCount() != count;
+}
+
+} // namespace
+
+// Creation
+
+tq_MsgQ::tq_MsgQ(const char* name, const char* description)
+    : m_Sem(0, kMaxMessages), m_CritSecListLock(true), m_SemThreadExit(1, 0), m_pQueueHigh(nullptr),
+      m_pQueueMed(nullptr), m_pQueueLow(nullptr), m_ThreadId(0), m_hSource(0), m_StackSize(0), m_bDone(true),
+      m_pszName(nullptr), m_pszDescription(nullptr), m_iHistorySize(0), m_iHistoryIndex(0), m_piHistory(nullptr),
+      m_bFullHistory(false), m_bListsUnnamed(false), m_bEndWithoutMessage(false), m_uiLockDepth(0), m_bEndTold(false),
+      m_uiWorkerState(tq_MsgQInside::kNoWorker), m_uiPins(0), m_pNextRunning(nullptr) {
+    SetName(name ? name : "");
+    if (description) {
+        SetDescription(description);
+    }
+    SetHistory(static_cast<int>(gTQMsgQDefaultHistoryDepth));
+}
+
+void tq_MsgQ::Create(unsigned int* phSource, int priority) {
+    tq_MsgQInside::Pin(*this); // a handler that runs already may let somebody destroy the queue
+    if (tq_MsgQInside::Register(*this, phSource)) {
+        tq_MsgQInside::StartWorker(*this, priority);
+    }
+    tq_MsgQInside::Unpin(*this);
+}
+
+void tq_MsgQ::Create(int priority) {
+    Create(nullptr, priority);
+}
+
+/// Makes the queue one that takes messages; false, with nothing changed, when that cannot be.
+bool tq_MsgQInside::Register(tq_MsgQ& queue, unsigned int* phSource) {
+    QUEUE_DETAILS* pDetails = static_cast<QUEUE_DETAILS*>(tq_calloc(1, sizeof(QUEUE_DETAILS)));
+    if (!pDetails) {
+        return false;
+    }
+    RegistryLock registry;
+    const bool bMayCreate = registry && gbQueuesAccepted && queue.m_hSource == 0;
+    const unsigned int handle = bMayCreate ? tq_HandleGet() : 0;
+    pDetails->hSource = handle;
+    pDetails->pMsgQ = &queue;
+    if (handle == 0 || !AddAtEnd(*gpListOfQs, pDetails, /*bAtHead=*/false)) {
+        tq_free(pDetails);
+        if (handle != 0) {
+            tq_HandleRelease(handle);
+        }
+        return false;
+    }
+    // All of this before the registry is left: from then on anybody may send, and may begin the end.
+    queue.m_bEndTold = false;
+    queue.m_bEndWithoutMessage = false;
+    queue.m_SemThreadExit.Reset();
+    queue.m_uiWorkerState = kWorkerRuns;
+    AddRunning(queue);
+    if (phSource) {
+        *phSource = handle;
+    }
+    queue.m_hSource = handle;
+    queue.m_bDone = false;
+    return true;
+}
+
+void tq_MsgQInside::StartWorker(tq_MsgQ& queue, int priority) {
+    QueueLock lock(queue); // the name may be replaced meanwhile
+    unsigned int threadId = 0;
+    if (tq__beginthread(gTQMsgQStackSize, Worker, &queue, &threadId, priority, queue.m_pszName, __LINE__) != 0) {
+        queue.m_ThreadId = threadId;
+        return;
+    }
+    // The queue is there and takes messages, but nobody who destroys it may wait for a worker.
+    RemoveRunning(queue);
+    queue.m_uiWorkerState = kNoWorker;
+    queue.m_SemThreadExit.Set();
+}
+
+unsigned int tq_MsgQ::GetHandle() {
+    return m_hSource;
+}
+
+// The worker
+
+void* tq_MsgQInside::Worker(void* pQueue) {
+    tq_MsgQ& queue = *static_cast<tq_MsgQ*>(pQueue);
+    tpWorkersQueue = &queue;
+    MSG_COMMON* pMsg = FirstMessage(queue);
+    queue.m_ThreadId = tq_GetThreadId();
+    queue.AddToHistory(MSG_CREATE);
+    for (bool bGoOn = true; bGoOn;) {
+        bGoOn = !pMsg || Handle(queue, pMsg);
+        if (bGoOn) {
+            bGoOn = NextMessage(queue, &pMsg);
+        }
+    }
+    tpWorkersQueue = nullptr;
+    SayWorkerIsDone(queue);
+    return nullptr;
+}
+
+MSG_COMMON* tq_MsgQInside::FirstMessage(tq_MsgQ& queue) {
+    MSG_COMMON* pMsg = NewHeader(MSG_CREATE);
+    if (pMsg) {
+        pMsg->hDest = queue.m_hSource;
+        return pMsg;
+    }
+    char szError[1024]; // on the stack: memory is what has run out
+    {
+        QueueLock lock(queue);
+        snprintf(szError, sizeof(szError), "Failed to allocate the MSG_CREATE for %s",
+                 queue.m_pszName ? queue.m_pszName : "Un-Named tq_MsgQ");
+    }
+    LogCriticalError(szError, /*bAbort=*/false, TQ_TRACE_LEVEL_SEVERE, TQ_TRACE_CAT_MSGQS);
+    return nullptr;
+}
+
+/// Hands a message to the handler, which owns it from here on; false when it was the last one.
+bool tq_MsgQInside::Handle(tq_MsgQ& queue, MSG_COMMON* pMsg) {
+    const bool bLast = pMsg->command == MSG_DESTROY;
+    if (bLast) {
+        Unregister(queue);
+    }
+    queue.MessageHandler(pMsg);
+    return !bLast;
+}
+
+/// Waits for a message and takes it, or finds none (the count of the semaphore may run ahead of the lists); false when
+/// the worker is to end without one.
+bool tq_MsgQInside::NextMessage(tq_MsgQ& queue, MSG_COMMON** ppMsg) {
+    *ppMsg = nullptr;
+    if (!queue.m_Sem.WaitForSem(-1)) {
+        PauseShortly(); // a semaphore that got no memory never blocks
+    }
+    QueueLock lock(queue);
+    // A worker that ends without MSG_DESTROY handles what it would have handled before it.
+    const int lowest = queue.m_bEndWithoutMessage ? TQ_MSG_PRIORITY_MEDIUM : TQ_MSG_PRIORITY_LOW;
+    for (int iPriority = TQ_MSG_PRIORITY_HIGH; !*ppMsg && iPriority <= lowest; ++iPriority) {
+        tq_List* pList = ListOf(queue, iPriority);
+        *ppMsg = pList ? static_cast<MSG_COMMON*>(pList->RemoveHead()) : nullptr;
+    }
+    if (!*ppMsg) {
+        return !queue.m_bEndWithoutMessage;
+    }
+    queue.AddToHistory(static_cast<int>((*ppMsg)->command));
+    return true;
+}
+
+/// The worker's last steps. Each takes something away that others use to reach it; the event gives the queue away.
+void tq_MsgQInside::SayWorkerIsDone(tq_MsgQ& queue) {
+    {
+        QueueLock lock(queue);
+        queue.m_uiWorkerState = kWorkerLeaves; // nobody names this thread any more: its id will be another's
+    }
+    tq_ThreadIsEnding();
+    RemoveRunning(queue);
+    if (!queue.m_SemThreadExit.Set()) {
+        queue.m_uiWorkerState = kNoWorker; // an event that got no memory: those who wait look at this instead
+    }
+    // The queue may be gone: whoever saw the event may have freed it.
+}
+
+void tq_MsgQ::MessageHandler(MSG_COMMON*) {}
+
+// Sending
+
+tq_List*& tq_MsgQInside::ListOf(tq_MsgQ& queue, int iPriority) {
+    switch (iPriority) {
+    case TQ_MSG_PRIORITY_HIGH:
+        return queue.m_pQueueHigh;
+    case TQ_MSG_PRIORITY_LOW:
+        return queue.m_pQueueLow;
+    default:
+        return queue.m_pQueueMed;
+    }
+}
+
+bool tq_MsgQ::Send(MSG_COMMON* pMsg, bool bAddToHead, int iPriority) {
+    if (!pMsg || m_bDone) {
+        return false;
+    }
+    pMsg->hDest = m_hSource;
+    QueueLock lock(*this);
+    return tq_MsgQInside::EnqueueLocked(*this, pMsg, bAddToHead, iPriority);
+}
+
+bool tq_MsgQInside::EnqueueLocked(tq_MsgQ& queue, MSG_COMMON* pMsg, bool bAddToHead, int iPriority) {
+    if (queue.m_bDone || queue.m_hSource == 0) { // again, now that MSG_DESTROY cannot come in between
+        return false;
+    }
+    tq_List*& pList = ListOf(queue, iPriority);
+    if (!pList) {
+        pList = tq_newObject<tq_List>(LIST_FLAGS_LOCK_DISABLE, LIST_TYPE_U32BITS, 0, nullptr);
+        if (!pList) {
+            return false;
+        }
+        queue.m_bListsUnnamed = queue.m_pszName != nullptr; // named once the queue is left, see Unlock()
+    }
+    const bool bLast = pMsg->command == MSG_DESTROY;
+    if (!AddAtEnd(*pList, pMsg, bAddToHead)) {
+        return false;
+    }
+    if (bLast) {
+        queue.m_bDone = true;
+        queue.m_bEndTold = true;
+    }
+    queue.m_Sem.Release(1, nullptr);
+    return true;
+}
+
+void tq_MsgQ::Lock() {
+    m_CritSecListLock.Enter();
+    m_uiLockDepth += 1;
+}
+
+void tq_MsgQ::Unlock() {
+    m_uiLockDepth -= 1;
+    const bool bNameLists = m_bListsUnnamed && m_uiLockDepth == 0;
+    if (bNameLists) {
+        m_bListsUnnamed = false;
+    }
+    m_CritSecListLock.Leave();
+    // Naming takes the registry's lock, which comes before a queue's: so not in Send(), which may have been called with
+    // this lock held, but here, where the last hold of it has been left.
+    if (bNameLists) {
+        tq_MsgQInside::ApplyName(*this);
+    }
+}
+
+bool tq_MsgSend(MSG_COMMON* pMsg, bool bAddToHead, int iPriority) {
+    if (!pMsg) {
+        return false;
+    }
+    RegistryLock registry;
+    if (!registry) {
+        return false;
+    }
+    const QUEUE_DETAILS* pDetails = static_cast<QUEUE_DETAILS*>(
+        gpListOfQs->FindFirst(tq_ListKey(pMsg->hDest), LIST_TYPE_U32BITS, offsetof(QUEUE_DETAILS, hSource), nullptr,
+                              LIST_DIRECTION_HEAD_TO_TAIL));
+    return pDetails && pDetails->pMsgQ->Send(pMsg, bAddToHead, iPriority);
+}
+
+namespace {
+
+void SendCopy(tq_MsgQ& queue, const MSG_COMMON& msg, bool bAddToHead, int iPriority) {
+    MSG_COMMON* pCopy = static_cast<MSG_COMMON*>(tq_malloc(msg.size));
+    if (!pCopy) {
+        return;
+    }
+    memcpy(pCopy, &msg, msg.size);
+    if (!queue.Send(pCopy, bAddToHead, iPriority)) {
+        tq_free(pCopy);
+    }
+}
+
+bool IsWhole(const MSG_COMMON* pMsg) {
+    return pMsg && pMsg->size >= sizeof(MSG_COMMON);
+}
+
+/// Calls visit(queue) for each registered queue in order of creation, until it returns false. The registry is held
+/// throughout, so visit must not search it: it has only one cursor.
+template <typename Visit> void VisitQueues(Visit visit) {
+    RegistryLock registry;
+    if (!registry) {
+        return;
+    }
+    for (void* pNode = gpListOfQs->GetHead(); pNode; pNode = gpListOfQs->GetNext()) {
+        if (!visit(*static_cast<QUEUE_DETAILS*>(pNode))) {
+            return;
+        }
+    }
+}
+
+} // namespace
+
+void tq_MsgSendToAll(MSG_COMMON* pMsg, bool bAddToHead, int iPriority) {
+    if (!IsWhole(pMsg)) {
+        return;
+    }
+    VisitQueues([=](const QUEUE_DETAILS& details) {
+        SendCopy(*details.pMsgQ, *pMsg, bAddToHead, iPriority);
+        return true;
+    });
+}
+
+void tq_MsgQSendToNamed(unsigned int QueueId, void* pMessage) {
+    const MSG_COMMON* pMsg = static_cast<MSG_COMMON*>(pMessage);
+    if (!IsWhole(pMsg)) {
+        return;
+    }
+    VisitQueues([=](const QUEUE_DETAILS& details) {
+        const bool bThisOne = QueueId != 0 && details.hSource == QueueId;
+        if (bThisOne || (QueueId == 0 && tq_MsgQInside::Name(*details.pMsgQ))) {
+            SendCopy(*details.pMsgQ, *pMsg, /*bAddToHead=*/false, kDefaultPriority);
+        }
+        return !bThisOne;
+    });
+}
+
+bool tq__MsgCreateCommonAndSend(unsigned int hSource, unsigned int hDest, unsigned int command, unsigned int instance,
+                                unsigned int userparm, unsigned int flags, bool bAddToHead, int iPriority,
+                                const char* pszFilename, unsigned int line) {
+    MSG_COMMON* pMsg = static_cast<MSG_COMMON*>(tq__calloc(1, sizeof(MSG_COMMON), pszFilename, line));
+    if (!pMsg) {
+        return false;
+    }
+    *pMsg = {hSource, hDest, sizeof(MSG_COMMON), command, instance, userparm, flags};
+    if (tq_MsgSend(pMsg, bAddToHead, iPriority)) {
+        return true;
+    }
+    tq_free(pMsg);
+    return false;
+}
+
+// Looking at what waits, and replacing it
+
+namespace {
+
+/// The lists in the order in which an operation looks through them, and the way through each. A priority that is not
+/// all and not named by the second or third place means the first.
+struct SearchOrder {
+    int priorities[3];
+    int direction;
+};
+
+constexpr SearchOrder kFromHead = {{TQ_MSG_PRIORITY_HIGH, TQ_MSG_PRIORITY_MEDIUM, TQ_MSG_PRIORITY_LOW},
+                                   LIST_DIRECTION_HEAD_TO_TAIL};
+constexpr SearchOrder kFromTail = {{TQ_MSG_PRIORITY_LOW, TQ_MSG_PRIORITY_MEDIUM, TQ_MSG_PRIORITY_HIGH},
+                                   LIST_DIRECTION_TAIL_TO_HEAD};
+
+/// Calls look(list) for each list that the priority chooses, until it returns a message.
+template <typename Look> MSG_COMMON* LookThrough(tq_MsgQ& queue, const SearchOrder& order, int iPriority, Look look) {
+    const bool bKnown = iPriority == order.priorities[1] || iPriority == order.priorities[2];
+    const int only = bKnown ? iPriority : order.priorities[0];
+    for (int candidate : order.priorities) {
+        tq_List* pList = tq_MsgQInside::ListOf(queue, candidate);
+        if (pList && (iPriority == kAllPriorities || candidate == only)) {
+            if (void* pMsg = look(*pList)) {
+                return static_cast<MSG_COMMON*>(pMsg);
+            }
+        }
+    }
+    return nullptr;
+}
+
+/// Puts pMsg in the place of the first message of the same command. Taken out first and put in after, so that there
+/// is always an entry for it: a replacement needs no memory.
+void* ReplaceInList(tq_List& list, MSG_COMMON* pMsg, int direction) {
+    void* pFound = list.FindFirstAndRemove(tq_ListKey(pMsg->command), LIST_TYPE_U32BITS, offsetof(MSG_COMMON, command),
+                                           nullptr, direction);
+    if (!pFound) {
+        return nullptr;
+    }
+    if (list.GetNext()) { // the one behind the gap, in the direction of the search
+        list.AddPrevNode(pMsg);
+    } else if (direction == LIST_DIRECTION_HEAD_TO_TAIL) {
+        list.AddToTail(pMsg);
+    } else {
+        list.AddToHead(pMsg);
+    }
+    return pFound;
+}
+
+MSG_COMMON* Replace(tq_MsgQ& queue, const SearchOrder& order, MSG_COMMON* pMsg, int iPriority, bool bAddIfNotFound) {
+    MSG_COMMON* pReplaced = LookThrough(queue, order, iPriority, [&order, pMsg](tq_List& list) {
+        return ReplaceInList(list, pMsg, order.direction); //
+    });
+    if (!pReplaced && bAddIfNotFound) {
+        queue.Send(pMsg, /*bAddToHead=*/false, iPriority);
+    }
+    return pReplaced;
+}
+
+} // namespace
+
+unsigned int tq_MsgQ::GetQueueDepth(int iPriority) {
+    QueueLock lock(*this);
+    unsigned int depth = 0;
+    for (int candidate : kFromHead.priorities) {
+        tq_List* pList = tq_MsgQInside::ListOf(*this, candidate);
+        if (pList && (iPriority == kAllPriorities || iPriority == candidate)) {
+            depth += pList->NodeCount();
+        }
+    }
+    return depth;
+}
+
+MSG_COMMON* tq_MsgQ::PeekHead(int iPriority) {
+    QueueLock lock(*this);
+    if (m_bDone || m_hSource == 0) {
+        return nullptr;
+    }
+    return LookThrough(*this, kFromHead, iPriority, [](tq_List& list) { return list.GetHead(); });
+}
+
+MSG_COMMON* tq_MsgQ::PeekTail(int iPriority) {
+    QueueLock lock(*this);
+    if (m_bDone || m_hSource == 0) {
+        return nullptr;
+    }
+    return LookThrough(*this, kFromTail, iPriority, [](tq_List& list) { return list.GetTail(); });
+}
+
+MSG_COMMON* tq_MsgQ::ReplaceMsgFromHead(MSG_COMMON* pMsg, int iPriority, bool bAddIfNotFound) {
+    QueueLock lock(*this);
+    if (!pMsg || m_bDone || m_hSource == 0) {
+        return nullptr;
+    }
+    return Replace(*this, kFromHead, pMsg, iPriority, bAddIfNotFound);
+}
+
+MSG_COMMON* tq_MsgQ::ReplaceMsgFromTail(MSG_COMMON* pMsg, int iPriority, bool bAddIfNotFound) {
+    QueueLock lock(*this);
+    if (!pMsg || m_bDone || m_hSource == 0) {
+        return nullptr;
+    }
+    return Replace(*this, kFromTail, pMsg, iPriority, bAddIfNotFound);
+}
+
+// The end
+
+void tq_MsgQInside::Unregister(tq_MsgQ& queue) {
+    const unsigned int handle = queue.m_hSource;
+    if (handle == 0) {
+        return;
+    }
+    RegistryLock registry;
+    if (registry) {
+        tq_free(gpListOfQs->FindFirstAndRemove(tq_ListKey(handle), LIST_TYPE_U32BITS, offsetof(QUEUE_DETAILS, hSource),
+                                               nullptr, LIST_DIRECTION_HEAD_TO_TAIL));
+    }
+}
+
+void tq_MsgQ::Destroy(bool bAddToHead) {
+    tq_MsgQInside::Pin(*this); // the call that ends first may be followed by the destructor
+    if (!m_bDone) {
+        tq_MsgQInside::Unregister(*this);
+        MSG_COMMON* pMsg = NewHeader(MSG_DESTROY);
+        if (pMsg && !Send(pMsg, bAddToHead, kDefaultPriority)) {
+            tq_free(pMsg); // another thread's MSG_DESTROY was first, or the list had no memory for it
+        }
+        m_bDone = true;
+    }
+    if (m_bEndTold && !IsOwnWorker(*this)) {
+        tq_MsgQInside::WaitForWorker(*this);
+    }
+    tq_MsgQInside::Unpin(*this);
+}
+
+void tq_MsgQ::Cleanup() {
+    Destroy(false);
+    if (IsOwnWorker(*this)) {
+        return; // the worker would go on with what was freed; another thread's Cleanup() does the rest
+    }
+    tq_MsgQInside::EndWorker(*this);
+    tq_MsgQInside::Unregister(*this);
+    tq_MsgQInside::FreeContents(*this);
+}
+
+tq_MsgQ::~tq_MsgQ() {
+    Cleanup();
+    while (m_uiPins.load(std::memory_order_acquire) != 0) {
+        PauseShortly();
+    }
+}
+
+/// Waits until the worker has ended, having told it to where nobody has: MSG_DESTROY may have found no memory.
+void tq_MsgQInside::EndWorker(tq_MsgQ& queue) {
+    bool bTell;
+    {
+        QueueLock lock(queue);
+        queue.m_bDone = true;
+        bTell = queue.m_uiWorkerState == kWorkerRuns && !queue.m_bEndTold;
+        if (bTell) {
+            queue.m_bEndWithoutMessage = true;
+            queue.m_bEndTold = true;
+        }
+    }
+    if (bTell) {
+        queue.m_Sem.Release(1, nullptr);
+    }
+    WaitForWorker(queue);
+}
+
+void tq_MsgQInside::WaitForWorker(tq_MsgQ& queue) {
+    while (queue.m_uiWorkerState != kNoWorker) {
+        if (queue.m_SemThreadExit.WaitForEvent(-1)) {
+            queue.m_SemThreadExit.Set(); // setting it wakes one thread: this one wakes the next
+            return;
+        }
+        PauseShortly(); // an event that got no memory never blocks
+    }
+}
+
+void tq_MsgQInside::FreeContents(tq_MsgQ& queue) {
+    char* texts[2];
+    tq_List* lists[3];
+    int* piHistory;
+    unsigned int handle;
+    { // everything is taken off the queue first, so that of two calls one frees it
+        QueueLock lock(queue);
+        texts[0] = queue.m_pszName;
+        texts[1] = queue.m_pszDescription;
+        queue.m_pszName = queue.m_pszDescription = nullptr;
+        lists[0] = queue.m_pQueueHigh;
+        lists[1] = queue.m_pQueueMed;
+        lists[2] = queue.m_pQueueLow;
+        queue.m_pQueueHigh = queue.m_pQueueMed = queue.m_pQueueLow = nullptr;
+        queue.m_bListsUnnamed = false;
+        piHistory = queue.m_piHistory;
+        queue.m_piHistory = nullptr;
+        queue.m_iHistorySize = queue.m_iHistoryIndex = 0;
+        handle = queue.m_hSource.exchange(0);
+    }
+    for (char* pszText : texts) {
+        tq_free(pszText);
+    }
+    if (handle != 0) {
+        tq_HandleRelease(handle);
+    }
+    for (tq_List* pList : lists) {
+        while (void* pMsg = pList ? pList->RemoveHead() : nullptr) {
+            tq_FreeEitherFamily(pMsg, __FILE__, __LINE__);
+        }
+        tq_deleteObject(pList);
+    }
+    tq_free(piHistory);
+}
+
+// Names
+
+namespace {
+
+/// A tracked text; null when there is no memory.
+char* Joined(const char* pszPrefix, const char* pszName) {
+    const size_t bytes = strlen(pszPrefix) + strlen(pszName) + 1;
+    char* pszJoined = static_cast<char*>(tq_malloc(static_cast<unsigned int>(bytes)));
+    if (pszJoined) {
+        snprintf(pszJoined, bytes, "%s%s", pszPrefix, pszName);
+    }
+    return pszJoined;
+}
+
+/// Copies a text for replacing another: false when it could not be copied, and the other then stays.
+bool CopyText(const char* pszText, char** ppszCopy) {
+    *ppszCopy = pszText ? tq_newString(pszText) : nullptr;
+    return *ppszCopy || !pszText;
+}
+
+} // namespace
+
+/// Gives the worker and the lists their names by the queue's. The registry and the queue are locked.
+void tq_MsgQInside::ApplyNameLocked(tq_MsgQ& queue) {
+    const char* pszName = queue.m_pszName ? queue.m_pszName : "";
+    if (queue.m_uiWorkerState == kWorkerRuns && queue.m_ThreadId != 0) {
+        if (char* pszThread = Joined("tq_MsgQ: ", pszName)) {
+            tq_ThreadSetName(queue.m_ThreadId, pszThread);
+            tq_free(pszThread);
+        }
+    }
+    static constexpr const char* kPrefixes[] = {"MsgQ-H:", "MsgQ-M:", "MsgQ-L:"};
+    for (int iPriority : kFromHead.priorities) {
+        tq_List* pList = ListOf(queue, iPriority);
+        if (char* pszList = pList ? Joined(kPrefixes[iPriority - 1], pszName) : nullptr) {
+            pList->SetName(pszList);
+            tq_free(pszList);
+        }
+    }
+}
+
+void tq_MsgQInside::ApplyName(tq_MsgQ& queue) {
+    RegistryLock registry;
+    QueueLock lock(queue);
+    ApplyNameLocked(queue);
+}
+
+void tq_MsgQ::SetName(const char* name) {
+    char* pszOld = nullptr;
+    {
+        RegistryLock registry;
+        QueueLock lock(*this);
+        char* pszCopy;
+        if (CopyText(name, &pszCopy)) {
+            pszOld = m_pszName;
+            m_pszName = pszCopy;
+            tq_MsgQInside::ApplyNameLocked(*this);
+        }
+    }
+    tq_free(pszOld); // last: a queue may pass its own name
+}
+
+void tq_MsgQ::SetDescription(const char* description) {
+    char* pszOld = nullptr;
+    {
+        RegistryLock registry;
+        QueueLock lock(*this);
+        char* pszCopy;
+        if (CopyText(description, &pszCopy)) {
+            pszOld = m_pszDescription;
+            m_pszDescription = pszCopy;
+        }
+    }
+    tq_free(pszOld);
+}
+
+// The history of commands: a ring of m_iHistorySize slots, m_iHistoryIndex the next to be written
+
+void tq_MsgQ::AddToHistory(int command) {
+    QueueLock lock(*this);
+    if (m_iHistorySize == 0) {
+        return;
+    }
+    m_piHistory[m_iHistoryIndex] = command;
+    m_iHistoryIndex += 1;
+    if (m_iHistoryIndex == m_iHistorySize) {
+        m_bFullHistory = true;
+        m_iHistoryIndex = 0;
+    }
+}
+
+void tq_MsgQ::SetHistory(int size) {
+    QueueLock lock(*this);
+    if (size <= 0) {
+        // Deliberate: turning the history off would be expected to forget that the ring had wrapped. It does not, so
+        // one turned on later counts as full from the start, and its unwritten slots show as command 0.
+        tq_free(m_piHistory);
+        m_piHistory = nullptr;
+        m_iHistorySize = 0;
+        m_iHistoryIndex = 0;
+    } else if (size > m_iHistorySize) {
+        tq_MsgQInside::GrowHistoryLocked(*this, size);
+    } else if (size < m_iHistorySize) {
+        tq_MsgQInside::ShrinkHistoryLocked(*this, size);
+    }
+}
+
+void tq_MsgQInside::GrowHistoryLocked(tq_MsgQ& queue, int size) {
+    const bool bFits = size <= INT_MAX / static_cast<int>(sizeof(int));
+    int* piNew = bFits ? static_cast<int*>(tq_calloc(static_cast<unsigned int>(size), sizeof(int))) : nullptr;
+    if (!piNew) {
+        return;
+    }
+    const int* piOld = queue.m_piHistory;
+    const int oldSize = queue.m_iHistorySize;
+    const int index = queue.m_iHistoryIndex;
+    if (piOld) {
+        // Deliberate: the commands of a ring that has not wrapped would be expected to keep their slots. They move to
+        // oldSize - index while the index stays, so the next commands are written below or over them. And a ring that
+        // had wrapped still counts as full: its new slots show as command 0 until they are written.
+        if (queue.m_bFullHistory) {
+            memcpy(piNew, piOld + index, static_cast<size_t>(oldSize - index) * sizeof(int));
+        }
+        memcpy(piNew + (oldSize - index), piOld, static_cast<size_t>(index) * sizeof(int));
+        if (queue.m_bFullHistory) {
+            queue.m_iHistoryIndex = oldSize;
+        }
+        tq_free(queue.m_piHistory);
+    }
+    queue.m_piHistory = piNew;
+    queue.m_iHistorySize = size;
+}
+
+/// The array stays: it is larger than it need be until the history grows again or is turned off.
+void tq_MsgQInside::ShrinkHistoryLocked(tq_MsgQ& queue, int size) {
+    int* piHistory = queue.m_piHistory;
+    const int oldSize = queue.m_iHistorySize;
+    const int index = queue.m_iHistoryIndex;
+    if (index >= size) { // the newest ones stand right before the index
+        memmove(piHistory, piHistory + (index - size), static_cast<size_t>(size) * sizeof(int));
+        queue.m_bFullHistory = true;
+        queue.m_iHistoryIndex = 0;
+    } else if (queue.m_bFullHistory) { // the oldest ones, right after the index, give way
+        memmove(piHistory + index, piHistory + (index + oldSize - size),
+                static_cast<size_t>(size - index) * sizeof(int));
+    }
+    queue.m_iHistorySize = size;
+}
+
+// The workers that run
+
+void tq_MsgQInside::AddRunning(tq_MsgQ& queue) {
+    std::lock_guard<std::mutex> lock(gRunningMutex);
+    queue.m_pNextRunning = gpRunning;
+    gpRunning = &queue;
+}
+
+void tq_MsgQInside::RemoveRunning(tq_MsgQ& queue) {
+    std::lock_guard<std::mutex> lock(gRunningMutex);
+    for (tq_MsgQ** ppQueue = &gpRunning; *ppQueue; ppQueue = &(*ppQueue)->m_pNextRunning) {
+        if (*ppQueue == &queue) {
+            *ppQueue = queue.m_pNextRunning;
+            return;
+        }
+    }
+}
+
+/// A queue whose worker runs, pinned; null when there is none but the caller itself. Its worker has not set the exit
+/// event, so the queue exists, and does as long as it is pinned.
+tq_MsgQ* tq_MsgQInside::PinRunning() {
+    std::lock_guard<std::mutex> lock(gRunningMutex);
+    tq_MsgQ* pQueue = gpRunning;
+    while (pQueue && IsOwnWorker(*pQueue)) {
+        pQueue = pQueue->m_pNextRunning;
+    }
+    if (pQueue) {
+        Pin(*pQueue);
+    }
+    return pQueue;
+}
+
+// Start and stop
+
+unsigned int tq_MsgQInitialize() {
+    tq_ReadIniTable(kSection, kIntegerKeys);
+    return 0;
+}
+
+void tq_MsgQTerminate() {}
+
+bool tq_MsgQRegistryOpen() {
+    gpListOfQs = tq_newObject<tq_List>("TQOS: All Queues");
+    if (!gpListOfQs) {
+        return false;
+    }
+    gbQueuesAccepted = true;
+    gRegistryGate.Open();
+    return true;
+}
+
+namespace {
+
+/// Takes the oldest queue out of the registry, pinned; null when there is none.
+tq_MsgQ* TakeRegistered() {
+    RegistryLock registry;
+    if (!registry) {
+        return nullptr;
+    }
+    gbQueuesAccepted = false;
+    QUEUE_DETAILS* pDetails = static_cast<QUEUE_DETAILS*>(gpListOfQs->RemoveHead());
+    if (!pDetails) {
+        return nullptr;
+    }
+    tq_MsgQ* pQueue = pDetails->pMsgQ;
+    tq_MsgQInside::Pin(*pQueue); // its destructor, should it run now, has yet to ask for the registry
+    tq_free(pDetails);
+    return pQueue;
+}
+
+} // namespace
+
+void DestroyListOfQs() {
+    while (tq_MsgQ* pQueue = TakeRegistered()) {
+        pQueue->Cleanup();
+        tq_MsgQInside::Unpin(*pQueue);
+    }
+    while (tq_MsgQ* pQueue = tq_MsgQInside::PinRunning()) {
+        tq_MsgQInside::EndWorker(*pQueue);
+        tq_MsgQInside::Unpin(*pQueue);
+    }
+}
+
+void tq_MsgQRegistryClose() {
+    gRegistryGate.Close();
+    tq_deleteObject(gpListOfQs);
+    gpListOfQs = nullptr;
+}

@@ -1,0 +1,523 @@
+#include "tq_Timer_p.h"
+
+#include <atomic>
+#include <limits.h>
+#include <mutex>
+#include <stddef.h>
+
+#include "tq_Gate_p.h"
+#include "tq_HeldLocks_p.h"
+#include "tq_Lifecycle_p.h"
+#include "tq_Memory.h"
+#include "tq_MsgQ.h"
+#include "tq_Report_p.h"
+#include "tq_SemCritSec.h"
+#include "tq_SemEvent.h"
+#include "tq_SemSemaphore.h"
+#include "tq_Thread_p.h"
+#include "tq_Time.h"
+
+#if __SIZEOF_POINTER__ == 4
+static_assert(sizeof(TIMER_NODE) == 40, "layout of a timer");
+#endif
+static_assert(offsetof(TIMER_NODE, mstimeout) == 4, "the key that the list is sorted by");
+
+namespace {
+
+constexpr unsigned int kShortestMs = 10;
+constexpr unsigned int kNoTimeout = UINT_MAX;
+constexpr unsigned int kThreadStackBytes = 4096;
+constexpr char kThreadName[] = "TQOS: Timer Thread";
+constexpr int kMaxWakeUps = 10000;
+constexpr int kForEver = -1;
+
+} // namespace
+
+// State. Made and unmade under gStartStopMutex while gTimerGate is shut, so whoever has passed the gate finds it whole.
+// The timers are guarded by their list's lock.
+
+tq_TimerList* gpTimerList = nullptr;
+
+namespace {
+
+tq_Gate gTimerGate;
+std::mutex gStartStopMutex; // comes after the section of the lazy starts
+int gTimerInitCount = 0;    // guarded by gStartStopMutex
+
+tq_SemSemaphore* gpTimerSem = nullptr;     // one unit for each change of the list: the thread looks again
+tq_SemCritSec* gpTimerTermLatch = nullptr; // held by the timer thread as long as it lives
+tq_SemEvent* gpTimerStarted = nullptr;     // the timer thread holds the latch
+std::atomic<bool> gbTimersTerminated{false};
+std::atomic<bool> gbTimerThreadDone{false};
+
+} // namespace
+
+// What remains of a timer
+
+namespace {
+
+unsigned int ClampToTimeout(long long ms) {
+    if (ms <= 0) {
+        return 0;
+    }
+    return ms > UINT_MAX ? UINT_MAX : static_cast<unsigned int>(ms);
+}
+
+} // namespace
+
+unsigned int tq_TimerRemainingAt(const TIMER_NODE& timer, unsigned int now) {
+    const long long elapsed = static_cast<int>(now - timer.creation_time);
+    return ClampToTimeout(timer.mstimeout - elapsed);
+}
+
+void tq_TimerBringUpToDate(TIMER_NODE& timer, unsigned int now) {
+    timer.mstimeout = tq_TimerRemainingAt(timer, now);
+    timer.creation_time = now;
+}
+
+bool tq_TimerFollowsSkew(const TIMER_NODE& timer, unsigned int now) {
+    return timer.bAllowSkew && tq_TimerRemainingAt(timer, now) != 0;
+}
+
+void tq_TimerShift(TIMER_NODE& timer, int msOffset, unsigned int now) {
+    const long long remaining = tq_TimerRemainingAt(timer, now);
+    // What remains changes, not creation_time: many shifts could carry that out of the range in which a difference has
+    // a sign.
+    timer.mstimeout = ClampToTimeout(remaining - msOffset);
+    timer.creation_time = now;
+}
+
+tq_TimerList::tq_TimerList()
+    : tq_List(LIST_FLAGS_SORT_ASCENDING, LIST_TYPE_CUSTOM, offsetof(TIMER_NODE, mstimeout), nullptr) {}
+
+int tq_TimerList::CustomSort(void* pNode1, void* pNode2, void*) {
+    TIMER_NODE& first = *static_cast<TIMER_NODE*>(pNode1);
+    TIMER_NODE& second = *static_cast<TIMER_NODE*>(pNode2);
+    const unsigned int now = tq_GetTimeInMS();
+    tq_TimerBringUpToDate(first, now);
+    tq_TimerBringUpToDate(second, now);
+    if (first.mstimeout == second.mstimeout) {
+        return 0;
+    }
+    return first.mstimeout < second.mstimeout ? -1 : 1;
+}
+
+// The lazy start
+
+namespace {
+
+unsigned int StartTimers(bool bCountUser);
+
+/// Passes through the gate for a scope, having started the service if it did not run; false where it cannot.
+class TimerUse {
+public:
+    TimerUse() : m_pass(StartedGate()) {}
+    explicit operator bool() const { return static_cast<bool>(m_pass); }
+
+private:
+    static tq_Gate& StartedGate() {
+        if (!gTimerGate.IsOpen()) {
+            StartTimers(/*bCountUser=*/false);
+        }
+        return gTimerGate;
+    }
+
+    tq_GatePass m_pass;
+};
+
+/// Makes the timer thread look at the list again. A semaphore at its ceiling makes it look as well.
+void WakeTimerThread() {
+    gpTimerSem->Release(1, nullptr);
+}
+
+// Setting, killing, asking
+
+struct TimerKey {
+    unsigned int hMsgQ;
+    unsigned int instance;
+    unsigned int userparm;
+    unsigned int flags;
+};
+
+TIMER_NODE* FindTimerLocked(const TimerKey& key) {
+    void* pNode = gpTimerList->FindFirst(tq_ListKey(key.hMsgQ), LIST_TYPE_U32BITS, offsetof(TIMER_NODE, hMsgQ), nullptr,
+                                         LIST_DIRECTION_HEAD_TO_TAIL);
+    for (; pNode; pNode = gpTimerList->FindNext(false)) {
+        TIMER_NODE* pTimer = static_cast<TIMER_NODE*>(pNode);
+        if (pTimer->instance == key.instance && pTimer->userparm == key.userparm && pTimer->flags == key.flags) {
+            return pTimer;
+        }
+    }
+    return nullptr;
+}
+
+bool KillTimerLocked(const TimerKey& key) {
+    TIMER_NODE* pTimer = FindTimerLocked(key);
+    if (!pTimer) {
+        return false;
+    }
+    gpTimerList->RemoveNode(pTimer);
+    CleanupTimerNode(pTimer);
+    return true;
+}
+
+/// Puts a timer at its place; a list without memory for an entry drops it, and it is then freed.
+bool AddTimerLocked(TIMER_NODE* pTimer) {
+    const unsigned int count = gpTimerList->NodeCount();
+    gpTimerList->AddNode(pTimer);
+    if (gpTimerList->NodeCount() != count) {
+        return true;
+    }
+    CleanupTimerNode(pTimer);
+    return false;
+}
+
+bool Matches(unsigned int wanted, unsigned int value) {
+    return wanted == 0 || wanted == value;
+}
+
+} // namespace
+
+unsigned int tq_TimerSet(unsigned int hMsgQ, unsigned int mstimeout, unsigned int instance, unsigned int userparm,
+                         unsigned int flags, unsigned int type, const char* name, bool bAllowSkew) {
+    TimerUse use;
+    if (!use || hMsgQ == 0) {
+        return 1;
+    }
+    TIMER_NODE* pTimer = static_cast<TIMER_NODE*>(tq_calloc(1, sizeof(TIMER_NODE)));
+    if (!pTimer) {
+        return 1;
+    }
+    pTimer->mstimeout = mstimeout < kShortestMs ? kShortestMs : mstimeout;
+    pTimer->mstimeout_original = pTimer->mstimeout;
+    pTimer->hMsgQ = hMsgQ;
+    pTimer->type = type;
+    pTimer->instance = instance;
+    pTimer->userparm = userparm;
+    pTimer->flags = flags;
+    pTimer->name = name ? tq_newString(name) : nullptr;
+    pTimer->bAllowSkew = bAllowSkew;
+    pTimer->creation_time = tq_GetTimeInMS();
+    bool bAdded;
+    { // one hold for both, so that two threads that set the same keys leave one timer
+        tq_ListLock lock(gpTimerList);
+        KillTimerLocked({hMsgQ, instance, userparm, flags});
+        bAdded = AddTimerLocked(pTimer);
+    }
+    WakeTimerThread();
+    return bAdded ? 0 : 1;
+}
+
+unsigned int tq_TimerKill(unsigned int hMsgQ, unsigned int instance, unsigned int userparm, unsigned int flags) {
+    TimerUse use;
+    if (!use || hMsgQ == 0) {
+        return 1;
+    }
+    bool bKilled;
+    {
+        tq_ListLock lock(gpTimerList);
+        bKilled = KillTimerLocked({hMsgQ, instance, userparm, flags});
+    }
+    WakeTimerThread();
+    return bKilled ? 0 : 1;
+}
+
+unsigned int tq_TimerTimeRemaining(unsigned int hMsgQ, unsigned int instance, unsigned int userparm,
+                                   unsigned int flags) {
+    TimerUse use;
+    if (!use) {
+        return 0;
+    }
+    tq_ListLock lock(gpTimerList);
+    const TIMER_NODE* pTimer = FindTimerLocked({hMsgQ, instance, userparm, flags});
+    return pTimer ? tq_TimerRemainingAt(*pTimer, tq_GetTimeInMS()) : 0;
+}
+
+unsigned int tq_TimerNextTimeout(unsigned int hMsgQ, unsigned int instance, unsigned int userparm, unsigned int flags) {
+    TimerUse use;
+    if (!use || hMsgQ == 0) {
+        return kNoTimeout;
+    }
+    tq_ListLock lock(gpTimerList);
+    for (void* pNode = gpTimerList->GetHead(); pNode; pNode = gpTimerList->GetNext()) {
+        const TIMER_NODE& timer = *static_cast<TIMER_NODE*>(pNode);
+        if (timer.hMsgQ == hMsgQ && Matches(instance, timer.instance) && Matches(userparm, timer.userparm) &&
+            Matches(flags, timer.flags)) {
+            return tq_TimerRemainingAt(timer, tq_GetTimeInMS());
+        }
+    }
+    return kNoTimeout;
+}
+
+void CleanupTimerNode(TIMER_NODE* pNode) {
+    if (pNode) {
+        tq_free(pNode->name);
+        tq_free(pNode);
+    }
+}
+
+// Skew
+
+namespace {
+
+/// Shifts every timer that follows the skew and moves it to the head of the other list. Once that has no memory for
+/// one, it and those behind it keep their time.
+void ShiftTimersLocked(int msOffset, tq_List& shifted) {
+    const unsigned int now = tq_GetTimeInMS();
+    for (void* pNode = gpTimerList->GetHead(); pNode; pNode = gpTimerList->GetNext()) {
+        TIMER_NODE& timer = *static_cast<TIMER_NODE*>(pNode);
+        if (!tq_TimerFollowsSkew(timer, now)) {
+            continue;
+        }
+        const unsigned int count = shifted.NodeCount();
+        shifted.AddToHead(&timer);
+        if (shifted.NodeCount() == count) {
+            return;
+        }
+        tq_TimerShift(timer, msOffset, now);
+        gpTimerList->RemoveNode(&timer); // the walk goes on behind it
+    }
+}
+
+} // namespace
+
+void tq_TimerSkew(int msOffset) {
+    TimerUse use;
+    if (!use) {
+        return;
+    }
+    tq_List shifted("TimerSkewList");
+    {
+        tq_ListLock lock(gpTimerList);
+        ShiftTimersLocked(msOffset, shifted);
+        while (void* pNode = shifted.RemoveHead()) {
+            AddTimerLocked(static_cast<TIMER_NODE*>(pNode));
+        }
+    }
+    WakeTimerThread();
+}
+
+// The timer thread
+
+namespace {
+
+/// Sends a timer's message; false when nobody took it.
+bool SendExpiry(const TIMER_NODE& timer, MSG_COMMON* pMsg) {
+    *pMsg = {0, timer.hMsgQ, sizeof(MSG_COMMON), MSG_TIMER, timer.instance, timer.userparm, timer.flags};
+    if (tq_MsgSend(pMsg, /*bAddToHead=*/false, TQ_MSG_PRIORITY_MEDIUM)) {
+        return true;
+    }
+    tq_free(pMsg);
+    return false;
+}
+
+/// Fires a timer that is due and out of the list. Only one that repeats and whose queue took the message goes on.
+void ExpireLocked(TIMER_NODE* pTimer, unsigned int now) {
+    MSG_COMMON* pMsg = static_cast<MSG_COMMON*>(tq_calloc(1, sizeof(MSG_COMMON)));
+    if (!pMsg) {
+        // Deliberate: without memory for the message one would expect the timer to be tried again, or freed. It is
+        // dropped as it is: its message never comes, a repeating one ends, and its memory is lost.
+        return;
+    }
+    const bool bSent = SendExpiry(*pTimer, pMsg);
+    if (!bSent || pTimer->type != TQ_TIMER_REPEATING) {
+        CleanupTimerNode(pTimer);
+        return;
+    }
+    // Counted from when it was found due: a late timer does not catch up.
+    pTimer->creation_time = now;
+    pTimer->mstimeout = pTimer->mstimeout_original;
+    AddTimerLocked(pTimer);
+}
+
+/// Fires what is due; how long the thread may sleep.
+int FireDueTimers() {
+    tq_ListLock lock(gpTimerList);
+    for (;;) {
+        const unsigned int now = tq_GetTimeInMS();
+        TIMER_NODE* pTimer = static_cast<TIMER_NODE*>(gpTimerList->GetHead());
+        if (!pTimer) {
+            return kForEver;
+        }
+        const unsigned int remaining = tq_TimerRemainingAt(*pTimer, now);
+        if (remaining != 0) {
+            return remaining > kTimerRefreshMs ? kTimerRefreshMs : static_cast<int>(remaining);
+        }
+        gpTimerList->RemoveHead();
+        ExpireLocked(pTimer, now);
+    }
+}
+
+/// Brings all timers up to date when that was long ago; the time of the last time, to be passed to the next call.
+unsigned int RefreshTimers(unsigned int lastRefresh) {
+    const unsigned int now = tq_GetTimeInMS();
+    if (now - lastRefresh < static_cast<unsigned int>(kTimerRefreshMs)) {
+        return lastRefresh;
+    }
+    tq_ListLock lock(gpTimerList);
+    for (void* pNode = gpTimerList->GetHead(); pNode; pNode = gpTimerList->GetNext()) {
+        tq_TimerBringUpToDate(*static_cast<TIMER_NODE*>(pNode), now);
+    }
+    return now;
+}
+
+void RunTimers() {
+    unsigned int lastRefresh = tq_GetTimeInMS();
+    while (!gbTimersTerminated) {
+        lastRefresh = RefreshTimers(lastRefresh);
+        gpTimerSem->WaitForSem(FireDueTimers());
+    }
+}
+
+void RemoveAllTimers() {
+    tq_ListLock lock(gpTimerList);
+    while (void* pNode = gpTimerList->RemoveHead()) {
+        CleanupTimerNode(static_cast<TIMER_NODE*>(pNode));
+    }
+}
+
+void* TimerThread(void*) {
+    gpTimerTermLatch->Enter();
+    tq_HeldLatchEntered();
+    gpTimerStarted->Set();
+    RunTimers();
+    RemoveAllTimers();
+    // By itself, while it certainly lives: once it has ended its id may be another thread's.
+    tq_RemoveThreadFromTracking(tq_GetThreadId());
+    tq_ThreadIsEnding();
+    tq_HeldLatchLeaving();
+    gpTimerTermLatch->Leave();
+    gbTimerThreadDone = true;
+    return nullptr;
+}
+
+} // namespace
+
+// The report
+
+namespace {
+
+void ReportTimer(tq_ReportText& report, const TIMER_NODE& timer, unsigned int now) {
+    report.Append("  %-4u %-6u %-6u %-5u %-1s %-9u %-9u %-23s\r\n", timer.hMsgQ, timer.instance, timer.userparm,
+                  timer.flags, timer.type == TQ_TIMER_REPEATING ? "Y" : "N", timer.mstimeout_original,
+                  tq_TimerRemainingAt(timer, now), timer.name ? timer.name : "(unnamed)");
+}
+
+char* ReportTimers() {
+    tq_ListLock lock(gpTimerList);
+    const unsigned int count = gpTimerList->NodeCount();
+    if (count == 0) {
+        return tq_newString("No Timers currently set...");
+    }
+    tq_ReportText report(count * 160 + 320);
+    report.Append("  MsgQ Inst   User    Flg  R Dur(ms)   Rem(ms)   Name\r\n");
+    report.Append("  ---- ------ ------ ----- - --------- --------- ------------\r\n");
+    const unsigned int now = tq_GetTimeInMS();
+    for (void* pNode = gpTimerList->GetHead(); pNode; pNode = gpTimerList->GetNext()) {
+        ReportTimer(report, *static_cast<TIMER_NODE*>(pNode), now);
+    }
+    return report.Release();
+}
+
+} // namespace
+
+void tq_TimerShowTimers(char** pszResponse) {
+    if (!pszResponse) {
+        return;
+    }
+    tq_GatePass pass(gTimerGate); // deliberately without starting the service: a report only looks
+    *pszResponse = pass ? ReportTimers() : tq_newString("TQOS Timer Subsystem not yet initialized!");
+}
+
+// Start and stop
+
+namespace {
+
+void FreeObjects() {
+    tq_deleteObject(gpTimerList);
+    gpTimerList = nullptr;
+    tq_deleteObject(gpTimerTermLatch);
+    gpTimerTermLatch = nullptr;
+    tq_deleteObject(gpTimerStarted);
+    gpTimerStarted = nullptr;
+    tq_deleteObject(gpTimerSem);
+    gpTimerSem = nullptr;
+}
+
+/// False when one could not be made, or was made without the memory it needs inside.
+bool MakeObjects() {
+    gpTimerSem = tq_newObject<tq_SemSemaphore>(0, kMaxWakeUps);
+    gpTimerStarted = tq_newObject<tq_SemEvent>(/*bManualReset=*/1, /*bInitialState=*/0);
+    gpTimerTermLatch = tq_newObject<tq_SemCritSec>(/*bRecursive=*/true);
+    gpTimerList = tq_newObject<tq_TimerList>();
+    if (!gpTimerSem || !gpTimerStarted || !gpTimerTermLatch || !gpTimerList) {
+        return false;
+    }
+    gpTimerList->SetName("TQOS: All Timers");
+    return gpTimerSem->Release(1, nullptr) && gpTimerStarted->Reset();
+}
+
+/// Starts the timer thread and waits until it holds the latch: whoever stops the service then waits for it.
+bool StartTimerThread() {
+    gbTimersTerminated = false;
+    gbTimerThreadDone = false;
+    unsigned int threadId = 0;
+    if (tq__beginthread(kThreadStackBytes, TimerThread, nullptr, &threadId, TQ_THREAD_PRIORITY_NORMAL, kThreadName,
+                        __LINE__) == 0) {
+        return false;
+    }
+    gpTimerStarted->WaitForEvent(-1);
+    return true;
+}
+
+/// Starts the service if it does not run. A user is counted always, or only when this call starts it.
+unsigned int StartTimers(bool bCountUser) {
+    tq_LazyStart start(__FILE__, __LINE__);
+    if (!start) {
+        return 1;
+    }
+    std::lock_guard<std::mutex> lock(gStartStopMutex);
+    if (gTimerInitCount > 0) {
+        gTimerInitCount += bCountUser ? 1 : 0;
+        return 0;
+    }
+    if (!MakeObjects() || !StartTimerThread()) {
+        FreeObjects();
+        return 1;
+    }
+    gTimerInitCount = 1;
+    gTimerGate.Open();
+    return 0;
+}
+
+void StopTimerThread() {
+    gbTimersTerminated = true;
+    gpTimerSem->Release(1, nullptr);
+    gpTimerTermLatch->Enter(); // held by the thread as long as it lives
+    gpTimerTermLatch->Leave();
+    while (!gbTimerThreadDone) { // it is leaving the latch; or the latch got no memory and holds nobody up
+        tq_Sleep(1);
+    }
+}
+
+} // namespace
+
+unsigned int tq_TimerInitialize() {
+    return StartTimers(/*bCountUser=*/true);
+}
+
+void tq_TimerTerminate() {
+    std::lock_guard<std::mutex> lock(gStartStopMutex);
+    if (gTimerInitCount == 0) {
+        return;
+    }
+    // The library's own termination is the last user's, whatever others forgot to take away.
+    gTimerInitCount = tqos_Intialized == 0 ? 0 : gTimerInitCount - 1;
+    if (gTimerInitCount != 0) {
+        return;
+    }
+    gTimerGate.Close();
+    StopTimerThread();
+    RemoveAllTimers();
+    FreeObjects();
+}
