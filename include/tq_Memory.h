@@ -163,15 +163,19 @@ inline char* tq_newStringAt(const char* pszString, const char* pszFilename, unsi
 }
 
 /// Behind tq_newObject(): carries the place of the call to the allocation.
-struct tq_ObjectMaker {
-    const char* pszFilename;
-    unsigned int line;
+class tq_ObjectMaker {
+public:
+    tq_ObjectMaker(const char* pszFilename, unsigned int line) : m_pszFilename(pszFilename), m_line(line) {}
 
     template <typename T, typename... Arguments> T* Make(Arguments&&... arguments) const {
         static_assert(alignof(T) <= TQ_MEM_BLOCK_ALIGNMENT, "blocks are not aligned enough for this type");
-        void* pMemory = tq__new(static_cast<unsigned int>(sizeof(T)), pszFilename, line);
+        void* pMemory = tq__new(static_cast<unsigned int>(sizeof(T)), m_pszFilename, m_line);
         return pMemory ? new (pMemory) T(std::forward<Arguments>(arguments)...) : nullptr;
     }
+
+private:
+    const char* m_pszFilename;
+    unsigned int m_line;
 };
 
 /// Destroys an object that tq_newObject() made and frees its memory; a null pointer is ignored. A pointer to a base
@@ -184,7 +188,7 @@ template <typename T> void tq__deleteObject(T* pObject, const char* pszFilename,
 }
 
 /// tq_newObject<T>(arguments...): an object on tracked memory (new family), or null when there is no memory.
-#define tq_newObject tq_ObjectMaker{__FILE__, __LINE__}.template Make
+#define tq_newObject tq_ObjectMaker(__FILE__, __LINE__).template Make
 #define tq_deleteObject(pObject) tq__deleteObject((pObject), __FILE__, __LINE__)
 
 #endif // TQ_MEMORY_H
