@@ -3,6 +3,7 @@
 #include <pthread.h>
 #include <sched.h>
 
+#include "tq_CritSecEnd_p.h"
 #include "tq_CriticalErrorTrace_p.h"
 #include "tq_HeldLocks_p.h"
 #include "tq_Memory.h"
@@ -124,4 +125,8 @@ void tq_SemCritSec::Leave() {
         }
     }
     CountLeave();
+}
+
+void tq_CritSecDestroy(tq_SemCritSec* pCritSec) {
+    tq_deleteObject(pCritSec);
 }
