@@ -12,6 +12,7 @@
 #include "tq_Handle.h"
 #include "tq_HeldLocks_p.h"
 #include "tq_IniKeys_p.h"
+#include "tq_LibraryTrace_p.h"
 #include "tq_Lifecycle_p.h"
 #include "tq_Memory.h"
 #include "tq_Report_p.h"
@@ -548,7 +549,7 @@ struct DumpLine {
 
 /// A text that waits for its thread to leave its last lock.
 struct KeptCriticalError {
-    char text[1024]; ///< a longer one is cut
+    char text[2048]; ///< as long as the library's own reports get; a longer one is cut
     int level;
     int category;
 };
@@ -682,6 +683,13 @@ void tq_Trace(unsigned int hTraceInstance, int Level, unsigned int Category, boo
     va_list args;
     va_start(args, szFormat);
     tq_TraceInternal(hTraceInstance, Level, Category, bIncludeTimeStamp, szFormat, args);
+    va_end(args);
+}
+
+void tq_TraceOnOwnInstance(int level, unsigned int category, const char* pszFormat, ...) {
+    va_list args;
+    va_start(args, pszFormat);
+    tq_TraceInternal(tqosTraceHandle, level, category, /*bIncludeTimeStamp=*/true, pszFormat, args);
     va_end(args);
 }
 
