@@ -86,11 +86,14 @@ TQ_API void tq_TraceTerminate();
 /// is then read again). A new instance takes level, mask, destinations and the rest from the keys "<name>_Level",
 /// "<name>_Cat", "<name>_LogToFile", "<name>_MaxFiles", "<name>_MaxBytesPerFile", "<name>_LogToSTDOUT",
 /// "<name>_LogToSTDERR", "<name>_LogToDevStudio", "<name>_SuppressTimestamp" and "<name>_ShowThreadID" of section
-/// "Trace", and from the section's defaults. An instance with a "<name>_Level" key has no destinations but those that
-/// its own keys name. A log file that cannot be opened leaves the instance without one.
+/// "Trace", and from the section's defaults. A log file that cannot be opened leaves the instance without one.
+///
+/// Deliberate: of the defaults, an instance with a "<name>_Level" key takes over only the mask and the looks of its
+/// lines. It has no destinations but those that its own keys name, and its log file does not rotate unless its own
+/// "<name>_MaxBytesPerFile" says so.
+///
 /// @param pszName      any length; copied
-/// @param pszFilename  the caller's source file, kept by pointer with the instance's memory: must live for the whole
-/// run
+/// @param pszFilename  the caller's source file, kept by pointer with the memory: must live for the whole run
 /// @param line         the caller's line
 /// @return the instance's handle; 0 when pszName is null, trace does not run, or there is no memory or no free handle
 /// Threads: any; takes the instance list's lock. Close it with tq_TraceTermInstance(), once for every opening.

@@ -855,6 +855,8 @@ namespace {
 /// What an instance without a level of its own takes over from the section's defaults; one with a level takes nothing.
 struct InstanceDefaults {
     int flags = 0;
+    int maxFiles = 0;
+    int maxBytesPerFile = 0;
     char fileName[512] = ""; ///< as long as a configured one may be; cut there
 
     bool Has(int bit) const { return (flags & bit) != 0; }
@@ -889,11 +891,14 @@ _TRACEINSTANCE* NewInstance(const char* pszName, const char* pszFilename, unsign
 /// Reads level and mask. Says what else the instance takes over.
 void ReadFilter(_TRACEINSTANCE* pInstance, InstanceSettings& settings, InstanceDefaults& defaults) {
     pInstance->traceLevel = settings.Level();
-    // Deliberate: an instance that has a level of its own gets no default destination, not even the file. It must name
-    // each of its own.
+    // Deliberate: an instance that has a level of its own gets no default destination, not even the file, and none of
+    // the defaults for files: where it names a file without a size, that one never rotates. It must name each of its
+    // own.
     if (pInstance->traceLevel == kNoLevel) {
         pInstance->traceLevel = gDefaultTraceLevel;
         defaults.flags = gDefaultFlags;
+        defaults.maxFiles = static_cast<int>(gDefaultMaxFiles);
+        defaults.maxBytesPerFile = static_cast<int>(gDefaultMaxBytesPerFile);
         snprintf(defaults.fileName, sizeof(defaults.fileName), "%s%s.log",
                  gpszDefaultFilePrefix ? gpszDefaultFilePrefix : "", pInstance->pszTracingName);
     }
@@ -916,8 +921,8 @@ void OpenDestinationsLocked(_TRACEINSTANCE* pInstance, InstanceSettings& setting
     char path[512];
     settings.Text("LogToFile", defaults.Has(TQ_TRACE_DEST_FILE) ? defaults.fileName : "", path);
     if (path[0]) {
-        const int maxFiles = settings.Integer("MaxFiles", static_cast<int>(gDefaultMaxFiles));
-        const int maxBytes = settings.Integer("MaxBytesPerFile", static_cast<int>(gDefaultMaxBytesPerFile));
+        const int maxFiles = settings.Integer("MaxFiles", defaults.maxFiles);
+        const int maxBytes = settings.Integer("MaxBytesPerFile", defaults.maxBytesPerFile);
         EnableFileLocked(pInstance, path, maxFiles, maxBytes, pszFilename, line);
     }
     for (const Destination& row : kDestinations) {
