@@ -22,8 +22,9 @@ constexpr size_t kAscTimeBytes = 26;
 static_assert(sizeof(_TQ_UUID) == 16, "a UUID is its 16 bytes");
 
 // True while the calling thread reports a critical error. What fails during the report (an allocation that is refused,
-// say) would be reported in turn, and so without end.
-thread_local bool tbReportingCriticalError = false;
+// say) would be reported in turn, and so without end. Part of the thread from its start: no memory is needed to reach
+// it.
+thread_local bool tbReportingCriticalError __attribute__((tls_model("initial-exec"))) = false;
 
 void AppendToErrorLog(const char* pMessage) {
     if (gTQOSErrorLogfile[0] == '\0' || strlen(pMessage) > kLongestLoggedMessage) {
