@@ -104,19 +104,19 @@ struct TraceLine {
     const char* pszTag;
     const char* pszFormat;
     const char* pszAsGiven; ///< what the caller passed as format; its length counts for the rotation
-    va_list args;
 };
 
-void WriteToFile(_TRACEINSTANCE* pInstance, TraceLine& line);
-void WriteToStandardOutput(_TRACEINSTANCE* pInstance, TraceLine& line);
-void WriteToStandardError(_TRACEINSTANCE* pInstance, TraceLine& line);
+void WriteToFile(_TRACEINSTANCE* pInstance, const TraceLine& line, va_list args);
+void WriteToStandardOutput(_TRACEINSTANCE* pInstance, const TraceLine& line, va_list args);
+void WriteToStandardError(_TRACEINSTANCE* pInstance, const TraceLine& line, va_list args);
 
 struct Destination {
     int bit;
     char letter;               ///< in the report's Type column, which has the order of the rows
     const char* pszDefaultKey; ///< switches the bit on for instances that are not configured; null: not a plain switch
     const char* pszInstanceKey;
-    void (*pfnWrite)(_TRACEINSTANCE* pInstance, TraceLine& line); ///< null: nothing is written from here
+    /// Null: nothing is written from here.
+    void (*pfnWrite)(_TRACEINSTANCE* pInstance, const TraceLine& line, va_list args);
 };
 
 constexpr Destination kDestinations[] = {
@@ -429,11 +429,8 @@ void FillPrefix(TraceLine& line, const _TRACEINSTANCE* pInstance, int level, boo
     line.pszTag = LevelTag(level);
 }
 
-/// Writes the line and says how many bytes went out. Each destination formats from its own copy of the arguments: a
-/// used argument list cannot be used again.
-unsigned int PrintLine(FILE* hStream, const _TRACEINSTANCE* pInstance, TraceLine& line) {
-    va_list args;
-    va_copy(args, line.args);
+/// Writes the line and says how many bytes went out. Uses the arguments up.
+unsigned int PrintLine(FILE* hStream, const _TRACEINSTANCE* pInstance, const TraceLine& line, va_list args) {
     const int written[] = {
         fprintf(hStream, "%s", line.stamp),
         fprintf(hStream, "%s", line.threads),
@@ -441,7 +438,6 @@ unsigned int PrintLine(FILE* hStream, const _TRACEINSTANCE* pInstance, TraceLine
         fprintf(hStream, "%s", line.pszTag),
         vfprintf(hStream, line.pszFormat, args),
     };
-    va_end(args);
     unsigned int bytes = 0;
     for (const int count : written) {
         bytes += count > 0 ? static_cast<unsigned int>(count) : 0;
@@ -449,11 +445,11 @@ unsigned int PrintLine(FILE* hStream, const _TRACEINSTANCE* pInstance, TraceLine
     return bytes;
 }
 
-void WriteToFile(_TRACEINSTANCE* pInstance, TraceLine& line) {
+void WriteToFile(_TRACEINSTANCE* pInstance, const TraceLine& line, va_list args) {
     if (!pInstance->hFile) {
         return;
     }
-    const unsigned int bytes = PrintLine(pInstance->hFile, pInstance, line);
+    const unsigned int bytes = PrintLine(pInstance->hFile, pInstance, line, args);
     // Unsigned: a file that never rotates may grow past what the counter holds; it then starts again.
     pInstance->totalBytesWritten = static_cast<int>(static_cast<unsigned int>(pInstance->totalBytesWritten) + bytes);
     if (pInstance->Flags & TQ_TRACE_DEST_FLUSH) {
@@ -464,12 +460,12 @@ void WriteToFile(_TRACEINSTANCE* pInstance, TraceLine& line) {
     }
 }
 
-void WriteToStandardOutput(_TRACEINSTANCE* pInstance, TraceLine& line) {
-    PrintLine(stdout, pInstance, line);
+void WriteToStandardOutput(_TRACEINSTANCE* pInstance, const TraceLine& line, va_list args) {
+    PrintLine(stdout, pInstance, line, args);
 }
 
-void WriteToStandardError(_TRACEINSTANCE* pInstance, TraceLine& line) {
-    PrintLine(stderr, pInstance, line);
+void WriteToStandardError(_TRACEINSTANCE* pInstance, const TraceLine& line, va_list args) {
+    PrintLine(stderr, pInstance, line, args);
 }
 
 int SystemLogPriorityOf(int level) {
@@ -483,11 +479,19 @@ int SystemLogPriorityOf(int level) {
     return LOG_DEBUG;
 }
 
-void WriteToSystemLog(int level, TraceLine& line) {
-    va_list args;
-    va_copy(args, line.args);
-    vsyslog(SystemLogPriorityOf(level), line.pszFormat, args);
-    va_end(args);
+/// Each destination formats from its own copy of the arguments: a used argument list cannot be used again.
+void WriteToDestination(const Destination& row, _TRACEINSTANCE* pInstance, const TraceLine& line, va_list args) {
+    va_list own;
+    va_copy(own, args);
+    row.pfnWrite(pInstance, line, own);
+    va_end(own);
+}
+
+void WriteToSystemLog(int level, const TraceLine& line, va_list args) {
+    va_list own;
+    va_copy(own, args);
+    vsyslog(SystemLogPriorityOf(level), line.pszFormat, own);
+    va_end(own);
 }
 
 /// The whole way of one message. pszAsGiven is the text whose length counts for the rotation, mostly the format itself.
@@ -502,14 +506,12 @@ void TraceMessage(unsigned int hTraceInstance, int level, unsigned int category,
     FillPrefix(line, instance.Get(), level, bIncludeTimeStamp);
     line.pszFormat = pszFormat;
     line.pszAsGiven = pszAsGiven;
-    va_copy(line.args, args);
     for (const Destination& row : kDestinations) {
         if ((destinations & row.bit) && row.pfnWrite) {
-            row.pfnWrite(instance.Get(), line);
+            WriteToDestination(row, instance.Get(), line, args);
         }
     }
-    WriteToSystemLog(level, line);
-    va_end(line.args);
+    WriteToSystemLog(level, line, args);
 }
 
 // Hex dump
