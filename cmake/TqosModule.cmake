@@ -27,7 +27,10 @@ function(tqos_libraries)
   get_property(sources GLOBAL PROPERTY TQOS_SOURCES)
   add_library(tqos_objects OBJECT ${sources})
   target_include_directories(tqos_objects PRIVATE "${PROJECT_SOURCE_DIR}/include" "${PROJECT_SOURCE_DIR}/src/tqos")
-  target_compile_options(tqos_objects PRIVATE -fvisibility=hidden -fvisibility-inlines-hidden -fno-exceptions -fno-rtti)
+  target_compile_options(tqos_objects PRIVATE -fvisibility=hidden -fvisibility-inlines-hidden -fno-exceptions)
+  if(NOT TQOS_SANITIZE) # a sanitizer checks by its type information that an object is what it is used as
+    target_compile_options(tqos_objects PRIVATE -fno-rtti)
+  endif()
   target_link_libraries(tqos_objects PRIVATE tqos_compile)
 
   add_library(tqos SHARED $<TARGET_OBJECTS:tqos_objects>)
