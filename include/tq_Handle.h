@@ -47,9 +47,8 @@ TQ_API unsigned int tq_HandleGet();
 /// @param handle  what tq_HandleGet() returned. It is not checked: another number is taken into the pool as it is, and
 ///                a number given back twice is handed out twice; 0 only counts as given back
 ///
-/// Giving back more handles than were taken is reported as a critical error. Before the library starts and after it has
-/// terminated the call does nothing.
-/// Threads: any.
+/// Giving back more handles than were taken is reported as a critical error, from the second one too many on. Before
+/// the library starts and after it has terminated the call does nothing. Threads: any.
 TQ_API void tq_HandleRelease(unsigned int handle);
 
 } // extern "C"

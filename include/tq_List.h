@@ -220,12 +220,15 @@ public:
     /// FindFirst() that also takes the match out of the list.
     void* FindFirstAndRemove(void* data, int searchType, unsigned int searchOffset, PFN_CUSTOM_FIND pCustomSearch,
                              int direction);
-    /// Finds the next match of the search begun last, from the next step on; it becomes the cursor.
+    /// Finds the next match of the search begun last, from the next step on; it becomes the cursor, and the step back
+    /// is where the cursor was.
     /// @param bRemove  also take it out of the list
-    /// @return the node; null when there is no further match (and then there is no cursor), at the end, and after
-    ///         GetHead() or GetTail(), which begin a walk without a search
+    /// @return the node; null when none of the nodes ahead matches, and then there is no cursor. Also null, and the
+    ///         cursor stays, when there is no next step, and after GetHead() or GetTail(), which begin a walk without a
+    ///         search
     void* FindNext(bool bRemove);
-    /// The mirror of FindNext(): from the step back on, against the direction of the search.
+    /// The mirror of FindNext(): from the step back on, against the direction of the search. Right after FindFirst() it
+    /// begins where the cursor was before that search.
     void* FindPrev(bool bRemove);
 
     /// Waits for the list's lock; nothing without one. Reports of held locks show it under the list's name.

@@ -41,9 +41,9 @@ unsigned int TakeOldestLocked() {
 /// the highest number is always one that was really created, so that a later growth starts at the right one.
 void CreateNumbersLocked(unsigned int count) {
     while (count-- > 0) {
-        const unsigned int free = gpHandleList->NodeCount();
+        const unsigned int numbersBefore = gpHandleList->NodeCount();
         gpHandleList->AddNode(tq_ListKey(gMaxHandles + 1));
-        if (gpHandleList->NodeCount() == free) {
+        if (gpHandleList->NodeCount() == numbersBefore) {
             return;
         }
         ++gMaxHandles;
@@ -79,6 +79,8 @@ bool ReleaseLocked(unsigned int handle) {
     // Deliberate: one would expect a check. Any number is accepted, also one that is free already and the reserved 1,
     // and is handed out again in its turn. Only 0 cannot be stored, since a list takes no null node.
     gpHandleList->AddToTail(tq_ListKey(handle));
+    // Deliberate: one would expect the first handle too many to be noticed. The count includes the reserved handle 1,
+    // so that one goes by and the second is reported.
     if (gAllocatedHandles == 0) {
         return false;
     }

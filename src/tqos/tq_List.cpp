@@ -674,6 +674,7 @@ void* tq_List::FindNext(bool bRemove) {
     if (!m_li.pNextSearch || !IsKnownType(m_li.searchType)) {
         return nullptr;
     }
+    // Deliberate: a search just begun would be expected to have no step back. It is wherever the cursor stood before.
     m_li.pPrevSearch = m_li.pCurrent;
     m_li.pCurrent = FindMatch(m_li, m_li.pNextSearch, m_li.searchDirection == LIST_DIRECTION_TAIL_TO_HEAD);
     m_li.pNextSearch = m_li.pCurrent ? Ahead(m_li, m_li.pCurrent) : nullptr;
