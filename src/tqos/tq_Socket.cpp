@@ -1,0 +1,870 @@
+#include "tq_Socket_p.h"
+
+#include <arpa/inet.h>
+#include <errno.h>
+#include <mutex>
+#include <netdb.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "tq_Base.h"
+#include "tq_Handle.h"
+#include "tq_Lifecycle_p.h"
+#include "tq_Memory.h"
+#include "tq_Thread.h"
+#include "tq_Time.h"
+
+// State
+
+tq_Gate gSocketGate;
+tq_List* pListOfSockets = nullptr;
+tq_List* pListOfSocketsInSets = nullptr;
+tq_SemEvent* pSyncEvent1 = nullptr;
+tq_SemEvent* pSyncEvent2 = nullptr;
+tq_SemCritSec* pSocketTerminateSem = nullptr;
+tq_SemCritSec* pBreakerResetSem = nullptr;
+tq_SemCritSec* pSocketGetHostByNameSem = nullptr;
+
+bool bTerminate = false;
+int BrkrSocket = -1;
+bool gbWakeUpPending = false;
+
+std::atomic<int> gTQSocketsInitialized{0};
+std::atomic<unsigned int> ulDefault_ReceiveSize{0};
+std::atomic<unsigned int> ulDefault_SendSize{0};
+std::atomic<bool> gbDescriptorClosed{false};
+
+namespace {
+
+// Guarded by the lock of pListOfSockets.
+TQSOCKET_TRACE_STRUCT TraceStructs[kTraceQueueSize];
+unsigned int gTraceStructCount = 0;
+
+constexpr unsigned int kDrainPiece = 512;
+// A peer that never stops sending must not hold up every other socket.
+constexpr unsigned int kMostDrainPieces = 32768;
+
+constexpr unsigned int kCleansUpRecords = 99; // what the library's termination gives as error level
+
+/// Frees a data list with its blocks.
+void FreeDataList(tq_List* pList) {
+    if (!pList) {
+        return;
+    }
+    while (void* pBlock = pList->RemoveHead()) {
+        tq_free(pBlock);
+    }
+    tq_deleteObject(pList);
+}
+
+void DropMembership(const SOCKET_INSTANCE* pSocket) {
+    struct ip_mreq membership;
+    membership.imr_multiaddr = pSocket->dstaddr.sin_addr;
+    membership.imr_interface = pSocket->srcaddr.sin_addr;
+    setsockopt(static_cast<int>(pSocket->socket), IPPROTO_IP, IP_DROP_MEMBERSHIP, &membership, sizeof(membership));
+}
+
+void DrainConnection(int descriptor) {
+    char discarded[kDrainPiece];
+    shutdown(descriptor, SHUT_RDWR);
+    for (unsigned int i = 0; i < kMostDrainPieces && recv(descriptor, discarded, sizeof(discarded), 0) > 0; ++i) {
+    }
+}
+
+/// Names a data list, when there is one. Without a name for the socket it loses its own.
+void NameDataList(tq_List* pList, const char* pszPrefix, const char* pszName) {
+    if (!pList) {
+        return;
+    }
+    if (!pszName) {
+        pList->SetName(nullptr);
+        return;
+    }
+    const size_t bytes = strlen(pszPrefix) + strlen(pszName) + 1;
+    char* pszListName = static_cast<char*>(tq_malloc(static_cast<unsigned int>(bytes)));
+    if (pszListName) {
+        snprintf(pszListName, bytes, "%s%s", pszPrefix, pszName);
+        pList->SetName(pszListName);
+        tq_free(pszListName);
+    }
+}
+
+} // namespace
+
+// Records
+
+void InitializeInstance(SOCKET_INSTANCE* pSocket) {
+    pSocket->DataInCap = kSocketNoCap;
+    pSocket->DataOutCap = kSocketNoCap;
+}
+
+SOCKET_INSTANCE* MakeSocketRecord(unsigned int type, unsigned int state, unsigned int hMsgQ, unsigned int userparm) {
+    SOCKET_INSTANCE* pSocket = static_cast<SOCKET_INSTANCE*>(tq_calloc(1, sizeof(SOCKET_INSTANCE)));
+    if (!pSocket) {
+        return nullptr;
+    }
+    InitializeInstance(pSocket);
+    pSocket->handle = tq_HandleGet();
+    if (pSocket->handle == 0) {
+        tq_free(pSocket);
+        return nullptr;
+    }
+    pSocket->socket = kNoDescriptor;
+    pSocket->type = type;
+    pSocket->state = state;
+    pSocket->hMsgQ = hMsgQ;
+    pSocket->UserParm = userparm;
+    return pSocket;
+}
+
+void CloseDescriptor(unsigned int descriptor, bool bDrain) {
+    if (bDrain) {
+        DrainConnection(static_cast<int>(descriptor));
+    }
+    close(static_cast<int>(descriptor));
+    gbDescriptorClosed = true;
+}
+
+void CleanUpSocket(SOCKET_INSTANCE* pSocket, bool bDrain) {
+    if (pSocket->socket != kNoDescriptor) {
+        if (pSocket->IsMultiCast) {
+            DropMembership(pSocket);
+        }
+        CloseDescriptor(pSocket->socket, bDrain);
+    }
+    FreeDataList(pSocket->pDataOutList);
+    FreeDataList(pSocket->pDataInList);
+    tq_free(pSocket->pszName);
+    tq_free(pSocket->pszSocketName);
+    const unsigned int handle = pSocket->handle;
+    tq_free(pSocket);
+    tq_HandleRelease(handle);
+}
+
+bool AddSocketLocked(SOCKET_INSTANCE* pSocket) {
+    const unsigned int before = pListOfSockets->NodeCount();
+    pListOfSockets->AddToHead(pSocket);
+    return pListOfSockets->NodeCount() != before; // a list without memory says nothing
+}
+
+void RemoveSocketLocked(SOCKET_INSTANCE* pSocket) {
+    pListOfSockets->RemoveNode(pSocket);
+    pListOfSocketsInSets->RemoveNode(pSocket);
+}
+
+SOCKET_INSTANCE* FindSocketLocked(unsigned int handle) {
+    if (handle == 0) {
+        return nullptr;
+    }
+    return static_cast<SOCKET_INSTANCE*>(pListOfSockets->FindFirst(tq_ListKey(handle), LIST_TYPE_U32BITS,
+                                                                   offsetof(SOCKET_INSTANCE, handle), nullptr,
+                                                                   LIST_DIRECTION_HEAD_TO_TAIL));
+}
+
+void tq_SocketSetNameInternal(SOCKET_INSTANCE* pSocket, const char* name) {
+    char* pszOld = pSocket->pszName;
+    pSocket->pszName = name ? tq_newString(name) : nullptr;
+    tq_free(pszOld); // only now: the name given may be the old one
+    NameDataList(pSocket->pDataInList, "Socket DataInList:", pSocket->pszName);
+    NameDataList(pSocket->pDataOutList, "Socket DataOutList:", pSocket->pszName);
+}
+
+void RecordSocketEventLocked(SOCKET_INSTANCE* pSocket, unsigned int event) {
+    const unsigned int slot = pSocket->SocketStateHistoryIndex;
+    pSocket->SocketStateHistory[slot] = event;
+    pSocket->SocketStateTime[slot] = tq_GetTimeInMS();
+    pSocket->SocketStateHistoryIndex = (slot + 1) % kSocketHistorySize;
+}
+
+DATA_BLOCK* MakeDataBlock(unsigned int bytes) {
+    if (bytes > 0xFFFFFFFFu - sizeof(DATA_BLOCK)) {
+        return nullptr;
+    }
+    DATA_BLOCK* pBlock = static_cast<DATA_BLOCK*>(tq_malloc(static_cast<unsigned int>(sizeof(DATA_BLOCK)) - 1 + bytes));
+    if (pBlock) {
+        memset(pBlock, 0, offsetof(DATA_BLOCK, data));
+    }
+    return pBlock;
+}
+
+bool AppendBlockLocked(SOCKET_INSTANCE* pSocket, tq_List** ppList, DATA_BLOCK* pBlock) {
+    if (!*ppList) {
+        // Without a lock of its own: the record's lock guards it.
+        *ppList = tq_newObject<tq_List>(static_cast<int>(LIST_FLAGS_LOCK_DISABLE), static_cast<int>(LIST_TYPE_U32BITS),
+                                        0u, nullptr);
+        if (!*ppList) {
+            return false;
+        }
+        tq_SocketSetNameInternal(pSocket, pSocket->pszName);
+    }
+    const unsigned int before = (*ppList)->NodeCount();
+    (*ppList)->AddToTail(pBlock);
+    return (*ppList)->NodeCount() != before; // a list without memory says nothing
+}
+
+// Messages
+
+void SendSocketMessageLocked(const SOCKET_INSTANCE* pSocket, unsigned int command) {
+    tq_MsgCreateCommonAndSend(0, pSocket->hMsgQ, command, pSocket->handle, pSocket->UserParm, 0,
+                              /*bAddToHead=*/false, TQ_MSG_PRIORITY_MEDIUM);
+}
+
+void SendSocketClosedLocked(SOCKET_INSTANCE* pSocket, int error) {
+    pSocket->state = SOCKET_STATE_CLOSED;
+    SOCKET_CLOSED* pClosed = static_cast<SOCKET_CLOSED*>(tq_calloc(1, sizeof(SOCKET_CLOSED)));
+    if (!pClosed) {
+        return;
+    }
+    pClosed->msg.hDest = pSocket->hMsgQ;
+    pClosed->msg.size = sizeof(SOCKET_CLOSED);
+    pClosed->msg.command = MSG_SOCKET_CLOSED;
+    pClosed->msg.instance = pSocket->handle;
+    pClosed->msg.userparm = pSocket->UserParm;
+    pClosed->error = error;
+    if (!tq_MsgSend(&pClosed->msg, /*bAddToHead=*/false, TQ_MSG_PRIORITY_MEDIUM)) {
+        tq_free(pClosed);
+    }
+}
+
+// Traces
+
+void TraceSocketsVA(int level, const char* pszFormat, va_list args) {
+    tq_TraceVA(tqosTraceHandle, level, TQ_TRACE_CAT_SOCKETS, /*bIncludeTimeStamp=*/true, pszFormat, args);
+}
+
+void TraceSockets(int level, const char* pszFormat, ...) {
+    va_list args;
+    va_start(args, pszFormat);
+    TraceSocketsVA(level, pszFormat, args);
+    va_end(args);
+}
+
+void QueueTraceLocked(int level, const char* pszFormat, unsigned int handle, unsigned int socket, int error) {
+    if (gTraceStructCount < kTraceQueueSize) {
+        TraceStructs[gTraceStructCount++] = {level, static_cast<int>(handle), static_cast<int>(socket), error,
+                                             pszFormat};
+    }
+}
+
+void FlushTraceQueue() {
+    TQSOCKET_TRACE_STRUCT lines[kTraceQueueSize];
+    unsigned int count = 0;
+    {
+        tq_ListLock lock(pListOfSockets);
+        count = gTraceStructCount;
+        memcpy(lines, TraceStructs, count * sizeof(lines[0]));
+        gTraceStructCount = 0;
+    }
+    for (unsigned int i = 0; i < count; ++i) {
+        tq_Trace(tqosTraceHandle, lines[i].level, TQ_TRACE_CAT_SOCKETS, /*bIncludeTimeStamp=*/true, lines[i].pszFormat,
+                 lines[i].handle, lines[i].socket, lines[i].error);
+    }
+}
+
+void tq_SocketTraceQueue(int level, const char* pszFormat, int handle, int socket, int error) {
+    tq_GatePass pass(gSocketGate);
+    if (pass && pszFormat) {
+        tq_ListLock lock(pListOfSockets);
+        QueueTraceLocked(level, pszFormat, static_cast<unsigned int>(handle), static_cast<unsigned int>(socket), error);
+    }
+}
+
+void tq_SocketTraceFlush() {
+    tq_GatePass pass(gSocketGate);
+    if (pass) {
+        FlushTraceQueue();
+    }
+}
+
+int tq_SocketGetLastError(bool bUsehError) {
+    return bUsehError ? h_errno : errno;
+}
+
+// Receiving
+
+namespace {
+
+/// Takes blocks off the head of the inbound data; the bytes copied.
+unsigned int TakeInputLocked(SOCKET_INSTANCE* pSocket, unsigned char* data, unsigned int len) {
+    unsigned int taken = 0;
+    while (taken < len && pSocket->DataInCount != 0) {
+        DATA_BLOCK* pBlock = static_cast<DATA_BLOCK*>(pSocket->pDataInList->GetHead());
+        if (!pBlock) {
+            break;
+        }
+        const unsigned int room = len - taken;
+        const unsigned int piece = pBlock->size < room ? pBlock->size : room;
+        memcpy(data + taken, pBlock->data + pBlock->offset, piece);
+        taken += piece;
+        pBlock->offset += piece;
+        pBlock->size -= piece;
+        pSocket->DataInCount -= piece;
+        if (pBlock->size == 0) {
+            tq_free(pSocket->pDataInList->RemoveHead());
+        }
+    }
+    return taken;
+}
+
+} // namespace
+
+unsigned int tq_SocketRecv(unsigned int hSocket, unsigned char* data, unsigned int len) {
+    if (!data || len == 0) {
+        TraceSockets(TQ_TRACE_LEVEL_INFORMATIONAL,
+                     "tqos Sockets: tq_SocketRecv() called with data pointer: 0x%x and data len: %u for socket: %u.\n",
+                     static_cast<unsigned int>(reinterpret_cast<unsigned long>(data)), len, hSocket);
+        return 0;
+    }
+    unsigned int taken = 0;
+    unsigned int descriptor = 0;
+    {
+        tq_SocketAccess socket(hSocket);
+        if (!socket) {
+            return 0;
+        }
+        RecordSocketEventLocked(socket.Record(), SOCKET_EVENT_RECV);
+        if (socket->DataInCount == 0) {
+            return 0;
+        }
+        const bool bCapped = socket->DataInCount >= socket->DataInCap;
+        taken = TakeInputLocked(socket.Record(), data, len);
+        const bool bUnCapped = bCapped && socket->DataInCount < socket->DataInCap;
+        if (bUnCapped || HasFlushed(socket.Record())) {
+            SpinBreaker(); // the worker reads again, or cleans up
+        }
+        if (!bUnCapped) {
+            return taken;
+        }
+        descriptor = socket->socket;
+    }
+    TraceSockets(TQ_TRACE_LEVEL_DEBUG_LOW,
+                 "tqos Sockets: Inside Recv() - UnCapping so SpinBreaker for socket: %u  handle: %u.\n", descriptor,
+                 hSocket);
+    return taken;
+}
+
+unsigned int tq_SocketDataAvailable(unsigned int hSocket) {
+    tq_SocketAccess socket(hSocket);
+    return socket ? socket->DataInCount : 0;
+}
+
+// Sending
+
+int SendNow(const SOCKET_INSTANCE* pSocket, const unsigned char* data, unsigned int len,
+            const struct sockaddr_in* pDestination) {
+    const int descriptor = static_cast<int>(pSocket->socket);
+    const ssize_t sent = pSocket->type == SOCKET_TYPE_TCP
+                             ? send(descriptor, data, len, MSG_NOSIGNAL)
+                             : sendto(descriptor, data, len, MSG_NOSIGNAL,
+                                      reinterpret_cast<const struct sockaddr*>(pDestination), sizeof(*pDestination));
+    return static_cast<int>(sent);
+}
+
+namespace {
+
+/// How a send ended, for its trace line.
+enum class SendOutcome { kUnknownSocket, kClosedSocket, kFailed, kSent };
+
+/// A copy of a socket's name that outlives the lock. Short names, which all but few are, take no allocation.
+class NameCopy {
+public:
+    NameCopy() { m_short[0] = '\0'; }
+    ~NameCopy() { tq_free(m_pszLong); }
+    NameCopy(const NameCopy&) = delete;
+    NameCopy& operator=(const NameCopy&) = delete;
+
+    void Take(const char* pszName) {
+        const size_t length = strlen(pszName);
+        if (length < sizeof(m_short)) {
+            memcpy(m_short, pszName, length + 1);
+            return;
+        }
+        m_pszLong = tq_newString(pszName);
+    }
+    const char* Text() const { return m_pszLong ? m_pszLong : m_short; }
+
+private:
+    char m_short[128];
+    char* m_pszLong = nullptr;
+};
+
+struct Sending {
+    const unsigned char* data;
+    unsigned int len;
+    struct sockaddr_in destination;
+    unsigned int accepted; ///< the result
+    int error;             ///< of the direct send
+    SendOutcome outcome;
+};
+
+/// Copies the rest behind what is queued; false without memory.
+bool QueueOutputLocked(SOCKET_INSTANCE* pSocket, const Sending& sending, unsigned int sent, unsigned int bytes) {
+    DATA_BLOCK* pBlock = MakeDataBlock(bytes);
+    if (!pBlock) {
+        return false;
+    }
+    pBlock->dstaddress = sending.destination;
+    pBlock->size = bytes;
+    memcpy(pBlock->data, sending.data + sent, bytes);
+    if (!AppendBlockLocked(pSocket, &pSocket->pDataOutList, pBlock)) {
+        tq_free(pBlock);
+        return false;
+    }
+    pSocket->DataOutCount += bytes;
+    return true;
+}
+
+/// Queues as much of what did not go out as the out cap allows; the bytes accepted in all.
+unsigned int QueueRestLocked(SOCKET_INSTANCE* pSocket, const Sending& sending, unsigned int sent) {
+    const unsigned int rest = sending.len - sent;
+    if (pSocket->DataOutCap < pSocket->DataOutCount) {
+        // Deliberate: 0, where a reader would expect what did go out. A sender above the cap is to stop, and does.
+        pSocket->PendingWrite = 1;
+        return 0;
+    }
+    const unsigned int room = pSocket->DataOutCap - pSocket->DataOutCount;
+    const unsigned int bytes = rest < room ? rest : room;
+    pSocket->PendingWrite = bytes < rest ? 1 : 0;
+    if (bytes != 0 && !QueueOutputLocked(pSocket, sending, sent, bytes)) {
+        return 0;
+    }
+    return sent + bytes;
+}
+
+/// Sends at once when nothing waits before it, and queues the rest.
+void SendLocked(SOCKET_INSTANCE* pSocket, Sending& sending) {
+    if (pSocket->state == SOCKET_STATE_CLOSED) {
+        sending.outcome = SendOutcome::kClosedSocket;
+        return;
+    }
+    sending.outcome = SendOutcome::kSent;
+    unsigned int sent = 0;
+    bool bShort = false;
+    if (!pSocket->pDataOutList || pSocket->pDataOutList->NodeCount() == 0) {
+        const int result = SendNow(pSocket, sending.data, sending.len, &sending.destination);
+        if (result < 0) {
+            sending.error = errno;
+            sending.outcome = SendOutcome::kFailed;
+        } else {
+            sent = static_cast<unsigned int>(result);
+        }
+        bShort = sent < sending.len;
+    }
+    sending.accepted = sent;
+    if (sent < sending.len) {
+        sending.accepted = QueueRestLocked(pSocket, sending, sent);
+    }
+    if (bShort) {
+        SpinBreaker(); // the worker has to watch for writing from now on
+    }
+}
+
+void TraceSending(unsigned int hSocket, const Sending& sending, const char* pszName) {
+    switch (sending.outcome) {
+    case SendOutcome::kUnknownSocket:
+        TraceSockets(TQ_TRACE_LEVEL_INFORMATIONAL,
+                     "tqos Sockets: tq_SocketSendTo() called for unknown socket: %u wanting to send %u bytes.\n",
+                     hSocket, sending.len);
+        break;
+    case SendOutcome::kClosedSocket:
+        TraceSockets(TQ_TRACE_LEVEL_INFORMATIONAL,
+                     "tqos Sockets: tq_SocketSendTo() called for closed socket: %u (%s) wanting to send %u bytes.\n",
+                     hSocket, pszName, sending.len);
+        break;
+    case SendOutcome::kFailed:
+        TraceSockets(
+            TQ_TRACE_LEVEL_INFORMATIONAL,
+            "tqos Sockets: tq_SocketSendTo() received error: %u for socket: %u (%s) wanting to send %u bytes.\n",
+            static_cast<unsigned int>(sending.error), hSocket, pszName, sending.len);
+        break;
+    case SendOutcome::kSent:
+        TraceSockets(TQ_TRACE_LEVEL_DEBUG,
+                     "tqos Sockets: tq_SocketSendTo() sent %u bytes for socket: %u (%s) wanting to send %u bytes.\n",
+                     sending.accepted, hSocket, pszName, sending.len);
+        break;
+    }
+}
+
+} // namespace
+
+unsigned int tq_SocketSendToInternal(unsigned int hSocket, const unsigned char* data, unsigned int len,
+                                     unsigned int destIP, unsigned int destPort, bool bEnableTracing) {
+    if (!data) {
+        return 0;
+    }
+    tq_GatePass pass(gSocketGate);
+    if (!pass) {
+        return 0;
+    }
+    Sending sending = {data, len, {}, 0, 0, SendOutcome::kUnknownSocket};
+    NameCopy name;
+    {
+        tq_SocketAccess socket(hSocket);
+        if (socket) {
+            RecordSocketEventLocked(socket.Record(), SOCKET_EVENT_SEND);
+            if (bEnableTracing) {
+                name.Take(socket->pszName ? socket->pszName : "Unknown");
+            }
+            sending.destination.sin_family = AF_INET;
+            sending.destination.sin_port = destPort ? htons(static_cast<uint16_t>(destPort)) : socket->dstaddr.sin_port;
+            sending.destination.sin_addr.s_addr = destIP ? destIP : socket->dstaddr.sin_addr.s_addr;
+            SendLocked(socket.Record(), sending);
+        }
+    }
+    if (bEnableTracing) {
+        TraceSending(hSocket, sending, name.Text());
+    }
+    return sending.accepted;
+}
+
+unsigned int tq_SocketSendTo(unsigned int hSocket, const unsigned char* data, unsigned int len, unsigned int destIP,
+                             unsigned int destPort) {
+    return tq_SocketSendToInternal(hSocket, data, len, destIP, destPort, /*bEnableTracing=*/true);
+}
+
+unsigned int tq_SocketSendToNoTrace(unsigned int hSocket, const unsigned char* data, unsigned int len,
+                                    unsigned int destIP, unsigned int destPort) {
+    return tq_SocketSendToInternal(hSocket, data, len, destIP, destPort, /*bEnableTracing=*/false);
+}
+
+// Closing
+
+namespace {
+
+/// Lets go of a socket as far as the flags allow; what they keep is left to the worker.
+void CloseLocked(SOCKET_INSTANCE* pSocket, unsigned int Flags) {
+    if (pSocket->state == SOCKET_STATE_CLOSED && pSocket->flush == 0) {
+        Flags = 0;
+    }
+    const bool bDrain = (Flags & TQ_SOCKET_FLUSH_OUT) != 0;
+    if (!(Flags & TQ_SOCKET_FLUSH_OUT)) {
+        pSocket->DataOutCount = 0;
+    }
+    if (!(Flags & TQ_SOCKET_FLUSH_IN)) {
+        pSocket->DataInCount = 0;
+    }
+    pSocket->PendingWrite = 0;
+    pSocket->state = SOCKET_STATE_CLOSED;
+    if (pSocket->DataOutCount == 0 && pSocket->DataInCount == 0) {
+        Flags = 0;
+    }
+    if (Flags != 0) {
+        pSocket->flush = Flags;
+    } else {
+        RemoveSocketLocked(pSocket);
+        CleanUpSocket(pSocket, bDrain);
+    }
+    SpinBreaker();
+}
+
+} // namespace
+
+unsigned int FlushAndCloseSocket(unsigned int hSocket, unsigned int Flags, const char* File, unsigned int Line) {
+    bool bFound = false;
+    {
+        tq_ListLock lock(pListOfSockets);
+        SOCKET_INSTANCE* pSocket = FindSocketLocked(hSocket);
+        if (pSocket) {
+            bFound = true;
+            CloseLocked(pSocket, Flags);
+        }
+    }
+    if (!bFound) {
+        TraceSockets(TQ_TRACE_LEVEL_INFORMATIONAL,
+                     "tqos Sockets: tq_SocketClose() called for unknown socket: %u from File: %s, Line: %u.\n", hSocket,
+                     File ? File : "(null)", Line);
+        return 1;
+    }
+    TraceSockets(TQ_TRACE_LEVEL_DEBUG, "tqos Sockets: tq_SocketClose() called for socket: %u.\n", hSocket);
+    return 0;
+}
+
+unsigned int tq__SocketFlushAndClose(unsigned int hSocket, unsigned int Flags, const char* File, unsigned int Line) {
+    tq_GatePass pass(gSocketGate);
+    return pass ? FlushAndCloseSocket(hSocket, Flags, File, Line) : 1;
+}
+
+unsigned int tq__SocketClose(unsigned int hSocket, const char* File, unsigned int Line) {
+    return tq__SocketFlushAndClose(hSocket, 0, File, Line);
+}
+
+bool tq_SocketCloseFromTelnet(unsigned int hSocket) {
+    tq_SocketAccess socket(hSocket);
+    if (!socket) {
+        return false;
+    }
+    if (socket->socket != kNoDescriptor) {
+        CloseDescriptor(socket->socket, /*bDrain=*/false);
+        socket->socket = kNoDescriptor; // by now the number may be another file's: it is never closed again
+    }
+    socket->DataOutCount = 0;
+    SendSocketClosedLocked(socket.Record(), 0);
+    SpinBreaker();
+    return true;
+}
+
+// Caps, options and the application's values
+
+void tq_SocketSetDataInCap(unsigned int hSocket, unsigned int MaxBytesToCache) {
+    tq_SocketAccess socket(hSocket);
+    if (!socket) {
+        return;
+    }
+    const bool bCapped = socket->DataInCount >= socket->DataInCap;
+    socket->DataInCap = MaxBytesToCache;
+    if (bCapped && socket->DataInCount < socket->DataInCap) {
+        SpinBreaker();
+    }
+}
+
+void tq_SocketSetDataOutCap(unsigned int hSocket, unsigned int MaxBytesToCache) {
+    tq_SocketAccess socket(hSocket);
+    if (socket) {
+        socket->DataOutCap = MaxBytesToCache;
+    }
+}
+
+void tq_SocketSetWritePercentageNotification(unsigned int hSocket, unsigned int PercentRemaining) {
+    tq_SocketAccess socket(hSocket);
+    if (socket) {
+        socket->PendingWritePercentage = PercentRemaining > 100 ? 100 : PercentRemaining;
+    }
+}
+
+unsigned int tq_SocketGetWritePercentageNotification(unsigned int hSocket) {
+    tq_SocketAccess socket(hSocket);
+    return socket ? socket->PendingWritePercentage : 0;
+}
+
+int tq_SocketSetOpt(int hSocket, int level, int optname, const void* optval, int optlen) {
+    tq_SocketAccess socket(static_cast<unsigned int>(hSocket));
+    if (!socket) {
+        errno = ENOTSOCK;
+        return -1;
+    }
+    return setsockopt(static_cast<int>(socket->socket), level, optname, optval, static_cast<socklen_t>(optlen));
+}
+
+int tq_SocketGetOpt(int hSocket, int level, int optname, void* optval, int* optlen) {
+    tq_SocketAccess socket(static_cast<unsigned int>(hSocket));
+    if (!socket) {
+        errno = ENOTSOCK;
+        return -1;
+    }
+    return getsockopt(static_cast<int>(socket->socket), level, optname, optval, reinterpret_cast<socklen_t*>(optlen));
+}
+
+void tq_SocketSetSendBufSize(unsigned int hSocket, unsigned int SendBufSize) {
+    if (hSocket == 0) {
+        ulDefault_SendSize = SendBufSize;
+        return;
+    }
+    tq_SocketAccess socket(hSocket);
+    if (socket) {
+        setsockopt(static_cast<int>(socket->socket), SOL_SOCKET, SO_SNDBUF, &SendBufSize, sizeof(SendBufSize));
+    }
+}
+
+void tq_SocketSetReceiveBufSize(unsigned int hSocket, unsigned int ReceiveBufSize) {
+    if (hSocket == 0) {
+        ulDefault_ReceiveSize = ReceiveBufSize;
+        return;
+    }
+    tq_SocketAccess socket(hSocket);
+    if (socket) {
+        setsockopt(static_cast<int>(socket->socket), SOL_SOCKET, SO_RCVBUF, &ReceiveBufSize, sizeof(ReceiveBufSize));
+    }
+}
+
+void tq_SocketEnableBroadcasting(unsigned int hSocket) {
+    tq_SocketAccess socket(hSocket);
+    if (socket) {
+        const int on = 1;
+        setsockopt(static_cast<int>(socket->socket), SOL_SOCKET, SO_BROADCAST, &on, sizeof(on));
+    }
+}
+
+unsigned int tq_SocketGetBoundPort(unsigned int hSocket) {
+    tq_SocketAccess socket(hSocket);
+    return socket ? ntohs(socket->srcaddr.sin_port) : 0;
+}
+
+unsigned int tq_SocketGetSrcAddress(unsigned int hSocket) {
+    tq_SocketAccess socket(hSocket);
+    return socket ? socket->srcaddr.sin_addr.s_addr : 0;
+}
+
+unsigned int tq_SocketGetUserParm(int hSocket) {
+    tq_SocketAccess socket(static_cast<unsigned int>(hSocket));
+    return socket ? socket->UserParm : 0;
+}
+
+void tq_SocketSetUserParm(int hSocket, unsigned int UserParm) {
+    tq_SocketAccess socket(static_cast<unsigned int>(hSocket));
+    if (socket) {
+        socket->UserParm = UserParm;
+    }
+}
+
+void tq_SocketSetName(unsigned int hSocket, const char* name) {
+    tq_SocketAccess socket(hSocket);
+    if (socket) {
+        tq_SocketSetNameInternal(socket.Record(), name);
+    }
+}
+
+// Start and stop
+
+namespace {
+
+std::mutex gUsersMutex;  // guards the count of users and this; innermost
+bool gbStopping = false; ///< from the last user's going until everything is unmade
+
+unsigned int MakeSyncObjects() {
+    pListOfSockets = tq_newObject<tq_List>("TQOS: All Sockets");
+    pListOfSocketsInSets = tq_newObject<tq_List>("TQOS: Sockets Currently In a set");
+    pSyncEvent1 = tq_newObject<tq_SemEvent>(1, 0);
+    pSyncEvent2 = tq_newObject<tq_SemEvent>(1, 0);
+    pSocketTerminateSem = tq_newObject<tq_SemCritSec>(true);
+    pBreakerResetSem = tq_newObject<tq_SemCritSec>(true);
+    pSocketGetHostByNameSem = tq_newObject<tq_SemCritSec>(true);
+    if (!pListOfSockets || !pListOfSocketsInSets || !pSyncEvent1 || !pSyncEvent2 || !pSocketTerminateSem ||
+        !pBreakerResetSem || !pSocketGetHostByNameSem) {
+        return 1;
+    }
+    // An event that could not get its inside lets everybody through at once; the start could not rely on it.
+    return pSyncEvent1->Reset() && pSyncEvent2->Reset() ? 0 : 1;
+}
+
+unsigned int ReadInterfaces() {
+    RefreshInterfaceTable();
+    return 0;
+}
+
+unsigned int (*const kStartSteps[])() = {MakeSyncObjects, ReadInterfaces, StartSocketWorker};
+
+/// Runs the steps in order; on a failure says how many had succeeded.
+unsigned int RunStartSteps(unsigned int* pSucceeded) {
+    *pSucceeded = 0;
+    for (unsigned int (*step)() : kStartSteps) {
+        const unsigned int error = step();
+        if (error != 0) {
+            return error;
+        }
+        ++*pSucceeded;
+    }
+    return 0;
+}
+
+void CleanUpRecords() {
+    tq_ListLock lock(pListOfSockets);
+    while (pListOfSocketsInSets->RemoveHead()) {
+    }
+    while (void* pSocket = pListOfSockets->RemoveHead()) {
+        CleanUpSocket(static_cast<SOCKET_INSTANCE*>(pSocket), /*bDrain=*/false);
+    }
+}
+
+void DestroySyncObjects() {
+    tq_deleteObject(pSocketTerminateSem);
+    tq_deleteObject(pBreakerResetSem);
+    tq_deleteObject(pSocketGetHostByNameSem);
+    tq_deleteObject(pSyncEvent1);
+    tq_deleteObject(pSyncEvent2);
+    tq_deleteObject(pListOfSocketsInSets);
+    tq_deleteObject(pListOfSockets);
+    pSocketTerminateSem = pBreakerResetSem = pSocketGetHostByNameSem = nullptr;
+    pSyncEvent1 = pSyncEvent2 = nullptr;
+    pListOfSocketsInSets = pListOfSockets = nullptr;
+}
+
+/// Counts a user on; true for the first, who has to start the layer. *pbStopping: it is just being unmade.
+bool PutUserOn(bool* pbStopping) {
+    std::lock_guard<std::mutex> lock(gUsersMutex);
+    *pbStopping = gbStopping;
+    return !gbStopping && gTQSocketsInitialized++ == 0;
+}
+
+/// Counts one user off; true for the last, who has to unmake the layer. The library's own end is everybody's.
+bool TakeUserOff() {
+    std::lock_guard<std::mutex> lock(gUsersMutex);
+    if (gTQSocketsInitialized == 0) {
+        return false;
+    }
+    gTQSocketsInitialized = tqos_Intialized == 0 ? 0 : gTQSocketsInitialized - 1;
+    gbStopping = gTQSocketsInitialized == 0;
+    return gbStopping;
+}
+
+void ReportStopped() {
+    std::lock_guard<std::mutex> lock(gUsersMutex);
+    gbStopping = false;
+}
+
+} // namespace
+
+unsigned int tq_SocketInitialize() {
+    tq_LazyStart start(__FILE__, __LINE__);
+    if (!start) {
+        return 1;
+    }
+    bool bStopping = false;
+    if (!PutUserOn(&bStopping)) {
+        return bStopping ? 1 : 0;
+    }
+    bTerminate = false;
+    gbWakeUpPending = false;
+    gTraceStructCount = 0;
+    memset(g_localAddresses, 0, sizeof(g_localAddresses));
+    g_localAddressCount = 0;
+    unsigned int succeeded = 0;
+    const unsigned int error = RunStartSteps(&succeeded);
+    if (error == 0) {
+        gSocketGate.Open();
+        return 0;
+    }
+    tq_SocketTerminate(succeeded);
+    char message[80];
+    snprintf(message, sizeof(message), "TQOS Sockets Layer failed to initialize! error=%d\n", static_cast<int>(error));
+    LogCriticalError(message, /*bAbort=*/false, TQ_TRACE_LEVEL_SEVERE, TQ_TRACE_CAT_SOCKETS);
+    return error;
+}
+
+void CheckForInitialization() {
+    if (gSocketGate.IsOpen()) {
+        return;
+    }
+    tq_LazyStart start(__FILE__, __LINE__);
+    if (start && gTQSocketsInitialized == 0) {
+        tq_SocketInitialize();
+    }
+}
+
+void tq_SocketTerminate(unsigned int errorLevel) {
+    if (!TakeUserOff()) {
+        return;
+    }
+    if (pSocketTerminateSem && pBreakerResetSem && pListOfSockets) {
+        StopSocketWorker();
+    }
+    gSocketGate.Close();
+    if (pListOfSockets && pListOfSocketsInSets &&
+        ((errorLevel >= 1 && errorLevel <= 3) || errorLevel == kCleansUpRecords)) {
+        CleanUpRecords();
+    }
+    if (BrkrSocket >= 0) {
+        close(BrkrSocket);
+        BrkrSocket = -1;
+    }
+    DestroySyncObjects();
+    ReportStopped();
+}
+
+void tq_SocketStopWorkerThread() {
+    tq_GatePass pass(gSocketGate);
+    if (pass) {
+        StopSocketWorker();
+    }
+}

@@ -1,0 +1,1026 @@
+// The sockets thread: what it waits for, what it does when a socket is ready, and the breaker that wakes it.
+#include "tq_Socket_p.h"
+
+#include <arpa/inet.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/ioctl.h>
+#include <sys/select.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "tq_Base.h"
+#include "tq_Handle.h"
+#include "tq_HeldLocks_p.h"
+#include "tq_Memory.h"
+#include "tq_Thread.h"
+#include "tq_Thread_p.h"
+#include "tq_Time.h"
+
+// Settings
+
+namespace {
+
+constexpr unsigned int kPaceMs = 5000;       // longest wait, and how often the interfaces are looked at
+constexpr unsigned int kMemoryPauseMs = 100; // before a read is tried again that found no memory
+constexpr unsigned int kWorkerStack = 4096;  // what the platform refuses runs on its default
+constexpr unsigned int kBreakerPiece = 64;
+constexpr unsigned int kMostSendErrors = 4; // in a row, before a block is given up
+constexpr int kConnectRefused = 111;
+
+} // namespace
+
+// State
+
+unsigned int BrkrPort = 0;
+
+namespace {
+
+unsigned int SocketThreadId = 0;
+unsigned int gLastInterfaceCheck = 0; // the worker's own
+
+/// What starter and worker tell each other while a breaker is set up; each writes before the event it sets next.
+struct Handshake {
+    int workerError;            ///< 0: listening, or serving
+    unsigned short starterPort; ///< network byte order: the port of the starter's end; 0: it has given up
+};
+Handshake gHandshake;
+
+/// A kind of work that is left alone for a while, since trying it again at once would fail again. The worker's own.
+class Pause {
+public:
+    void Begin(unsigned int ms) {
+        m_bOn = true;
+        m_since = tq_GetTimeInMS();
+        m_ms = ms;
+    }
+    void End() { m_bOn = false; }
+    /// Milliseconds that remain, 0 when there is no pause (any more).
+    unsigned int Remaining() {
+        const unsigned int elapsed = m_bOn ? tq_GetTimeInMS() - m_since : m_ms;
+        m_bOn = m_bOn && elapsed < m_ms;
+        return m_bOn ? m_ms - elapsed : 0;
+    }
+    bool IsOn() const { return m_bOn; }
+
+private:
+    bool m_bOn = false;
+    unsigned int m_since = 0;
+    unsigned int m_ms = 0;
+};
+
+Pause gAcceptPause; // no descriptor was left; ends early when the layer gives one back
+Pause gReadPause;   // no memory was left
+
+} // namespace
+
+// Descriptor sets
+
+namespace {
+
+/// The three sets of a select() call, as wide as the highest descriptor needs. The C library's own type ends at 1024
+/// descriptors; the call itself takes any length.
+class DescriptorSets {
+public:
+    enum Kind { kRead, kWrite, kException, kKinds };
+
+    DescriptorSets() = default;
+    ~DescriptorSets() { tq_free(m_pGrown); }
+    DescriptorSets(const DescriptorSets&) = delete;
+    DescriptorSets& operator=(const DescriptorSets&) = delete;
+
+    void Clear() {
+        memset(m_pWords, 0, kKinds * m_words * sizeof(Word));
+        m_count = 0;
+    }
+
+    /// False without memory; the descriptor is then not watched.
+    bool Add(Kind kind, unsigned int descriptor) {
+        if (!GrowFor(descriptor)) {
+            return false;
+        }
+        WordOf(kind, descriptor) |= BitOf(descriptor);
+        m_count = descriptor >= m_count ? descriptor + 1 : m_count;
+        return true;
+    }
+
+    bool Has(Kind kind, unsigned int descriptor) const {
+        return descriptor < m_count && (m_pWords[kind * m_words + descriptor / kWordBits] & BitOf(descriptor)) != 0;
+    }
+
+    /// Waits; afterwards the sets hold what is ready. Returns how many are, or minus the system error.
+    int Wait(unsigned int ms) {
+        struct timeval timeout;
+        timeout.tv_sec = static_cast<time_t>(ms / 1000);
+        timeout.tv_usec = static_cast<suseconds_t>((ms % 1000) * 1000);
+        const int ready = select(static_cast<int>(m_count), Set(kRead), Set(kWrite), Set(kException), &timeout);
+        return ready < 0 ? -errno : ready;
+    }
+
+private:
+    typedef unsigned long Word;
+    static constexpr unsigned int kWordBits = 8 * sizeof(Word);
+    static constexpr unsigned int kFirstWords = FD_SETSIZE / kWordBits;
+
+    static Word BitOf(unsigned int descriptor) { return static_cast<Word>(1) << (descriptor % kWordBits); }
+    Word& WordOf(Kind kind, unsigned int descriptor) { return m_pWords[kind * m_words + descriptor / kWordBits]; }
+    fd_set* Set(Kind kind) { return reinterpret_cast<fd_set*>(m_pWords + kind * m_words); }
+
+    bool GrowFor(unsigned int descriptor) {
+        if (descriptor / kWordBits < m_words) {
+            return true;
+        }
+        unsigned int words = m_words;
+        while (words <= descriptor / kWordBits) {
+            words *= 2;
+        }
+        Word* pWords = static_cast<Word*>(tq_calloc(kKinds * words, sizeof(Word)));
+        if (!pWords) {
+            return false;
+        }
+        for (unsigned int kind = 0; kind < kKinds; ++kind) {
+            memcpy(pWords + kind * words, m_pWords + kind * m_words, m_words * sizeof(Word));
+        }
+        tq_free(m_pGrown);
+        m_pWords = m_pGrown = pWords;
+        m_words = words;
+        return true;
+    }
+
+    Word m_first[kKinds * kFirstWords] = {}; // so that waking never depends on memory
+    Word* m_pGrown = nullptr;
+    Word* m_pWords = m_first;
+    unsigned int m_words = kFirstWords; ///< of each set
+    unsigned int m_count = 0;           ///< highest descriptor plus 1
+};
+
+} // namespace
+
+// Reading
+
+bool IsHarmlessReadError(unsigned int type, int error) {
+    return error == EAGAIN || (type == SOCKET_TYPE_UDP && error == ECONNRESET);
+}
+
+namespace {
+
+/// Leaves what waits in the system until there may be memory for it again.
+int LeaveForLater() {
+    gReadPause.Begin(kMemoryPauseMs);
+    return EAGAIN;
+}
+
+/// Reads a piece of a stream into a new block. Returns 0, or the system error.
+int HandleReadableStream(SOCKET_INSTANCE* pSocket, unsigned int waiting) {
+    const unsigned int room = pSocket->DataInCap > pSocket->DataInCount ? pSocket->DataInCap - pSocket->DataInCount : 0;
+    const unsigned int bytes = waiting < room ? waiting : room;
+    if (bytes == 0) {
+        return EAGAIN; // the cap was lowered meanwhile, which is no failure of the socket
+    }
+    // The block is in the list before it is filled: what was read from the system could not be put back.
+    DATA_BLOCK* pBlock = MakeDataBlock(bytes);
+    if (!pBlock) {
+        return LeaveForLater();
+    }
+    if (!AppendBlockLocked(pSocket, &pSocket->pDataInList, pBlock)) {
+        tq_free(pBlock);
+        return LeaveForLater();
+    }
+    errno = 0;
+    const ssize_t received = recvfrom(static_cast<int>(pSocket->socket), pBlock->data, bytes, 0, nullptr, nullptr);
+    if (received < 1) {
+        const int error = errno;
+        tq_free(pSocket->pDataInList->RemoveTail());
+        return error;
+    }
+    pBlock->size = static_cast<unsigned int>(received);
+    pSocket->DataInCount += pBlock->size;
+    SendSocketMessageLocked(pSocket, MSG_SOCKET_DATASTREAM);
+    return 0;
+}
+
+/// Receives a datagram of so many bytes straight into its message. Returns 0, or the system error.
+int HandleReadableDatagram(SOCKET_INSTANCE* pSocket, unsigned int waiting) {
+    constexpr unsigned int kAllButData = sizeof(SOCKET_DATAGRAM) - 1;
+    // Deliberate: 3 bytes more than header, fields and data. Receivers take the length of the data as size less 43.
+    SOCKET_DATAGRAM* pMsg = static_cast<SOCKET_DATAGRAM*>(tq_malloc(kAllButData + waiting));
+    if (!pMsg) {
+        return LeaveForLater();
+    }
+    struct sockaddr_in sender;
+    memset(&sender, 0, sizeof(sender));
+    socklen_t senderLength = sizeof(sender);
+    const ssize_t received = recvfrom(static_cast<int>(pSocket->socket), pMsg->data, waiting, 0,
+                                      reinterpret_cast<struct sockaddr*>(&sender), &senderLength);
+    if (received < 1) {
+        const int error = received < 0 ? errno : 0;
+        tq_free(pMsg);
+        return error;
+    }
+    memset(pMsg, 0, offsetof(SOCKET_DATAGRAM, data));
+    pMsg->msg.hDest = pSocket->hMsgQ;
+    pMsg->msg.size = static_cast<unsigned int>(received) + kAllButData;
+    pMsg->msg.command = MSG_SOCKET_DATAGRAM;
+    pMsg->msg.instance = pSocket->handle;
+    pMsg->msg.userparm = pSocket->UserParm;
+    pMsg->srcaddress = sender.sin_addr.s_addr;
+    pMsg->srcport = ntohs(sender.sin_port);
+    pMsg->length = static_cast<unsigned int>(received);
+    if (!tq_MsgSend(&pMsg->msg, /*bAddToHead=*/false, TQ_MSG_PRIORITY_MEDIUM)) {
+        tq_free(pMsg);
+    }
+    return 0;
+}
+
+/// A datagram socket is readable and the system counts no bytes: the next datagram is empty, or there is none.
+int HandleEmptyDatagram(SOCKET_INSTANCE* pSocket) {
+    const int descriptor = static_cast<int>(pSocket->socket);
+    const ssize_t waiting = recv(descriptor, nullptr, 0, MSG_PEEK | MSG_TRUNC);
+    if (waiting > 0) { // it came only now
+        return HandleReadableDatagram(pSocket, static_cast<unsigned int>(waiting));
+    }
+    if (waiting < 0 || recv(descriptor, nullptr, 0, 0) < 0) {
+        return errno;
+    }
+    return 0;
+}
+
+void HandlePeerClosed(SOCKET_INSTANCE* pSocket, int error) {
+    QueueTraceLocked(TQ_TRACE_LEVEL_INFORMATIONAL,
+                     "tqos Sockets: In HandleReadable(), handle: %u (socket %u) just failed ioctlsocket(FIONREAD): "
+                     "(errno=%d)\n",
+                     pSocket->handle, pSocket->socket, error);
+    SendSocketClosedLocked(pSocket, 0);
+}
+
+// What is called by the state table below. True only when the breaker is broken.
+
+bool ReadWaiting(SOCKET_INSTANCE* pSocket) {
+    int waiting = 0;
+    errno = 0;
+    const int result = ioctl(static_cast<int>(pSocket->socket), FIONREAD, &waiting);
+    int error = errno;
+    if (result >= 0 && waiting == 0 && pSocket->type == SOCKET_TYPE_TCP) {
+        HandlePeerClosed(pSocket, error);
+        return false;
+    }
+    if (result >= 0) {
+        const unsigned int bytes = static_cast<unsigned int>(waiting);
+        if (pSocket->type == SOCKET_TYPE_TCP) {
+            error = HandleReadableStream(pSocket, bytes);
+        } else {
+            error = bytes ? HandleReadableDatagram(pSocket, bytes) : HandleEmptyDatagram(pSocket);
+        }
+    }
+    if (error != 0 && !IsHarmlessReadError(pSocket->type, error)) {
+        QueueTraceLocked(TQ_TRACE_LEVEL_WARNING,
+                         "tqos Sockets: In HandleReadable(), handle: %u (socket: %u) just failed: (errno=%d)\n",
+                         pSocket->handle, pSocket->socket, error);
+        SendSocketClosedLocked(pSocket, error);
+    }
+    return false;
+}
+
+bool DrainWakeUps(SOCKET_INSTANCE* pSocket) {
+    char discarded[kBreakerPiece];
+    errno = 0;
+    const ssize_t received = recv(static_cast<int>(pSocket->socket), discarded, sizeof(discarded), 0);
+    const int error = errno;
+    gbWakeUpPending = false;
+    if (received > 0 || (received < 0 && error == EAGAIN)) {
+        return false;
+    }
+    QueueTraceLocked(TQ_TRACE_LEVEL_SEVERE,
+                     "tqos Sockets: The Breaker Socket received (%d%d) error:%d when calling recv()!\n", 0, 0, error);
+    return true;
+}
+
+} // namespace
+
+// Accepting
+
+namespace {
+
+bool IsShortage(int error) {
+    return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
+}
+
+/// Accepts into the record; false when there was nothing to accept, or no descriptor for it.
+bool AcceptInto(SOCKET_INSTANCE* pNew, unsigned int listener) {
+    struct sockaddr_storage peer;
+    memset(&peer, 0, sizeof(peer));
+    socklen_t length = sizeof(peer);
+    gbDescriptorClosed = false;
+    const int descriptor =
+        accept4(static_cast<int>(listener), reinterpret_cast<struct sockaddr*>(&peer), &length, SOCK_CLOEXEC);
+    if (descriptor < 0) {
+        if (IsShortage(errno)) {
+            gAcceptPause.Begin(kPaceMs);
+        }
+        return false;
+    }
+    pNew->socket = static_cast<unsigned int>(descriptor);
+    if (peer.ss_family == AF_INET) {
+        memcpy(&pNew->dstaddr, &peer, sizeof(pNew->dstaddr));
+    } else if (peer.ss_family == AF_UNIX) {
+        memcpy(&pNew->un_addr, &peer, sizeof(pNew->un_addr));
+    }
+    return true;
+}
+
+/// Deliberate: the sizes go to the listener, not to the socket just accepted. Later connections inherit them; this one
+/// does not.
+constexpr PFN_DESCRIPTOR_STEP kListenerSteps[] = {SetDefaultBufferSizes};
+constexpr PFN_DESCRIPTOR_STEP kAcceptedSteps[] = {EnableKeepAlive, EnableDebug, MakeNonBlocking, SetLinger};
+
+/// Tells the listener's queue of a new socket that is in the list already; false when it could not be told.
+bool AnnounceConnection(const SOCKET_INSTANCE* pListener, const SOCKET_INSTANCE* pNew) {
+    SOCKET_NEW_CONNECTION* pMsg = static_cast<SOCKET_NEW_CONNECTION*>(tq_calloc(1, sizeof(SOCKET_NEW_CONNECTION)));
+    if (!pMsg) {
+        return false;
+    }
+    pMsg->msg.hDest = pListener->hMsgQ;
+    pMsg->msg.size = sizeof(SOCKET_NEW_CONNECTION);
+    pMsg->msg.command = MSG_SOCKET_NEW_CONNECTION;
+    pMsg->msg.instance = pListener->handle;
+    pMsg->msg.userparm = pNew->UserParm;
+    pMsg->new_socket = pNew->handle;
+    pMsg->srcaddress = pNew->dstaddr.sin_addr.s_addr;
+    if (!tq_MsgSend(&pMsg->msg, /*bAddToHead=*/false, TQ_MSG_PRIORITY_MEDIUM)) {
+        tq_free(pMsg);
+        return false;
+    }
+    return true;
+}
+
+bool AcceptPeer(SOCKET_INSTANCE* pListener) {
+    SOCKET_INSTANCE* pNew =
+        MakeSocketRecord(SOCKET_TYPE_TCP, SOCKET_STATE_CONNECTED, pListener->hMsgQ, pListener->UserParm);
+    if (!pNew) {
+        gAcceptPause.Begin(kMemoryPauseMs);
+        return false;
+    }
+    pNew->pszSocketName = pListener->pszSocketName ? tq_newString(pListener->pszSocketName) : nullptr;
+    if (!AcceptInto(pNew, pListener->socket)) {
+        CleanUpSocket(pNew, /*bDrain=*/false);
+        return false;
+    }
+    for (PFN_DESCRIPTOR_STEP step : kAcceptedSteps) {
+        step(pNew->socket);
+    }
+    for (PFN_DESCRIPTOR_STEP step : kListenerSteps) {
+        step(pListener->socket);
+    }
+    // In the list before the message goes out: its receiver may use the new handle at once.
+    if (!AddSocketLocked(pNew)) {
+        CleanUpSocket(pNew, /*bDrain=*/false);
+    } else if (!AnnounceConnection(pListener, pNew)) {
+        RemoveSocketLocked(pNew);
+        CleanUpSocket(pNew, /*bDrain=*/false);
+    }
+    return false;
+}
+
+} // namespace
+
+// Writing and failing
+
+unsigned int PercentOfOutCap(unsigned int DataOutCount, unsigned int DataOutCap) {
+    if (DataOutCap == 0) {
+        return 0;
+    }
+    const unsigned long long perMille = (static_cast<unsigned long long>(DataOutCount) * 1000 + 5) / DataOutCap;
+    return static_cast<unsigned int>(perMille / 10);
+}
+
+namespace {
+
+void BecomeConnected(SOCKET_INSTANCE* pSocket) {
+    struct sockaddr_storage local;
+    memset(&local, 0, sizeof(local));
+    socklen_t length = sizeof(local);
+    if (getsockname(static_cast<int>(pSocket->socket), reinterpret_cast<struct sockaddr*>(&local), &length) == 0 &&
+        local.ss_family == AF_INET) {
+        memcpy(&pSocket->srcaddr, &local, sizeof(pSocket->srcaddr));
+    }
+    pSocket->state = SOCKET_STATE_CONNECTED;
+    SendSocketMessageLocked(pSocket, MSG_SOCKET_CONNECTED);
+}
+
+/// Sends what it can of the first queued block; false when the system takes no more for now.
+bool SendBlockLocked(SOCKET_INSTANCE* pSocket) {
+    DATA_BLOCK* pBlock = static_cast<DATA_BLOCK*>(pSocket->pDataOutList->GetHead());
+    if (!pBlock) {
+        pSocket->DataOutCount = 0;
+        return false;
+    }
+    const int result = SendNow(pSocket, pBlock->data + pBlock->offset, pBlock->size, &pBlock->dstaddress);
+    unsigned int gone = 0;
+    if (result >= 0) {
+        gone = static_cast<unsigned int>(result);
+        pBlock->errorcount = 0;
+    } else if (errno == EAGAIN) {
+        return false;
+    } else if (++pBlock->errorcount >= kMostSendErrors) {
+        gone = pBlock->size; // given up, as if it had been sent
+    }
+    pBlock->offset += gone;
+    pBlock->size -= gone;
+    pSocket->DataOutCount -= gone;
+    if (pBlock->size == 0) {
+        tq_free(pSocket->pDataOutList->RemoveHead());
+    }
+    return true;
+}
+
+void SendQueued(SOCKET_INSTANCE* pSocket) {
+    while (pSocket->DataOutCount != 0 && SendBlockLocked(pSocket)) {
+    }
+    if (pSocket->PendingWrite &&
+        pSocket->PendingWritePercentage >= PercentOfOutCap(pSocket->DataOutCount, pSocket->DataOutCap)) {
+        pSocket->PendingWrite = 0;
+        SendSocketMessageLocked(pSocket, MSG_SOCKET_WRITEABLE);
+    }
+}
+
+void HandleFailed(SOCKET_INSTANCE* pSocket, int error) {
+    QueueTraceLocked(TQ_TRACE_LEVEL_WARNING, "tqos Sockets: HandleFailed() for handle: %u (socket: %u) error: %d,\n",
+                     pSocket->handle, pSocket->socket, error);
+    if (pSocket->state == SOCKET_STATE_CLOSED) {
+        pSocket->DataOutCount = 0; // nobody to tell: its owner has closed it, or knows already
+        return;
+    }
+    if (pSocket->state == SOCKET_STATE_CONNECTING && error == 0) {
+        error = kConnectRefused;
+    }
+    SendSocketClosedLocked(pSocket, error);
+}
+
+} // namespace
+
+// Socket states
+
+namespace {
+
+bool Always(const SOCKET_INSTANCE*) {
+    return true;
+}
+
+bool CanAccept(const SOCKET_INSTANCE*) {
+    return !gAcceptPause.IsOn();
+}
+
+bool HasRoomForInput(const SOCKET_INSTANCE* pSocket) {
+    return pSocket->DataInCount < pSocket->DataInCap && !gReadPause.IsOn();
+}
+
+/// Also with a notice due and nothing queued: the notice comes when the socket takes data again.
+bool HasOutput(const SOCKET_INSTANCE* pSocket) {
+    return pSocket->DataOutCount != 0 || pSocket->PendingWrite != 0;
+}
+
+bool FlushesOutput(const SOCKET_INSTANCE* pSocket) {
+    return (pSocket->flush & TQ_SOCKET_FLUSH_OUT) != 0 && pSocket->DataOutCount != 0;
+}
+
+typedef bool (*PFN_WATCHED)(const SOCKET_INSTANCE*);
+
+/// What a state waits for and what is done then; nullptr: not waited for, or nothing is done. A closed socket is never
+/// read: its peer's close would be reported over and over while inbound data waits to be taken.
+struct StateRow {
+    unsigned int state;
+    PFN_WATCHED pfnWatchRead;
+    bool (*pfnReadable)(SOCKET_INSTANCE*); ///< true: the breaker is broken
+    PFN_WATCHED pfnWatchWrite;
+    void (*pfnWriteable)(SOCKET_INSTANCE*);
+    PFN_WATCHED pfnWatchException; ///< always HandleFailed()
+};
+
+constexpr StateRow kStates[] = {
+    //                         read             readable      write          writeable        exception
+    {0, nullptr, nullptr, nullptr, nullptr, nullptr},
+    {SOCKET_STATE_BREAKER, Always, DrainWakeUps, nullptr, nullptr, nullptr},
+    {SOCKET_STATE_LISTEN, CanAccept, AcceptPeer, nullptr, nullptr, nullptr},
+    {SOCKET_STATE_CONNECTING, nullptr, nullptr, Always, BecomeConnected, Always},
+    {SOCKET_STATE_CONNECTED, HasRoomForInput, ReadWaiting, HasOutput, SendQueued, nullptr},
+    {SOCKET_STATE_CLOSED, nullptr, nullptr, FlushesOutput, SendQueued, nullptr},
+};
+
+constexpr bool EveryStateStandsAtItsPlace() {
+    for (unsigned int i = 0; i < sizeof(kStates) / sizeof(kStates[0]); ++i) {
+        if (kStates[i].state != i) {
+            return false;
+        }
+    }
+    return true;
+}
+static_assert(EveryStateStandsAtItsPlace(), "rows are found by their state");
+
+const StateRow& RowOf(const SOCKET_INSTANCE* pSocket) {
+    return kStates[pSocket->state];
+}
+
+bool IsWatched(PFN_WATCHED pfnWatched, const SOCKET_INSTANCE* pSocket) {
+    return pfnWatched && pfnWatched(pSocket);
+}
+
+} // namespace
+
+// A turn of the loop
+
+namespace {
+
+enum class Turn { kGoOn, kTerminate, kBreakerLost };
+
+/// Puts a record into the sets that its state asks for, and among those to be looked at after the wait. One that is
+/// only to be cleaned up once its data is gone is in no set, but looked at.
+void WatchSocket(DescriptorSets& sets, SOCKET_INSTANCE* pSocket) {
+    const StateRow& row = RowOf(pSocket);
+    const bool bWatched[DescriptorSets::kKinds] = {IsWatched(row.pfnWatchRead, pSocket),
+                                                   IsWatched(row.pfnWatchWrite, pSocket),
+                                                   IsWatched(row.pfnWatchException, pSocket)};
+    if (!bWatched[DescriptorSets::kRead] && !bWatched[DescriptorSets::kWrite] && pSocket->flush == 0) {
+        return;
+    }
+    const unsigned int before = pListOfSocketsInSets->NodeCount();
+    pListOfSocketsInSets->AddToTail(pSocket);
+    if (pListOfSocketsInSets->NodeCount() == before) { // no memory: waiting for it would only spin
+        gReadPause.Begin(kMemoryPauseMs);
+        return;
+    }
+    for (unsigned int kind = 0; kind < DescriptorSets::kKinds; ++kind) {
+        if (bWatched[kind] && !sets.Add(static_cast<DescriptorSets::Kind>(kind), pSocket->socket)) {
+            gReadPause.Begin(kMemoryPauseMs);
+        }
+    }
+}
+
+void EndPausesLocked() {
+    if (gbDescriptorClosed.exchange(false)) {
+        gAcceptPause.End();
+    }
+    gAcceptPause.Remaining();
+    gReadPause.Remaining();
+}
+
+/// How long the next wait may last: a pause ends it earlier.
+unsigned int WaitTimeLocked() {
+    unsigned int ms = kPaceMs;
+    for (Pause* pPause : {&gAcceptPause, &gReadPause}) {
+        const unsigned int remaining = pPause->Remaining();
+        if (pPause->IsOn() && remaining < ms) {
+            ms = remaining;
+        }
+    }
+    return ms;
+}
+
+Turn PrepareTurn(DescriptorSets& sets, unsigned int* pWaitMs) {
+    sets.Clear();
+    tq_ListLock lock(pListOfSockets);
+    if (bTerminate) {
+        return Turn::kTerminate;
+    }
+    EndPausesLocked();
+    bool bHasBreaker = false;
+    for (void* pNode = pListOfSockets->GetHead(); pNode; pNode = pListOfSockets->GetNext()) {
+        SOCKET_INSTANCE* pSocket = static_cast<SOCKET_INSTANCE*>(pNode);
+        bHasBreaker = bHasBreaker || pSocket->state == SOCKET_STATE_BREAKER;
+        WatchSocket(sets, pSocket);
+    }
+    *pWaitMs = WaitTimeLocked();
+    return bHasBreaker ? Turn::kGoOn : Turn::kBreakerLost;
+}
+
+void EmptyInSetListLocked() {
+    while (pListOfSocketsInSets->RemoveHead()) {
+    }
+}
+
+/// Fails the sockets whose descriptor somebody else has closed: no wait succeeds while they are in the sets.
+void FailDeadDescriptorsLocked() {
+    for (void* pNode = pListOfSockets->GetHead(); pNode; pNode = pListOfSockets->GetNext()) {
+        SOCKET_INSTANCE* pSocket = static_cast<SOCKET_INSTANCE*>(pNode);
+        if (pSocket->socket == kNoDescriptor || fcntl(static_cast<int>(pSocket->socket), F_GETFD) >= 0) {
+            continue;
+        }
+        pSocket->socket = kNoDescriptor;
+        if (pSocket->state == SOCKET_STATE_BREAKER) {
+            pSocket->state = SOCKET_STATE_CLOSED;
+        } else {
+            HandleFailed(pSocket, EBADF);
+        }
+    }
+}
+
+void CheckInterfacesLocked() {
+    const unsigned int now = tq_GetTimeInMS();
+    if (now - gLastInterfaceCheck <= kPaceMs) {
+        return;
+    }
+    gLastInterfaceCheck = now;
+    if (!RefreshInterfaceTable()) {
+        return;
+    }
+    QueueTraceLocked(TQ_TRACE_LEVEL_WARNING, "tqos Sockets: A change to the local interfaces was just detected!\n", 0,
+                     0, 0);
+    MSG_COMMON message;
+    memset(&message, 0, sizeof(message));
+    message.size = sizeof(message);
+    message.command = MSG_SOCKET_NEW_INTERFACES;
+    tq_MsgSendToAll(&message, /*bAddToHead=*/false, 0);
+}
+
+/// False when the socket has failed instead.
+bool ServeWriteable(SOCKET_INSTANCE* pSocket) {
+    int error = 0;
+    socklen_t length = sizeof(error);
+    if (getsockopt(static_cast<int>(pSocket->socket), SOL_SOCKET, SO_ERROR, &error, &length) == 0 && error != 0) {
+        QueueTraceLocked(TQ_TRACE_LEVEL_WARNING, "tqos Sockets: handle: %u (socket: %u) just received error: %d\n",
+                         pSocket->handle, pSocket->socket, error);
+        HandleFailed(pSocket, error);
+        RecordSocketEventLocked(pSocket, SOCKET_EVENT_WRITEABLE_FAILED);
+        return false;
+    }
+    if (RowOf(pSocket).pfnWriteable) {
+        RowOf(pSocket).pfnWriteable(pSocket);
+    }
+    RecordSocketEventLocked(pSocket, SOCKET_EVENT_WRITEABLE);
+    return true;
+}
+
+void ServeException(SOCKET_INSTANCE* pSocket) {
+    QueueTraceLocked(TQ_TRACE_LEVEL_INFORMATIONAL,
+                     "tqos Sockets: In WorkerThread(), handle: %u (socket: %u) just failed: (errno=%d)\n",
+                     pSocket->handle, pSocket->socket, errno);
+    HandleFailed(pSocket, 0);
+    RecordSocketEventLocked(pSocket, SOCKET_EVENT_FAILED);
+}
+
+/// False when the breaker is broken.
+bool ServeSocket(const DescriptorSets& sets, SOCKET_INSTANCE* pSocket) {
+    const unsigned int descriptor = pSocket->socket;
+    if (sets.Has(DescriptorSets::kRead, descriptor)) {
+        if (RowOf(pSocket).pfnReadable && RowOf(pSocket).pfnReadable(pSocket)) {
+            return false;
+        }
+        RecordSocketEventLocked(pSocket, SOCKET_EVENT_READABLE);
+    }
+    const bool bFailed = sets.Has(DescriptorSets::kWrite, descriptor) && !ServeWriteable(pSocket);
+    if (!bFailed && sets.Has(DescriptorSets::kException, descriptor)) {
+        ServeException(pSocket);
+    }
+    if (HasFlushed(pSocket)) {
+        const bool bDrain = (pSocket->flush & TQ_SOCKET_FLUSH_OUT) != 0;
+        pListOfSockets->RemoveNode(pSocket);
+        CleanUpSocket(pSocket, bDrain);
+    }
+    return true;
+}
+
+Turn ServeTurn(const DescriptorSets& sets, int ready) {
+    tq_ListLock lock(pListOfSockets);
+    if (ready < 0) {
+        EmptyInSetListLocked();
+        if (ready == -EBADF) {
+            FailDeadDescriptorsLocked();
+        }
+        return Turn::kGoOn;
+    }
+    QueueTraceLocked(TQ_TRACE_LEVEL_DEBUG_LOW, "tqos Sockets: Select spinning.\n", 0, 0, 0);
+    if (bTerminate) {
+        return Turn::kTerminate;
+    }
+    CheckInterfacesLocked();
+    while (void* pNode = pListOfSocketsInSets->RemoveHead()) {
+        if (!ServeSocket(sets, static_cast<SOCKET_INSTANCE*>(pNode))) {
+            return Turn::kBreakerLost;
+        }
+    }
+    return Turn::kGoOn;
+}
+
+/// Serves all sockets until the layer is stopped or the breaker is lost.
+Turn ServeSockets() {
+    gLastInterfaceCheck = tq_GetTimeInMS();
+    gAcceptPause.End();
+    gReadPause.End();
+    DescriptorSets sets;
+    for (;;) {
+        unsigned int waitMs = 0;
+        Turn turn = PrepareTurn(sets, &waitMs);
+        if (turn == Turn::kGoOn) {
+            turn = ServeTurn(sets, sets.Wait(waitMs));
+        }
+        FlushTraceQueue();
+        if (turn == Turn::kTerminate) {
+            TraceSockets(TQ_TRACE_LEVEL_DEBUG, "tqos Sockets: WorkerThread terminating...\n");
+        }
+        if (turn != Turn::kGoOn) {
+            return turn;
+        }
+    }
+}
+
+} // namespace
+
+// The breaker
+
+void SpinBreaker() {
+    tq_ListLock lock(pListOfSockets);
+    if (gbWakeUpPending || BrkrSocket < 0) { // one byte on its way is enough
+        return;
+    }
+    const char wakeUp = 0;
+    gbWakeUpPending = send(BrkrSocket, &wakeUp, 1, MSG_NOSIGNAL) == 1;
+}
+
+namespace {
+
+struct sockaddr_in LoopbackAddress(unsigned int port) {
+    struct sockaddr_in address;
+    memset(&address, 0, sizeof(address));
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_port = htons(static_cast<uint16_t>(port));
+    return address;
+}
+
+int MakeTcpDescriptor() {
+    return socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, IPPROTO_TCP);
+}
+
+/// The port that a descriptor is bound to, network byte order; 0 when the system does not say.
+unsigned short BoundPort(int descriptor) {
+    struct sockaddr_in address;
+    memset(&address, 0, sizeof(address));
+    socklen_t length = sizeof(address);
+    return getsockname(descriptor, reinterpret_cast<struct sockaddr*>(&address), &length) == 0 ? address.sin_port : 0;
+}
+
+/// A worker's breaker while it is set up: undoes what was made unless the breaker stands.
+class BreakerSetUp {
+public:
+    BreakerSetUp() = default;
+    ~BreakerSetUp() {
+        if (m_listener >= 0) {
+            CloseDescriptor(static_cast<unsigned int>(m_listener), /*bDrain=*/false);
+        }
+        if (m_pSocket) {
+            CleanUpSocket(m_pSocket, /*bDrain=*/false);
+        }
+    }
+    BreakerSetUp(const BreakerSetUp&) = delete;
+    BreakerSetUp& operator=(const BreakerSetUp&) = delete;
+
+    /// Listens on a port of the system's choice, BrkrPort. Null, or the format of the critical error.
+    const char* Listen() {
+        m_pSocket = MakeSocketRecord(SOCKET_TYPE_TCP, SOCKET_STATE_BREAKER, 0, 0);
+        m_listener = m_pSocket ? MakeTcpDescriptor() : -1;
+        if (m_listener < 0) {
+            return Failed("tqos Sockets: Could not create breaker socket!\n");
+        }
+        const struct sockaddr_in address = LoopbackAddress(0);
+        if (bind(m_listener, reinterpret_cast<const struct sockaddr*>(&address), sizeof(address)) != 0) {
+            return Failed("tqos Sockets: Could not bind breaker socket!\n");
+        }
+        BrkrPort = ntohs(BoundPort(m_listener));
+        if (BrkrPort == 0) {
+            return Failed("tqos Sockets: Could not get breaker socket port!\n");
+        }
+        if (listen(m_listener, kListenBacklog) != 0) {
+            return Failed("tqos Sockets: Could not listen on breaker socket with port = %u!\n");
+        }
+        return nullptr;
+    }
+
+    /// Takes the starter's connection, which stands already, and nobody else's. Null, or the format of the critical
+    /// error.
+    const char* Accept(unsigned short starterPort) {
+        static const char kCouldNotAccept[] =
+            "tqos Sockets: Could not accept connection on breaker socket with port = %u!\n";
+        for (;;) {
+            struct sockaddr_in peer;
+            memset(&peer, 0, sizeof(peer));
+            socklen_t length = sizeof(peer);
+            const int descriptor =
+                starterPort ? accept4(m_listener, reinterpret_cast<struct sockaddr*>(&peer), &length, SOCK_CLOEXEC)
+                            : -1;
+            if (descriptor < 0) {
+                return Failed(kCouldNotAccept);
+            }
+            m_pSocket->socket = static_cast<unsigned int>(descriptor);
+            if (peer.sin_port == starterPort) {
+                break;
+            }
+            CloseDescriptor(m_pSocket->socket, /*bDrain=*/false);
+            m_pSocket->socket = kNoDescriptor;
+        }
+        MakeNonBlocking(m_pSocket->socket);
+        tq_SocketSetNameInternal(m_pSocket, "TQOS: Breaker Socket");
+        tq_ListLock lock(pListOfSockets);
+        if (!AddSocketLocked(m_pSocket)) {
+            return Failed(kCouldNotAccept);
+        }
+        m_hBreaker = m_pSocket->handle;
+        m_pSocket = nullptr;
+        return nullptr;
+    }
+
+    int Error() const { return m_error; }
+    unsigned int Handle() const { return m_hBreaker; }
+
+private:
+    const char* Failed(const char* pszFormat) {
+        m_error = errno ? errno : 1;
+        return pszFormat;
+    }
+
+    SOCKET_INSTANCE* m_pSocket = nullptr;
+    int m_listener = -1;
+    int m_error = 0;
+    unsigned int m_hBreaker = 0;
+};
+
+void LogBreakerError(const char* pszFormat) {
+    char message[120];
+    snprintf(message, sizeof(message), pszFormat, BrkrPort);
+    LogCriticalError(message, /*bAbort=*/false, TQ_TRACE_LEVEL_SEVERE, TQ_TRACE_CAT_SOCKETS);
+}
+
+/// The worker's side of the set-up, pSyncEvent1 being set for the starter after each step. Returns the breaker's
+/// handle, 0 on failure.
+unsigned int SetUpBreaker() {
+    BreakerSetUp breaker;
+    const char* pszError = breaker.Listen();
+    if (!pszError) {
+        gHandshake.workerError = 0;
+        pSyncEvent1->Set();
+        pSyncEvent2->WaitForEvent(-1);
+        pszError = breaker.Accept(gHandshake.starterPort);
+    }
+    gHandshake.workerError = breaker.Error();
+    if (pszError) {
+        LogBreakerError(pszError);
+    }
+    pSyncEvent1->Set();
+    return breaker.Handle();
+}
+
+/// The starter's side: connects to the listening worker. The descriptor, or minus the system error.
+int ConnectToWorker() {
+    const int descriptor = MakeTcpDescriptor();
+    if (descriptor < 0) {
+        return -errno;
+    }
+    const struct sockaddr_in address = LoopbackAddress(BrkrPort);
+    if (connect(descriptor, reinterpret_cast<const struct sockaddr*>(&address), sizeof(address)) != 0) {
+        const int error = errno;
+        close(descriptor);
+        return -error;
+    }
+    MakeNonBlocking(static_cast<unsigned int>(descriptor));
+    return descriptor;
+}
+
+/// Replaces the starter's end of the breaker; -1 for none.
+void SetBrkrSocket(int descriptor) {
+    int previous = -1;
+    {
+        tq_ListLock lock(pListOfSockets);
+        previous = BrkrSocket;
+        BrkrSocket = descriptor;
+        gbWakeUpPending = false;
+    }
+    if (previous >= 0) {
+        close(previous);
+    }
+}
+
+void* WorkerThread(void*);
+
+} // namespace
+
+unsigned int StartSocketWorker() {
+    pSyncEvent1->Reset();
+    pSyncEvent2->Reset();
+    gHandshake = Handshake();
+    if (!tq__beginthread(kWorkerStack, WorkerThread, nullptr, &SocketThreadId, TQ_THREAD_PRIORITY_NORMAL,
+                         "TQOS: Sockets Thread", __LINE__)) {
+        return 1;
+    }
+    pSyncEvent1->WaitForEvent(-1);
+    if (gHandshake.workerError != 0) {
+        return static_cast<unsigned int>(gHandshake.workerError);
+    }
+    pSyncEvent1->Reset();
+    // Connected before the worker is told to accept: if this fails it must not wait for a connection that never comes.
+    const int descriptor = ConnectToWorker();
+    if (descriptor >= 0) {
+        gHandshake.starterPort = BoundPort(descriptor);
+        SetBrkrSocket(descriptor);
+    }
+    pSyncEvent2->Set();
+    pSyncEvent1->WaitForEvent(-1);
+    if (gHandshake.workerError != 0) {
+        SetBrkrSocket(-1);
+        return static_cast<unsigned int>(descriptor < 0 ? -descriptor : gHandshake.workerError);
+    }
+    return 0;
+}
+
+// The thread
+
+namespace {
+
+bool IsTerminating() {
+    tq_ListLock lock(pListOfSockets);
+    return bTerminate;
+}
+
+/// Takes the broken breaker out and away.
+void DropBreaker(unsigned int hBreaker) {
+    SOCKET_INSTANCE* pBreaker = nullptr;
+    {
+        tq_ListLock lock(pListOfSockets);
+        pBreaker = FindSocketLocked(hBreaker);
+        if (pBreaker) {
+            RemoveSocketLocked(pBreaker);
+        }
+        EmptyInSetListLocked();
+    }
+    TraceSockets(TQ_TRACE_LEVEL_SEVERE, "tqos Sockets: ResetBreaker() called!!\n");
+    if (pBreaker) {
+        CleanUpSocket(pBreaker, /*bDrain=*/false);
+    }
+}
+
+/// The thread's last steps with a latch that it holds. It goes off the list of threads itself: by the time somebody
+/// else did that, its id could be a later thread's.
+void LeaveLatch(tq_SemCritSec* pLatch) {
+    tq_RemoveThreadFromTracking(tq_GetThreadId());
+    tq_ThreadIsEnding();
+    pLatch->Leave();
+}
+
+/// Hands over to a new worker. All other sockets keep their records.
+void ResetBreaker(unsigned int hBreaker) {
+    DropBreaker(hBreaker);
+    // Held before the other is left, so that whoever waits for the worker's end finds one of the two held throughout.
+    pBreakerResetSem->Enter();
+    tq_HeldLatchEntered();
+    tq_HeldLatchLeaving();
+    pSocketTerminateSem->Leave();
+    // Deliberate: no delay between attempts. Nothing is served while there is no worker.
+    while (!IsTerminating()) {
+        SetBrkrSocket(-1);
+        RefreshInterfaceTable();
+        if (StartSocketWorker() == 0) {
+            break;
+        }
+    }
+    tq_HeldLatchLeaving();
+    LeaveLatch(pBreakerResetSem);
+}
+
+void* WorkerThread(void*) {
+    // Counted as a held lock until the breaker stands: a critical error found on the way is traced only when it is
+    // left. The starter, who waits for us, may be holding trace's own lock.
+    pSocketTerminateSem->Enter();
+    const unsigned int hBreaker = SetUpBreaker();
+    if (hBreaker == 0) {
+        LeaveLatch(pSocketTerminateSem);
+        return nullptr;
+    }
+    tq_HeldLatchEntered();
+    const Turn end = ServeSockets();
+    if (end == Turn::kBreakerLost) {
+        ResetBreaker(hBreaker);
+        return nullptr;
+    }
+    FlushAndCloseSocket(hBreaker, 0, __FILE__, __LINE__);
+    tq_HeldLatchLeaving();
+    LeaveLatch(pSocketTerminateSem);
+    return nullptr;
+}
+
+void PassThrough(tq_SemCritSec* pCritSec) {
+    pCritSec->Enter();
+    pCritSec->Leave();
+}
+
+} // namespace
+
+void StopSocketWorker() {
+    {
+        tq_ListLock lock(pListOfSockets);
+        bTerminate = true;
+        SpinBreaker();
+    }
+    // The worker; a worker that is setting up its heir; the heir, which finds at once that it is to end.
+    PassThrough(pSocketTerminateSem);
+    PassThrough(pBreakerResetSem);
+    PassThrough(pSocketTerminateSem);
+}
