@@ -12,6 +12,7 @@
 #include "tq_Handle.h"
 #include "tq_HeldLocks_p.h"
 #include "tq_IniKeys_p.h"
+#include "tq_LibraryTrace_p.h"
 #include "tq_Lifecycle_p.h"
 #include "tq_Memory.h"
 #include "tq_Report_p.h"
@@ -550,7 +551,7 @@ struct DumpLine {
 
 /// A text that waits for its thread to leave its last lock.
 struct KeptCriticalError {
-    char text[1024]; ///< a longer one is cut
+    char text[2048]; ///< as long as the library's own reports get; a longer one is cut
     int level;
     int category;
 };
@@ -684,6 +685,13 @@ void tq_Trace(unsigned int hTraceInstance, int Level, unsigned int Category, boo
     va_list args;
     va_start(args, szFormat);
     tq_TraceInternal(hTraceInstance, Level, Category, bIncludeTimeStamp, szFormat, args);
+    va_end(args);
+}
+
+void tq_TraceOnOwnInstance(int level, unsigned int category, const char* pszFormat, ...) {
+    va_list args;
+    va_start(args, pszFormat);
+    tq_TraceInternal(tqosTraceHandle, level, category, /*bIncludeTimeStamp=*/true, pszFormat, args);
     va_end(args);
 }
 
@@ -849,6 +857,8 @@ namespace {
 /// What an instance without a level of its own takes over from the section's defaults; one with a level takes nothing.
 struct InstanceDefaults {
     int flags = 0;
+    int maxFiles = 0;
+    int maxBytesPerFile = 0;
     char fileName[512] = ""; ///< as long as a configured one may be; cut there
 
     bool Has(int bit) const { return (flags & bit) != 0; }
@@ -883,11 +893,14 @@ _TRACEINSTANCE* NewInstance(const char* pszName, const char* pszFilename, unsign
 /// Reads level and mask. Says what else the instance takes over.
 void ReadFilter(_TRACEINSTANCE* pInstance, InstanceSettings& settings, InstanceDefaults& defaults) {
     pInstance->traceLevel = settings.Level();
-    // Deliberate: an instance that has a level of its own gets no default destination, not even the file. It must name
-    // each of its own.
+    // Deliberate: an instance that has a level of its own gets no default destination, not even the file, and none of
+    // the defaults for files: where it names a file without a size, that one never rotates. It must name each of its
+    // own.
     if (pInstance->traceLevel == kNoLevel) {
         pInstance->traceLevel = gDefaultTraceLevel;
         defaults.flags = gDefaultFlags;
+        defaults.maxFiles = static_cast<int>(gDefaultMaxFiles);
+        defaults.maxBytesPerFile = static_cast<int>(gDefaultMaxBytesPerFile);
         snprintf(defaults.fileName, sizeof(defaults.fileName), "%s%s.log",
                  gpszDefaultFilePrefix ? gpszDefaultFilePrefix : "", pInstance->pszTracingName);
     }
@@ -910,8 +923,8 @@ void OpenDestinationsLocked(_TRACEINSTANCE* pInstance, InstanceSettings& setting
     char path[512];
     settings.Text("LogToFile", defaults.Has(TQ_TRACE_DEST_FILE) ? defaults.fileName : "", path);
     if (path[0]) {
-        const int maxFiles = settings.Integer("MaxFiles", static_cast<int>(gDefaultMaxFiles));
-        const int maxBytes = settings.Integer("MaxBytesPerFile", static_cast<int>(gDefaultMaxBytesPerFile));
+        const int maxFiles = settings.Integer("MaxFiles", defaults.maxFiles);
+        const int maxBytes = settings.Integer("MaxBytesPerFile", defaults.maxBytesPerFile);
         EnableFileLocked(pInstance, path, maxFiles, maxBytes, pszFilename, line);
     }
     for (const Destination& row : kDestinations) {
