@@ -1268,3 +1268,83 @@ TEST(Memory, ItsLockIsRecursive) {
     myCritSecLock again(critSec);
     critSec.LeaveCritSec();
 }
+
+// Under the whole library
+
+namespace {
+
+constexpr char kTraceToOutput[] = "[Trace]\nDefaultLogToSTDOUT=yes\nDefaultSuppressTimestamp=yes\n";
+constexpr char kTrackLocks[] = "[Sem]\nTracking=yes\n";
+
+} // namespace
+
+TEST(Memory, ReportsAreTracedAtTheirLevels) {
+    const test::ChildResult result = test::RunInChild([] {
+        test::Library library(std::string("[Memory]\n") + kTracking + "MemoryCapInBytes=1000000\n" + kTraceToOutput);
+        tq__malloc(1000001, "cap.cpp", 1);
+        tq__malloc(0xFFFFFFFFu, "huge.cpp", 2);
+        char* pUserData = static_cast<char*>(MallocClean(10, "alloc.cpp", 3));
+        tq__delete(pUserData, "free.cpp", 4);
+        pUserData[10] = 0;
+        tq__free(pUserData, "free.cpp", 5);
+        Repair(pUserData);
+        tq__realloc(tq_malloc(1), 0, "resize.cpp", 6);
+    });
+    EXPECT_EQ(0, result.code);
+    for (const char* pszLine :
+         {"WRN: Exceeded defined memory cap of 1000000 bytes\n", "WRN: Failing memory allocation request:\n",
+          "SEV: Mismatched alloc/free types...\n", "SEV: Corrupted Tail bytes on memory free...\n",
+          "WRN: Unable to re-allocate Memory\n"}) {
+        EXPECT_EQ(1u, test::CountOf(result.standardOut, pszLine)) << pszLine << result.standardOut;
+    }
+}
+
+TEST(Memory, ReportsBelongToTheCategoryMemory) {
+    for (const char* pszMask : {"8", "0xFFFFFFF7"}) {
+        const test::ChildResult result = test::RunInChild([pszMask] {
+            test::Library library(std::string(kTraceToOutput) + "DefaultCat=" + pszMask + "\n");
+            tq__malloc(0xFFFFFFFFu, "huge.cpp", 2);
+        });
+        EXPECT_EQ(*pszMask == '8' ? 1u : 0u, test::CountOf(result.standardOut, "WRN: Failing memory allocation"))
+            << result.standardOut;
+    }
+}
+
+// The report takes locks, and every wait for a lock wants a tracking record of its own.
+TEST(Memory, EveryRefusedAllocationIsReportedOnceWithLocksTracked) {
+    test::Library library(std::string("[Memory]\n") + kTracking + "MemoryCapInBytes=200000\n" + kTrackLocks +
+                          kTraceToOutput);
+    std::vector<void*> blocks;
+    while (void* pUserData = tq__malloc(1000, "fill.cpp", 1)) {
+        blocks.push_back(pUserData);
+    }
+    while (void* pUserData = tq__malloc(1, "fill.cpp", 2)) { // until nothing is left for the report itself
+        blocks.push_back(pUserData);
+    }
+    for (unsigned int line = 3; line < 13; ++line) {
+        EXPECT_EQ(nullptr, tq__malloc(1, "refused.cpp", line));
+    }
+    const std::string reports = Reports();
+    EXPECT_EQ(12u, test::CountOf(reports, "[time] "));
+    EXPECT_EQ(10u, test::CountOf(reports, "in file: refused.cpp"));
+    for (void* pUserData : blocks) {
+        tq_free(pUserData);
+    }
+}
+
+TEST(Memory, UnderAnyCapTheLibraryStartsOrFailsAndEnds) {
+    for (unsigned int cap = 1; cap < 60000; cap += cap / 7 + 1) {
+        const test::ChildResult result = test::RunInChild([cap] {
+            test::ScratchDirectory directory;
+            test::WriteFile("tqos.ini", std::string("[Memory]\n") + kTracking + "MemoryCapInBytes=" +
+                                            std::to_string(cap) + "\n" + kTrackLocks + kTraceToOutput);
+            tqOS_Initialize();
+            void* pUserData = tq__malloc(cap, "refused.cpp", 1);
+            const bool bReported = test::CountOf(Reports(), "in file: refused.cpp") == 1;
+            tqOS_Terminate(/*bDumpResources=*/false, /*bWaitForThreads=*/true);
+            _exit(pUserData || bReported ? 0 : 1);
+        });
+        EXPECT_TRUE(result.exited) << cap << result.standardError;
+        EXPECT_EQ(0, result.code) << cap << result.standardError;
+    }
+}
