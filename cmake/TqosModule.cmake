@@ -38,8 +38,8 @@ function(tqos_libraries)
   set_target_properties(tqos PROPERTIES VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR})
   set_target_properties(tqos_static PROPERTIES OUTPUT_NAME tqos)
   # Some public names have no prefix: calls inside the library must not be taken over by an application's own. Threads
-  # of the library run its code until they end, so it is never unmapped.
-  target_link_options(tqos PRIVATE -Wl,-Bsymbolic-functions -Wl,-z,nodelete)
+  # of the library run its code until they end, so it is never unmapped. Nothing it needs is left for others to supply.
+  target_link_options(tqos PRIVATE -Wl,-Bsymbolic-functions -Wl,-z,nodelete -Wl,-z,defs)
   foreach(library tqos tqos_static)
     add_library(tqos::${library} ALIAS ${library})
     target_include_directories(${library} PUBLIC
