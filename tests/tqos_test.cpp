@@ -1,5 +1,6 @@
 #include "tqos_p.h"
 
+#include <arpa/inet.h>
 #include <errno.h>
 #include <signal.h>
 #include <stdlib.h>
@@ -217,7 +218,7 @@ TEST(Lifecycle, StartsAndStopsInALoopWithEverythingLazyRunning) {
         QuietQ queue;
         queue.Create(0);
         EXPECT_EQ(0u, tq_TimerSet(queue.GetHandle(), 10, 1, 0, 0, TQ_TIMER_REPEATING, "tick", false));
-        // SOCK
+        EXPECT_NE(0u, tq_SocketOpenUDP(queue.GetHandle(), 0, 0, 0, htonl(INADDR_LOOPBACK), 0));
         tqOS_Terminate(false, (round & 1) != 0);
     }
 }

@@ -317,7 +317,7 @@ extern "C" void tq_ThreadSetName(unsigned int tid, const char* pszName) {
 
 extern "C" void tq_ThreadGetName(char* pszName, unsigned int len, unsigned int tid) {
     tq_GatePass pass(gThreadGate);
-    if (!pass || len == 0) {
+    if (!pass || len == 0 || !pszName) {
         return;
     }
     pszName[0] = '\0';

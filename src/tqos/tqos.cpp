@@ -306,6 +306,7 @@ unsigned int RunStartSteps() {
 }
 
 void CloseOwnTrace() {
+    tq_TraceKeptCriticalErrors(); // while there is an instance to print them on
     const unsigned int hTrace = tqosTraceHandle.exchange(0);
     if (hTrace != 0) {
         tq_TraceTermInstance(hTrace);
