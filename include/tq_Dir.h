@@ -62,6 +62,7 @@ TQ_API int tq_GetINIFileString(const char* pszSection, const char* pszKey, const
 TQ_API int tq_GetINIFileInt(const char* pszSection, const char* pszKey, int iDefault, const char* pszFilename);
 
 /// Reads a value as a switch, by its first 11 characters.
+/// @param pszKey      the key; not null
 /// @param pszDefault  judged in the same way when the key is not there; may be null
 /// @return true for "yes", "y", "true" and "1" in any case; false for everything else
 /// Threads: any.

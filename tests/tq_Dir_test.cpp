@@ -288,6 +288,22 @@ TEST(IniValue, FillsALineToItsLastByte) {
     }
 }
 
+TEST(IniValue, IsFoundUnderNamesThatFillALine) {
+    ScratchDirectory directory;
+    const std::string section(509, 's');
+    const std::string key(509, 'k');
+    WriteFile(kIni, "[" + section + "]\n" + key + "=v\n");
+    EXPECT_EQ("1:v", Value(section.c_str(), key.c_str()));
+    EXPECT_EQ("0:", Value((section + "s").c_str(), key.c_str()));
+    EXPECT_EQ("0:", Value(section.c_str(), (key + "k").c_str()));
+    EXPECT_EQ("0:", Value(section.c_str(), std::string(2000, 'k').c_str()));
+    char names[512];
+    EXPECT_EQ(511, FindSectionKey(kIni, section.c_str(), nullptr, names, sizeof(names)));
+    EXPECT_EQ(key, names);
+    EXPECT_EQ(511, FindSectionKey(kIni, section.c_str(), nullptr, names, 511)) << "they fit exactly";
+    EXPECT_EQ(0, FindSectionKey(kIni, section.c_str(), nullptr, names, 510));
+}
+
 TEST(IniValue, InALongLineIsReadByPiecesEachALineOfItsOwn) {
     ScratchDirectory directory;
     WriteFile(kIni, "[S]\nk=" + std::string(509, 'v') + "hidden=2\n");
@@ -619,6 +635,17 @@ TEST(IniWrite, FailsWithoutATemporaryFileAndLeavesTheFile) {
     ASSERT_EQ(0, mkfifo("__temp__a.ini", 0666)); // cannot be opened, neither to see whether it is there nor to write
     EXPECT_EQ(0, tq_WriteINIFileString("S", "k", "2", kIni));
     EXPECT_EQ("[S]\nk=1\n", ReadFile(kIni));
+}
+
+TEST(IniWrite, GoesAsFarAsTheTemporaryFilesNameCanBeLong) {
+    ScratchDirectory directory;
+    const std::string longest(247, 'n'); // 8 characters less than a name may have
+    WriteFile(longest, "[S]\nk=1\n");
+    EXPECT_EQ(1, tq_WriteINIFileString("S", "k", "2", longest.c_str()));
+    EXPECT_EQ("[S]\n  k=2\r\n", ReadFile(longest));
+    WriteFile(longest + "n", "[S]\nk=1\n");
+    EXPECT_EQ(0, tq_WriteINIFileString("S", "k", "2", (longest + "n").c_str()));
+    EXPECT_EQ("[S]\nk=1\n", ReadFile(longest + "n"));
 }
 
 TEST(IniWrite, FailsWithoutMemoryAndLeavesTheFile) {

@@ -106,6 +106,8 @@ TEST(DynamicLibrary, IsLoadedAskedAndFreed) {
     memcpy(&pCubeRoot, &pSymbol, sizeof(pSymbol));
     EXPECT_DOUBLE_EQ(3.0, pCubeRoot(27.0));
     EXPECT_EQ(nullptr, tq_GetProcAddress(hLibrary, "no_such_symbol_at_all"));
+    EXPECT_EQ(nullptr, tq_GetProcAddress(hLibrary, nullptr));
+    EXPECT_NE(nullptr, tq_GetProcAddress(nullptr, "strlen"));
     EXPECT_EQ(1, tq_FreeLibrary(hLibrary));
 }
 
@@ -118,6 +120,20 @@ TEST(DynamicLibrary, WithoutANameIsTheProgram) {
 
 TEST(DynamicLibrary, IsNotFreedWithoutAHandle) {
     EXPECT_EQ(0, tq_FreeLibrary(nullptr));
+}
+
+TEST(DynamicLibrary, ThatCannotBeLoadedIsTraced) {
+    const test::ChildResult child = RunInChild([] {
+        test::Library library("[Trace]\nDefaultLogToSTDOUT=yes\n");
+        if (tq_LoadLibrary("./no_such_library.so")) {
+            _exit(1);
+        }
+    });
+    EXPECT_EQ(0, child.code);
+    EXPECT_TRUE(std::regex_match(child.standardOut,
+                                 std::regex("[A-Z].{23} \\[\\d+\\]: \\(tqos\\) WRN: tq_LoadLibrary failed: "
+                                            "\\./no_such_library\\.so: cannot open shared object file: .*\n")))
+        << child.standardOut;
 }
 
 TEST(DynamicLibrary, ThatCannotBeLoadedIsNoTroubleWhileTheLibraryIsDown) {

@@ -73,9 +73,8 @@ void DropSignalHandlers() {
     DropSignalHandlers();
     sigprocmask(SIG_SETMASK, &plan.signalMask, nullptr);
     tq_CloseDescriptors(kFirstClosedDescriptor, plan.lastDescriptor);
-    if (plan.pszWorkingDir && chdir(plan.pszWorkingDir) != 0) {
-        errno = 0; // the program starts where the parent stands
-    }
+    // A directory that cannot be changed to is passed over: the program starts where the caller stands.
+    [[maybe_unused]] const int moved = plan.pszWorkingDir ? chdir(plan.pszWorkingDir) : 0;
     if (plan.arguments[0]) {
         execvp(plan.arguments[0], plan.arguments);
     }
@@ -179,7 +178,7 @@ void* tq_LoadLibrary(const char* filename) {
 }
 
 void* tq_GetProcAddress(void* handle, const char* symbol) {
-    return dlsym(handle, symbol);
+    return symbol ? dlsym(handle, symbol) : nullptr;
 }
 
 int tq_FreeLibrary(void* handle) {
@@ -212,9 +211,8 @@ int tq_KillProcess(int pid) {
     }
     char command[32];
     snprintf(command, sizeof(command), "kill -9 %u", static_cast<unsigned int>(pid));
-    if (system(command) != 0) {
-        return 0; // Deliberate: a process that could not be killed is no failure of the call
-    }
+    // Deliberate: a process that could not be killed is no failure of the call.
+    [[maybe_unused]] const int status = system(command);
     return 0;
 }
 
