@@ -75,8 +75,8 @@ typedef struct _MSG_COMMON {
 /// (sends fail, the worker handles what is before MSG_DESTROY and ends) - Cleanup() (the rest is freed; the queue may
 /// be created again) - destroyed.
 ///
-/// A queue that is still registered when the library terminates is destroyed and cleaned up by it; the object itself
-/// stays its owner's.
+/// A queue that has a handle when the library terminates is destroyed and cleaned up by it, which waits for its worker;
+/// the object itself stays its owner's.
 class TQ_API tq_MsgQ {
 public:
     /// Cleans the queue up, so it waits for the worker. A derived class calls Destroy() in its own destructor (or its
@@ -218,7 +218,7 @@ private:
     std::atomic<bool> m_bEndTold;
     std::atomic<unsigned int> m_uiWorkerState;
     std::atomic<unsigned int> m_uiPins;
-    tq_MsgQ* m_pNextRunning;
+    tq_MsgQ* m_pNextCreated;
 };
 
 extern "C" {

@@ -48,9 +48,9 @@ namespace {
 tq_Gate gRegistryGate;
 bool gbQueuesAccepted = false; // guarded by the registry's lock
 
-// The workers that run. A leaf: nothing is called with it held.
-std::mutex gRunningMutex;
-tq_MsgQ* gpRunning = nullptr;
+// The queues that have a handle, registered or not. A leaf: nothing is called with it held.
+std::mutex gCreatedMutex;
+tq_MsgQ* gpCreated = nullptr;
 
 thread_local tq_MsgQ* tpWorkersQueue = nullptr; // the queue that the calling thread is the worker of
 
@@ -115,7 +115,7 @@ tq_MsgQ::tq_MsgQ(const char* name, const char* description)
       m_pQueueMed(nullptr), m_pQueueLow(nullptr), m_ThreadId(0), m_hSource(0), m_StackSize(0), m_bDone(true),
       m_pszName(nullptr), m_pszDescription(nullptr), m_iHistorySize(0), m_iHistoryIndex(0), m_piHistory(nullptr),
       m_bFullHistory(false), m_bListsUnnamed(false), m_bEndWithoutMessage(false), m_uiLockDepth(0), m_bEndTold(false),
-      m_uiWorkerState(tq_MsgQInside::kNoWorker), m_uiPins(0), m_pNextRunning(nullptr) {
+      m_uiWorkerState(tq_MsgQInside::kNoWorker), m_uiPins(0), m_pNextCreated(nullptr) {
     SetName(name ? name : "");
     if (description) {
         SetDescription(description);
@@ -158,7 +158,7 @@ bool tq_MsgQInside::Register(tq_MsgQ& queue, unsigned int* phSource) {
     queue.m_bEndWithoutMessage = false;
     queue.m_SemThreadExit.Reset();
     queue.m_uiWorkerState = kWorkerRuns;
-    AddRunning(queue);
+    AddCreated(queue);
     if (phSource) {
         *phSource = handle;
     }
@@ -175,7 +175,6 @@ void tq_MsgQInside::StartWorker(tq_MsgQ& queue, int priority) {
         return;
     }
     // The queue is there and takes messages, but nobody who destroys it may wait for a worker.
-    RemoveRunning(queue);
     queue.m_uiWorkerState = kNoWorker;
     queue.m_SemThreadExit.Set();
 }
@@ -250,14 +249,13 @@ bool tq_MsgQInside::NextMessage(tq_MsgQ& queue, MSG_COMMON** ppMsg) {
     return true;
 }
 
-/// The worker's last steps. Each takes something away that others use to reach it; the event gives the queue away.
+/// The worker's last steps: the event gives the queue away.
 void tq_MsgQInside::SayWorkerIsDone(tq_MsgQ& queue) {
     {
         QueueLock lock(queue);
         queue.m_uiWorkerState = kWorkerLeaves; // nobody names this thread any more: its id will be another's
     }
     tq_ThreadIsEnding();
-    RemoveRunning(queue);
     if (!queue.m_SemThreadExit.Set()) {
         queue.m_uiWorkerState = kNoWorker; // an event that got no memory: those who wait look at this instead
     }
@@ -617,6 +615,7 @@ void tq_MsgQInside::FreeContents(tq_MsgQ& queue) {
         queue.m_iHistorySize = queue.m_iHistoryIndex = 0;
         handle = queue.m_hSource.exchange(0);
     }
+    RemoveCreated(queue);
     for (char* pszText : texts) {
         tq_free(pszText);
     }
@@ -781,31 +780,31 @@ void tq_MsgQInside::ShrinkHistoryLocked(tq_MsgQ& queue, int size) {
     queue.m_iHistorySize = size;
 }
 
-// The workers that run
+// The created queues
 
-void tq_MsgQInside::AddRunning(tq_MsgQ& queue) {
-    std::lock_guard<std::mutex> lock(gRunningMutex);
-    queue.m_pNextRunning = gpRunning;
-    gpRunning = &queue;
+void tq_MsgQInside::AddCreated(tq_MsgQ& queue) {
+    std::lock_guard<std::mutex> lock(gCreatedMutex);
+    queue.m_pNextCreated = gpCreated;
+    gpCreated = &queue;
 }
 
-void tq_MsgQInside::RemoveRunning(tq_MsgQ& queue) {
-    std::lock_guard<std::mutex> lock(gRunningMutex);
-    for (tq_MsgQ** ppQueue = &gpRunning; *ppQueue; ppQueue = &(*ppQueue)->m_pNextRunning) {
+void tq_MsgQInside::RemoveCreated(tq_MsgQ& queue) {
+    std::lock_guard<std::mutex> lock(gCreatedMutex);
+    for (tq_MsgQ** ppQueue = &gpCreated; *ppQueue; ppQueue = &(*ppQueue)->m_pNextCreated) {
         if (*ppQueue == &queue) {
-            *ppQueue = queue.m_pNextRunning;
+            *ppQueue = queue.m_pNextCreated;
             return;
         }
     }
 }
 
-/// A queue whose worker runs, pinned; null when there is none but the caller itself. Its worker has not set the exit
-/// event, so the queue exists, and does as long as it is pinned.
-tq_MsgQ* tq_MsgQInside::PinRunning() {
-    std::lock_guard<std::mutex> lock(gRunningMutex);
-    tq_MsgQ* pQueue = gpRunning;
+/// A created queue, pinned; null when there is none but the one that the caller is the worker of. Its destructor has
+/// yet to take it off the list, so it exists, and does as long as it is pinned.
+tq_MsgQ* tq_MsgQInside::PinCreated() {
+    std::lock_guard<std::mutex> lock(gCreatedMutex);
+    tq_MsgQ* pQueue = gpCreated;
     while (pQueue && IsOwnWorker(*pQueue)) {
-        pQueue = pQueue->m_pNextRunning;
+        pQueue = pQueue->m_pNextCreated;
     }
     if (pQueue) {
         Pin(*pQueue);
@@ -858,8 +857,10 @@ void DestroyListOfQs() {
         pQueue->Cleanup();
         tq_MsgQInside::Unpin(*pQueue);
     }
-    while (tq_MsgQ* pQueue = tq_MsgQInside::PinRunning()) {
-        tq_MsgQInside::EndWorker(*pQueue);
+    // And those whose end began before: by their own handler, which nobody has waited for, or by an owner who has not
+    // cleaned up. A queue's lists can only be freed while the library is there.
+    while (tq_MsgQ* pQueue = tq_MsgQInside::PinCreated()) {
+        pQueue->Cleanup();
         tq_MsgQInside::Unpin(*pQueue);
     }
 }

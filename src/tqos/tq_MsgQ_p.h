@@ -11,7 +11,7 @@
 ///
 /// Guarded by the queue's lock: the lists, name, description, history, m_bListsUnnamed, m_bEndWithoutMessage,
 /// m_uiLockDepth. Guarded by the registry's lock as well (either will do to read): the name.
-/// Guarded by the list of running workers' own mutex: m_pNextRunning.
+/// Guarded by the mutex of the list of created queues: m_pNextCreated.
 #ifndef TQ_MSGQ_P_H
 #define TQ_MSGQ_P_H
 
@@ -30,9 +30,9 @@ extern unsigned int gTQMsgQDefaultHistoryDepth; ///< commands that a new queue r
 
 /// Creates the registry; false without memory. Called by the library's start.
 bool tq_MsgQRegistryOpen();
-/// Destroys every registered queue, then ends the workers that still run without being registered (a handler may have
-/// begun its queue's own end), and waits for all of them; no queue is created from then on. Called by the library's
-/// termination, first of all.
+/// Destroys and cleans up every registered queue, then every other one that has a handle still (a handler may have
+/// begun its queue's own end), and waits for all their workers; no queue is created from then on. Called by the
+/// library's termination, first of all.
 void DestroyListOfQs();
 /// Waits for late senders and destroys the registry list.
 void tq_MsgQRegistryClose();
@@ -84,10 +84,10 @@ struct tq_MsgQInside {
     static void GrowHistoryLocked(tq_MsgQ& queue, int size);
     static void ShrinkHistoryLocked(tq_MsgQ& queue, int size);
 
-    // The workers that run, whether their queues are registered or not
-    static void AddRunning(tq_MsgQ& queue);
-    static void RemoveRunning(tq_MsgQ& queue);
-    static tq_MsgQ* PinRunning();
+    // The created queues, whether they are registered or not
+    static void AddCreated(tq_MsgQ& queue);
+    static void RemoveCreated(tq_MsgQ& queue);
+    static tq_MsgQ* PinCreated();
 };
 
 #endif // TQ_MSGQ_P_H
