@@ -30,6 +30,7 @@ constexpr unsigned int kThreadStackBytes = 4096;
 constexpr char kThreadName[] = "TQOS: Timer Thread";
 constexpr int kMaxWakeUps = 10000;
 constexpr int kForEver = -1;
+constexpr unsigned int kStartBytes = 2048; // what a start allocates, and some more
 
 } // namespace
 
@@ -75,6 +76,10 @@ void tq_TimerBringUpToDate(TIMER_NODE& timer, unsigned int now) {
     timer.creation_time = now;
 }
 
+int tq_TimerSleepFor(unsigned int remaining) {
+    return remaining < static_cast<unsigned int>(kTimerRefreshMs) ? static_cast<int>(remaining) : kTimerRefreshMs;
+}
+
 bool tq_TimerFollowsSkew(const TIMER_NODE& timer, unsigned int now) {
     return timer.bAllowSkew && tq_TimerRemainingAt(timer, now) != 0;
 }
@@ -100,6 +105,16 @@ int tq_TimerList::CustomSort(void* pNode1, void* pNode2, void*) {
         return 0;
     }
     return first.mstimeout < second.mstimeout ? -1 : 1;
+}
+
+unsigned int tq_TimerRefreshLocked(tq_TimerList& list, unsigned int lastRefresh, unsigned int now) {
+    if (now - lastRefresh < static_cast<unsigned int>(kTimerRefreshMs)) {
+        return lastRefresh;
+    }
+    for (void* pNode = list.GetHead(); pNode; pNode = list.GetNext()) {
+        tq_TimerBringUpToDate(*static_cast<TIMER_NODE*>(pNode), now);
+    }
+    return now;
 }
 
 // The lazy start
@@ -331,8 +346,7 @@ void ExpireLocked(TIMER_NODE* pTimer, unsigned int now) {
 }
 
 /// Fires what is due; how long the thread may sleep.
-int FireDueTimers() {
-    tq_ListLock lock(gpTimerList);
+int FireDueTimersLocked() {
     for (;;) {
         const unsigned int now = tq_GetTimeInMS();
         TIMER_NODE* pTimer = static_cast<TIMER_NODE*>(gpTimerList->GetHead());
@@ -341,31 +355,23 @@ int FireDueTimers() {
         }
         const unsigned int remaining = tq_TimerRemainingAt(*pTimer, now);
         if (remaining != 0) {
-            return remaining > kTimerRefreshMs ? kTimerRefreshMs : static_cast<int>(remaining);
+            return tq_TimerSleepFor(remaining);
         }
         gpTimerList->RemoveHead();
         ExpireLocked(pTimer, now);
     }
 }
 
-/// Brings all timers up to date when that was long ago; the time of the last time, to be passed to the next call.
-unsigned int RefreshTimers(unsigned int lastRefresh) {
-    const unsigned int now = tq_GetTimeInMS();
-    if (now - lastRefresh < static_cast<unsigned int>(kTimerRefreshMs)) {
-        return lastRefresh;
-    }
-    tq_ListLock lock(gpTimerList);
-    for (void* pNode = gpTimerList->GetHead(); pNode; pNode = gpTimerList->GetNext()) {
-        tq_TimerBringUpToDate(*static_cast<TIMER_NODE*>(pNode), now);
-    }
-    return now;
-}
-
 void RunTimers() {
     unsigned int lastRefresh = tq_GetTimeInMS();
     while (!gbTimersTerminated) {
-        lastRefresh = RefreshTimers(lastRefresh);
-        gpTimerSem->WaitForSem(FireDueTimers());
+        int sleepMs;
+        {
+            tq_ListLock lock(gpTimerList);
+            lastRefresh = tq_TimerRefreshLocked(*gpTimerList, lastRefresh, tq_GetTimeInMS());
+            sleepMs = FireDueTimersLocked();
+        }
+        gpTimerSem->WaitForSem(sleepMs);
     }
 }
 
@@ -444,6 +450,14 @@ void FreeObjects() {
     gpTimerSem = nullptr;
 }
 
+/// Whether there is memory for the whole start. A list or a latch whose lock found none cannot be told from outside,
+/// and would let everybody in.
+bool HasMemoryToStart() {
+    void* pProbe = tq_malloc(kStartBytes);
+    tq_free(pProbe);
+    return pProbe != nullptr;
+}
+
 /// False when one could not be made, or was made without the memory it needs inside.
 bool MakeObjects() {
     gpTimerSem = tq_newObject<tq_SemSemaphore>(0, kMaxWakeUps);
@@ -481,7 +495,7 @@ unsigned int StartTimers(bool bCountUser) {
         gTimerInitCount += bCountUser ? 1 : 0;
         return 0;
     }
-    if (!MakeObjects() || !StartTimerThread()) {
+    if (!HasMemoryToStart() || !MakeObjects() || !StartTimerThread()) {
         FreeObjects();
         return 1;
     }

@@ -22,6 +22,9 @@ void tq_TimerBringUpToDate(TIMER_NODE& timer, unsigned int now);
 /// Whether tq_TimerSkew() shifts a timer: it was set to allow it and is not due yet.
 bool tq_TimerFollowsSkew(const TIMER_NODE& timer, unsigned int now);
 
+/// How long the timer thread sleeps at once when so much remains of the earliest timer.
+int tq_TimerSleepFor(unsigned int remaining);
+
 /// Shifts a timer that follows the skew, and brings it up to date.
 void tq_TimerShift(TIMER_NODE& timer, int msOffset, unsigned int now);
 
@@ -34,6 +37,10 @@ public:
     /// that is being inserted into are of one moment.
     int CustomSort(void* pNode1, void* pNode2, void* userparm) override;
 };
+
+/// Brings all timers up to date when that was done kTimerRefreshMs ago or earlier; when it was last done, for the next
+/// call. The list is locked.
+unsigned int tq_TimerRefreshLocked(tq_TimerList& list, unsigned int lastRefresh, unsigned int now);
 
 extern tq_TimerList* gpTimerList; ///< null while the service does not run
 
