@@ -246,22 +246,21 @@ TEST(CritSec, OnPthreadMutexShowsItsWaiters) {
 }
 
 TEST(CritSec, SettingDecidesWhatSectionsAreBuiltOn) {
-    test::Library library("[Sem]\nUseMutexForCritSec=no\nForceSchedYield=yes\n");
-    EXPECT_FALSE(gbUseMutexesForCritSecs);
-    EXPECT_TRUE(gbSchedYield);
-    Tracking tracking;
-    tq_SemCritSec critSec(true);
-    critSec.Enter(1, "x");
-    bool bFound = false;
-    for (const Record& record : Records()) {
-        bFound = bFound || (record.line == 1 && record.type == SEM_TRACK_TYPE_CRITSEC);
+    for (const bool bUseMutexes : {false, true}) {
+        test::Library library(std::string("[Sem]\nForceSchedYield=yes\nUseMutexForCritSec=") +
+                              (bUseMutexes ? "yes\n" : "no\n"));
+        EXPECT_EQ(bUseMutexes, gbUseMutexesForCritSecs);
+        EXPECT_TRUE(gbSchedYield);
+        Tracking tracking;
+        tq_SemCritSec critSec(true);
+        critSec.Enter(1, "x");
+        const std::vector<Record> records = Records();
+        critSec.Leave();
+        ASSERT_EQ(1u, records.size());
+        EXPECT_EQ(static_cast<unsigned int>(bUseMutexes ? SEM_TRACK_TYPE_MUTEX : SEM_TRACK_TYPE_CRITSEC),
+                  records[0].type);
     }
-    EXPECT_TRUE(bFound);
-    critSec.Leave();
-    tq_SemDisableSemTracking();
-    library.Terminate();
-    // The section outlives the library here; its kind is still the one that it was made with.
-    EXPECT_FALSE(gbUseMutexesForCritSecs);
+    gbSchedYield = false;
 }
 
 // The count of held sections
