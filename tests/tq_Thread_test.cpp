@@ -8,6 +8,7 @@
 #include <set>
 #include <signal.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 #include <string>
 #include <sys/resource.h>
@@ -109,6 +110,14 @@ bool WaitUntilNoneIsTracked() {
     return test::WaitUntil([] { return Threads() == kNone; });
 }
 
+/// Ends a child process with a status of its own when something is not as it should be.
+void Check(bool bOk, int status) {
+    if (!bOk) {
+        fprintf(stderr, "check %d failed\n", status);
+        _exit(status);
+    }
+}
+
 bool IsSanitized() {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
     return true;
@@ -127,13 +136,19 @@ size_t OwnStackSize() {
     return size;
 }
 
-/// The stack size of a thread started with the given one.
-size_t StackSizeFor(unsigned int stackSize) {
-    std::atomic<size_t> size{0};
-    Worker worker([&] { size = OwnStackSize(); }, 0, stackSize);
-    EXPECT_NE(0u, worker.Result());
-    EXPECT_TRUE(worker.WaitUntilReady());
-    return size;
+/// The stack size that a thread has when it is started with the given one and these settings. Asked of a fresh process:
+/// the system gives a larger stack that is left over from another thread where it has one.
+size_t StackSizeFor(unsigned int stackSize, const std::string& ini = "") {
+    const test::ChildResult child = test::RunInChild([&] {
+        test::Library library(ini);
+        std::atomic<size_t> size{0};
+        Worker worker([&] { size = OwnStackSize(); }, 0, stackSize);
+        Check(worker.WaitUntilReady(), 1);
+        printf("%zu", size.load());
+    });
+    EXPECT_TRUE(child.exited);
+    EXPECT_EQ(0, child.code);
+    return strtoul(child.standardOut.c_str(), nullptr, 10);
 }
 
 int OwnNiceValue() {
@@ -168,14 +183,6 @@ void LeaveNoRoomForHugeStacks() {
     limit.rlim_max = RLIM_INFINITY;
     if (sizeof(void*) > 4 && setrlimit(RLIMIT_AS, &limit) != 0) {
         _exit(91);
-    }
-}
-
-/// Ends a child process with a status of its own when something is not as it should be.
-void Check(bool bOk, int status) {
-    if (!bOk) {
-        fprintf(stderr, "check %d failed\n", status);
-        _exit(status);
     }
 }
 
@@ -382,28 +389,25 @@ TEST(Thread, StartsUntrackedWhileTheLibraryIsNotInitialised) {
 // Stack sizes
 
 TEST(Thread, StackSizeOfZeroTakesTheConfiguredDefault) {
+    const char kIni[] = "[Thread]\nDefaultStackSize=65536\n";
     const size_t systemDefault = StackSizeFor(0);
-    tq_ThreadWaitForEndingThreads();
-    test::Library library("[Thread]\nDefaultStackSize=65536\n");
-    const size_t configured = StackSizeFor(0);
-    EXPECT_EQ(configured, StackSizeFor(65536));
+    const size_t configured = StackSizeFor(0, kIni);
     if (IsSanitized()) { // sanitizers enlarge small stacks for what they keep there
         EXPECT_LT(configured, systemDefault);
     } else {
         EXPECT_EQ(65536u, configured);
     }
-    const size_t given = StackSizeFor(1048576); // comes before the default
+    const size_t given = StackSizeFor(1048576, kIni); // comes before the default
     EXPECT_LT(configured, given);
     EXPECT_LT(given, systemDefault);
 }
 
 TEST(Thread, StackSizeThatIsRefusedAsTooSmallGivesTheSystemsDefault) {
     const size_t systemDefault = StackSizeFor(0);
+    EXPECT_LT(1048576u, systemDefault);
     EXPECT_EQ(systemDefault, StackSizeFor(4096));
     EXPECT_EQ(systemDefault, StackSizeFor(1));
-    tq_ThreadWaitForEndingThreads();
-    test::Library library("[Thread]\nDefaultStackSize=4096\n");
-    EXPECT_EQ(systemDefault, StackSizeFor(0));
+    EXPECT_EQ(systemDefault, StackSizeFor(0, "[Thread]\nDefaultStackSize=4096\n"));
 }
 
 TEST(Thread, FailedStartTakesEverythingBack) {
