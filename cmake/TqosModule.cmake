@@ -1,13 +1,20 @@
 # tqos_module(X): the module's header include/X.h, its source src/tqos/X.cpp and its test tests/X_test.cpp.
 #   DERIVABLE: applications derive from its classes; these carry their type information, which an application that is
 #   built with RTTI asks for.
-# tqos_private(X): a source file without public header or test of its own.
+# tqos_private(X): a source file without public header of its own, and its test when it has one.
 # tqos_libraries(): the shared and the static library from all modules named before.
 set_property(GLOBAL PROPERTY TQOS_SOURCES "")
 set_property(GLOBAL PROPERTY TQOS_TESTS "")
 
 function(tqos_private name)
   set_property(GLOBAL APPEND PROPERTY TQOS_SOURCES "${PROJECT_SOURCE_DIR}/src/tqos/${name}.cpp")
+  tqos_test(${name})
+endfunction()
+
+function(tqos_test name)
+  if(EXISTS "${PROJECT_SOURCE_DIR}/tests/${name}_test.cpp")
+    set_property(GLOBAL APPEND PROPERTY TQOS_TESTS ${name})
+  endif()
 endfunction()
 
 function(tqos_module name)
@@ -17,9 +24,8 @@ function(tqos_module name)
     if(module_DERIVABLE)
       set_source_files_properties("${PROJECT_SOURCE_DIR}/src/tqos/${name}.cpp" PROPERTIES COMPILE_OPTIONS -frtti)
     endif()
-  endif()
-  if(EXISTS "${PROJECT_SOURCE_DIR}/tests/${name}_test.cpp")
-    set_property(GLOBAL APPEND PROPERTY TQOS_TESTS ${name})
+  else()
+    tqos_test(${name})
   endif()
 endfunction()
 

@@ -8,6 +8,9 @@
 /// names. A node must live, and keep its sort key, for as long as it is in the list. The same pointer may be in a list
 /// more than once.
 ///
+/// A list can carry hash indexes over its nodes, which it keeps up by itself: a lookup in one costs a walk over the
+/// nodes of one bucket, however many nodes the list has (see HashCreate()).
+///
 /// Threads: construction, destruction and SetName() are safe from any thread. No other operation locks by itself:
 /// whoever shares a list brackets its use with Lock() and Unlock(), best through tq_ListLock. NodeCount() and
 /// MaxNodeCount() may be asked without the lock and then give a number of some moment.
@@ -66,6 +69,13 @@ extern "C" {
 /// It runs under whatever lock the searcher holds and must not change the list.
 typedef int (*PFN_CUSTOM_FIND)(void* data, void* pNode, void* userparm);
 
+/// Gives the bucket of a node in a hash of LIST_TYPE_CUSTOM.
+/// @param pNode     the node
+/// @param userparm  the hash's user value
+/// @return the bucket, from 0, used as it is; at or above the hash's range the node is left out of that hash
+/// For one node it must give the same bucket for as long as the node is in the list. It must not change the list.
+typedef unsigned int (*PFN_CUSTOM_HASH)(void* pNode, void* userparm);
+
 /// Finds a text within another, upper and lower case the same.
 /// @return where the first match begins within `string` itself; null when there is none, when either text is null or
 ///         empty, or when there is no memory for the two copies that it compares
@@ -76,6 +86,7 @@ TQ_API char* tq_stristr(const char* string, const char* strSearch);
 
 struct _LIST_BLOCK;
 struct _TQ_LIST_HASHING;
+struct tq_ListInside;
 
 /// The list. Applications use it as it is, or derive from it to give it an order of their own with CustomSort().
 class TQ_API tq_List {
@@ -251,12 +262,65 @@ public:
     /// @return the most nodes that have been in the list at once
     unsigned int MaxNodeCount();
 
+    /// Makes a hash index over the nodes of the list, those that it holds now and all that come later.
+    /// @param type           LIST_TYPE_ of the key; one that there is not puts every node into bucket 0
+    /// @param offset         where the key lies in a node, in bytes
+    /// @param hashRange      number of buckets, at least 1
+    /// @param pfnCustomHash  for LIST_TYPE_CUSTOM, where null puts every node into bucket 0; not used by other types
+    /// @param name           copied, may be null
+    /// @return the hash instance, from 1, that names the hash in the other calls: the lowest that is free. 0 when
+    ///         hashRange is below 1 or there is no memory
+    ///
+    /// A node must keep its hash keys, as its sort key, for as long as it is in the list. A node for whose entry in a
+    /// hash there is no memory is missing there, and nothing says so.
+    unsigned int HashCreate(int type, unsigned int offset, int hashRange, PFN_CUSTOM_HASH pfnCustomHash,
+                            const char* name);
+    /// Ends a hash. Its number is free for the next HashCreate(). An instance that there is not is ignored.
+    void HashDestroy(unsigned int hashInstance);
+
+    /// Begins a walk over a bucket, newest node first. It gives every node whose key hashes to the bucket: the caller
+    /// compares the keys. Each hash has one walk at a time; a node that is removed does not disturb it.
+    /// @param hashValue  the bucket, from 0: for a hash of any type but LIST_TYPE_CUSTOM HashValueFromDataDefault()
+    /// @return the first node; null when the bucket is empty or there is no such bucket or instance
+    void* HashFindFirst(unsigned int hashInstance, unsigned int hashValue);
+    /// @return the next node of the bucket; null at the end, or when there is no such instance
+    void* HashFindNext(unsigned int hashInstance);
+
+    /// Replaces a hash's name by a copy, or by none for null or without memory.
+    void HashSetName(unsigned int hashInstance, const char* name);
+    /// @return the hash's user value, null at first; null when there is no such instance
+    void* HashGetUserParm(unsigned int hashInstance);
+    /// Sets the value that the hash's custom function is given. The nodes already in the hash stay where they are, so a
+    /// function whose result depends on it has to be given it before there are any.
+    void HashSetUserParm(unsigned int hashInstance, void* userparm);
+
+    /// The bucket of a key in a hash that has no custom function. Numbers count by their bits, unsigned, texts by the
+    /// sum of their first four characters.
+    /// @param data       a node, or any memory that holds such a key at `offset`
+    /// @param type       LIST_TYPE_ of the key
+    /// @param offset     where the key lies, in bytes
+    /// @param hashRange  number of buckets
+    /// @return the bucket, below hashRange; 0 when hashRange is below 1, `data` is null, the text is null or the type
+    /// is
+    ///         LIST_TYPE_CUSTOM or unknown
+    /// Threads: any; no lock is needed.
+    unsigned int HashValueFromDataDefault(void* data, int type, unsigned int offset, int hashRange);
+
+    /// Adds a node to one hash, or to all. The list does this itself for every node that it is given; whoever calls it
+    /// for a node of his own also takes that node out again. A null node or an unknown instance is ignored.
+    void AddToHash(unsigned int hashInstance, void* pNode);
+    void AddToHashes(void* pNode); ///< AddToHash() for every hash of the list
+    /// Takes a node out of one hash, or of all; the list does this itself for every node that is removed. A node that
+    /// is not there, or an unknown instance, is ignored.
+    void RemoveFromHash(unsigned int hashInstance, void* pNode);
+    void RemoveFromHashes(void* pNode); ///< RemoveFromHash() for every hash of the list
+
 protected:
     /// Takes an entry out of the pool, which a block of 16 fills up when it is empty. Null without memory.
     _TQ_LIST_ENTRY* GetNextEmpty();
     /// Puts an entry into the pool.
     void ReturnNewEmpty(_TQ_LIST_ENTRY* le);
-    /// Gives all blocks but the oldest back. Called when the list has become empty.
+    /// Gives all blocks but the oldest back, unless a hash still holds entries. Called when the list has become empty.
     void ReduceListNodes();
     /// Takes an entry out of the list and puts it into the pool; no remembered step points at it afterwards.
     void LocalListRemoveNode(_TQ_LIST_ENTRY* le);
@@ -267,9 +331,12 @@ protected:
     _LIST_INSTANCE m_li; ///< the list's state
 
 private:
+    friend struct tq_ListInside; // the library's own reports
+
     void AddBesideCursor(void* pNode, bool bTowardsHead);
     void* RemoveEntry(_TQ_LIST_ENTRY* le);
     void* BeginWalk(_TQ_LIST_ENTRY* pFirst, int direction);
+    void DestroyHashes(); // by the destructor; the entries go with the blocks
 };
 
 /// A search value that is a number, in the form that FindFirst() takes it.

@@ -8,7 +8,6 @@
 #include <utility>
 
 #include "tq_Base.h"
-#include "tq_Gate_p.h"
 #include "tq_Handle.h"
 #include "tq_Memory.h"
 #include "tq_SemMutex_p.h"
@@ -19,6 +18,7 @@ static_assert(sizeof(void*) != 4 || sizeof(tq_List) == 88, "the virtual table, t
 static_assert(sizeof(void*) != 4 || sizeof(_LIST_BLOCK) == 196, "the link and sixteen entries");
 static_assert(sizeof(void*) != 4 || sizeof(LISTOFLISTS) == 12, "three words");
 
+tq_Gate gListRegistryGate;
 tq_SemCritSec* gpListOfListsCritSec = nullptr;
 LISTOFLISTS* gpListOfLists = nullptr; // under gpListOfListsCritSec
 unsigned int gpListCount = 0;         // under gpListOfListsCritSec
@@ -27,9 +27,6 @@ namespace {
 
 using Entry = tq_List::_TQ_LIST_ENTRY;
 using State = tq_List::_LIST_INSTANCE;
-
-/// Passed by whoever uses the registry.
-tq_Gate gRegistryGate;
 
 /// A list that was made while the library was not running, or was still there when it terminated. What it allocated is
 /// not the business of a library started later, whose memory may be set up in another way; it is told apart by this
@@ -51,32 +48,14 @@ constexpr unsigned int kEntriesPerBlock = sizeof(_LIST_BLOCK::EntryList) / sizeo
 
 // The keys
 
-/// The number at an offset of a node, which need not be aligned.
-template <typename Key> Key NumberIn(const void* pNode, unsigned int offset) {
-    Key key;
-    memcpy(&key, static_cast<const char*>(pNode) + offset, sizeof(key));
-    return key;
-}
-
 template <typename Key> int CompareData(void* data, void* pNode, unsigned int offset) {
-    return NumberIn<Key>(pNode, offset) == static_cast<Key>(reinterpret_cast<uintptr_t>(data)) ? 0 : 1;
+    return tqList_NumberIn<Key>(pNode, offset) == static_cast<Key>(reinterpret_cast<uintptr_t>(data)) ? 0 : 1;
 }
 
 template <typename Key> int CompareNodes(void* pNode1, void* pNode2, unsigned int offset) {
-    const Key key1 = NumberIn<Key>(pNode1, offset);
-    const Key key2 = NumberIn<Key>(pNode2, offset);
+    const Key key1 = tqList_NumberIn<Key>(pNode1, offset);
+    const Key key2 = tqList_NumberIn<Key>(pNode2, offset);
     return key1 < key2 ? -1 : key1 > key2;
-}
-
-/// The text that the node points to; empty when it points to none.
-const char* PointedText(const void* pNode, unsigned int offset) {
-    const char* const pszText = NumberIn<const char*>(pNode, offset);
-    return pszText ? pszText : "";
-}
-
-/// The text that stands in the node.
-const char* InlineText(const void* pNode, unsigned int offset) {
-    return static_cast<const char*>(pNode) + offset;
 }
 
 using TextOf = const char* (*)(const void* pNode, unsigned int offset);
@@ -93,10 +72,10 @@ template <TextOf Text, CompareTexts Compare> int CompareTextNodes(void* pNode1, 
 constexpr PFN_LIST_COMPARE_DATA tqList_CompareData32 = CompareData<uint32_t>;
 constexpr PFN_LIST_COMPARE_DATA tqList_CompareData16 = CompareData<uint16_t>;
 constexpr PFN_LIST_COMPARE_DATA tqList_CompareData8 = CompareData<uint8_t>;
-constexpr PFN_LIST_COMPARE_DATA tqList_CompareDataPZSTR = CompareTextData<PointedText, strcmp>;
-constexpr PFN_LIST_COMPARE_DATA tqList_CompareDataZSTR = CompareTextData<InlineText, strcmp>;
-constexpr PFN_LIST_COMPARE_DATA tqList_CompareDataPZISTR = CompareTextData<PointedText, strcasecmp>;
-constexpr PFN_LIST_COMPARE_DATA tqList_CompareDataZISTR = CompareTextData<InlineText, strcasecmp>;
+constexpr PFN_LIST_COMPARE_DATA tqList_CompareDataPZSTR = CompareTextData<tqList_PointedText, strcmp>;
+constexpr PFN_LIST_COMPARE_DATA tqList_CompareDataZSTR = CompareTextData<tqList_InlineText, strcmp>;
+constexpr PFN_LIST_COMPARE_DATA tqList_CompareDataPZISTR = CompareTextData<tqList_PointedText, strcasecmp>;
+constexpr PFN_LIST_COMPARE_DATA tqList_CompareDataZISTR = CompareTextData<tqList_InlineText, strcasecmp>;
 
 constexpr PFN_LIST_COMPARE_NODES tqList_CompareNodesU32 = CompareNodes<uint32_t>;
 constexpr PFN_LIST_COMPARE_NODES tqList_CompareNodesS32 = CompareNodes<int32_t>;
@@ -104,10 +83,10 @@ constexpr PFN_LIST_COMPARE_NODES tqList_CompareNodesU16 = CompareNodes<uint16_t>
 constexpr PFN_LIST_COMPARE_NODES tqList_CompareNodesS16 = CompareNodes<int16_t>;
 constexpr PFN_LIST_COMPARE_NODES tqList_CompareNodesU8 = CompareNodes<uint8_t>;
 constexpr PFN_LIST_COMPARE_NODES tqList_CompareNodesS8 = CompareNodes<int8_t>;
-constexpr PFN_LIST_COMPARE_NODES tqList_CompareNodesPZSTR = CompareTextNodes<PointedText, strcmp>;
-constexpr PFN_LIST_COMPARE_NODES tqList_CompareNodesZSTR = CompareTextNodes<InlineText, strcmp>;
-constexpr PFN_LIST_COMPARE_NODES tqList_CompareNodesPZISTR = CompareTextNodes<PointedText, strcasecmp>;
-constexpr PFN_LIST_COMPARE_NODES tqList_CompareNodesZISTR = CompareTextNodes<InlineText, strcasecmp>;
+constexpr PFN_LIST_COMPARE_NODES tqList_CompareNodesPZSTR = CompareTextNodes<tqList_PointedText, strcmp>;
+constexpr PFN_LIST_COMPARE_NODES tqList_CompareNodesZSTR = CompareTextNodes<tqList_InlineText, strcmp>;
+constexpr PFN_LIST_COMPARE_NODES tqList_CompareNodesPZISTR = CompareTextNodes<tqList_PointedText, strcasecmp>;
+constexpr PFN_LIST_COMPARE_NODES tqList_CompareNodesZISTR = CompareTextNodes<tqList_InlineText, strcasecmp>;
 
 bool IsKnownType(int type) {
     return type >= LIST_TYPE_U32BITS && type <= LIST_TYPE_CUSTOM;
@@ -252,6 +231,22 @@ void FreeBlocksDownTo(State& li, const _LIST_BLOCK* pLast) {
     }
 }
 
+/// False while a hash holds an entry although the list is empty: one of a node whose key has changed since it was
+/// added, or that was added to the hash alone. The blocks then stay, so that no chain leads into freed memory.
+bool AllEntriesArePooled(const State& li) {
+    if (!li.pHash) {
+        return true;
+    }
+    unsigned int entries = 0;
+    for (const _LIST_BLOCK* pBlock = li.pListBlock; pBlock; pBlock = pBlock->pNext) {
+        entries += kEntriesPerBlock;
+    }
+    for (const Entry* le = li.pEmpty; le; le = le->pNext) {
+        --entries;
+    }
+    return entries == 0;
+}
+
 // The name
 
 /// As many of a name's last characters as a report of held locks could ever show.
@@ -313,7 +308,7 @@ bool TakeStranger(const tq_List* pList) {
 
 /// Enters a list into the registry. Without memory for a record it stays out.
 void Register(tq_List* pList, unsigned int handle) {
-    const tq_GatePass pass(gRegistryGate);
+    const tq_GatePass pass(gListRegistryGate);
     if (!pass) {
         AddStranger(pList);
         return;
@@ -415,18 +410,19 @@ void tq_List::init(int flags, int sortType, unsigned int sortOffset, const char*
 
 tq_List::~tq_List() {
     // Held to the end: memory, into which the list's parts go back, stays up until the registry has closed.
-    const tq_GatePass pass(gRegistryGate);
+    const tq_GatePass pass(gListRegistryGate);
     const bool bStranger = TakeStranger(this);
     if (!pass || bStranger) {
-        // Deliberate: one would expect the name, the blocks and the lock to be freed. After the library has terminated
-        // they are left alone, since what they came from may be gone; they are lost. Starting the library again does
-        // not bring them back.
+        // Deliberate: one would expect the name, the blocks, the hashes and the lock to be freed. After the library has
+        // terminated they are left alone, since what they came from may be gone; they are lost. Starting the library
+        // again does not bring them back.
         return;
     }
     Unregister(this);
     m_li.pHead = nullptr;
     m_li.pTail = nullptr;
     tq_free(m_li.pName);
+    DestroyHashes();
     tq_deleteObject(m_li.pSem);
     FreeBlocksDownTo(m_li, nullptr);
 }
@@ -468,7 +464,7 @@ void tq_List::ReturnNewEmpty(_TQ_LIST_ENTRY* le) {
 }
 
 void tq_List::ReduceListNodes() {
-    if (!m_li.pListBlock || !m_li.pListBlock->pNext) {
+    if (!m_li.pListBlock || !m_li.pListBlock->pNext || !AllEntriesArePooled(m_li)) {
         return;
     }
     _LIST_BLOCK* pOldest = m_li.pListBlock;
@@ -498,6 +494,7 @@ void tq_List::AddNode(void* pNode, int direction) {
                      [pfnCompare = tqList_CompareNode[m_li.sortType - 1],
                       offset = m_li.sortOffset](void* pNew, void* pOther) { return pfnCompare(pNew, pOther, offset); });
     }
+    AddToHashes(pNode);
 }
 
 void tq_List::AddNode(void* pNode) {
@@ -539,6 +536,7 @@ void tq_List::AddBesideCursor(void* pNode, bool bTowardsHead) {
     }
     m_li.pNextSearch = Ahead(m_li, le);
     m_li.pPrevSearch = Behind(m_li, le);
+    AddToHashes(pNode);
 }
 
 // Removing
@@ -546,6 +544,7 @@ void tq_List::AddBesideCursor(void* pNode, bool bTowardsHead) {
 void tq_List::LocalListRemoveNode(_TQ_LIST_ENTRY* le) {
     LeaveEntry(m_li, le);
     Unlink(m_li, le);
+    RemoveFromHashes(le->pNode);
     SetCount(m_li, m_li.Count - 1);
     m_li.pCurrent = nullptr;
     ReturnNewEmpty(le);
@@ -712,7 +711,7 @@ void tq_List::Unlock() {
 
 void tq_List::SetName(const char* name) {
     char* pszName = name ? tq_newString(name) : nullptr;
-    const tq_GatePass pass(gRegistryGate);
+    const tq_GatePass pass(gListRegistryGate);
     {
         const tq_CritSecLock registryLock(pass ? gpListOfListsCritSec : nullptr); // for the reports
         const std::lock_guard<std::mutex> nameLock(gNameMutex);                   // for LockTracked()
@@ -765,12 +764,12 @@ bool tq_ListRegistryOpen() {
     if (!gpListOfListsCritSec) {
         return false;
     }
-    gRegistryGate.Open();
+    gListRegistryGate.Open();
     return true;
 }
 
 void tq_ListRegistryClose() {
-    gRegistryGate.Close();
+    gListRegistryGate.Close();
     while (gpListOfLists) { // lists that outlive the library stay as they are
         LISTOFLISTS* const pRecord = gpListOfLists;
         gpListOfLists = pRecord->pNext;

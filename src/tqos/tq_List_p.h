@@ -1,16 +1,23 @@
 /// @file tq_List_p.h
-/// What the library itself knows of lists: the registry of all of them, the blocks their entries come from and the
-/// comparisons of their keys.
+/// What the library itself knows of lists: the registry of all of them, the blocks their entries come from, their hash
+/// indexes and the comparisons of their keys.
 ///
 /// Every list made while the library runs has a record in the registry until it is destroyed. The records are guarded
 /// by gpListOfListsCritSec, which exists while the registry is open: made by the library's start before any list and
 /// unmade after the last. Lock order: innermost but for the memory locks and those of lock tracking; nothing else is
 /// taken while it is held. A list therefore takes its handle, and gives it back, outside it. Names of lists are only
-/// replaced while it is held, so a report that holds it may read them.
+/// replaced while it is held, so a report that holds it may read them; the same goes for the table of a list's hashes.
+/// The counts of a list and of its buckets are stored in one step each: a report reads them without the list's lock.
 #ifndef TQ_LIST_P_H
 #define TQ_LIST_P_H
 
+#include <string.h>
+
+#include "tq_Gate_p.h"
 #include "tq_List.h"
+
+/// Passed by whoever uses the registry.
+extern tq_Gate gListRegistryGate;
 
 /// Guards the registry; null while it is not open.
 extern tq_SemCritSec* gpListOfListsCritSec;
@@ -36,6 +43,51 @@ struct _LIST_BLOCK {
     _LIST_BLOCK* pNext; ///< the block allocated before this one
     tq_List::_TQ_LIST_ENTRY EntryList[16];
 };
+
+/// One hash of a list.
+typedef struct _TQ_LIST_HASH_INSTANCE {
+    tq_List::_TQ_LIST_ENTRY** pHead;          ///< first entry of each bucket; in one block with the bucket counts
+    unsigned int hashRange;                   ///< number of buckets
+    unsigned int hashOffset;                  ///< where the key lies in a node
+    int hashType;                             ///< LIST_TYPE_ of the key
+    PFN_CUSTOM_HASH pCustomHash;              ///< only with LIST_TYPE_CUSTOM
+    void* userparm;                           ///< handed to pCustomHash
+    char* pszName;                            ///< the hash's own copy; may be null
+    tq_List::_TQ_LIST_ENTRY* pNextHashSearch; ///< where the walk over a bucket goes on
+
+    /// How many nodes are in each bucket: the numbers lie behind the last bucket's head.
+    unsigned int* BucketCounts() const { return reinterpret_cast<unsigned int*>(pHead + hashRange); }
+} TQ_LIST_HASH_INSTANCE;
+
+/// The hashes of a list.
+struct _TQ_LIST_HASHING {
+    unsigned int hashInstancesInUse;
+    unsigned int totalHashInstances;    ///< slots
+    TQ_LIST_HASH_INSTANCE** pHashArray; ///< slot i is hash instance i + 1, or null
+};
+
+/// Lets the library's own reports look into a list.
+struct tq_ListInside {
+    static const tq_List::_LIST_INSTANCE& StateOf(const tq_List& list) { return list.m_li; }
+};
+
+/// The number at an offset of a node, which need not be aligned.
+template <typename Key> Key tqList_NumberIn(const void* pNode, unsigned int offset) {
+    Key key;
+    memcpy(&key, static_cast<const char*>(pNode) + offset, sizeof(key));
+    return key;
+}
+
+/// The text that the node points to; empty when it points to none.
+inline const char* tqList_PointedText(const void* pNode, unsigned int offset) {
+    const char* const pszText = tqList_NumberIn<const char*>(pNode, offset);
+    return pszText ? pszText : "";
+}
+
+/// The text that stands in the node.
+inline const char* tqList_InlineText(const void* pNode, unsigned int offset) {
+    return static_cast<const char*>(pNode) + offset;
+}
 
 /// Compares a search value with the key at an offset of a node; 0 when they match.
 typedef int (*PFN_LIST_COMPARE_DATA)(void* data, void* pNode, unsigned int offset);
