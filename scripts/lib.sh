@@ -90,6 +90,7 @@ prepare_to_test() {
     [ -f /usr/src/googletest/CMakeLists.txt ] || packages+=(googletest)
     have clang++ || packages+=(clang)
     have pkg-config || packages+=(pkg-config)
+    have telnet || packages+=(telnet)
     install_packages ${packages[@]+"${packages[@]}"}
 }
 

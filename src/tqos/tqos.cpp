@@ -14,6 +14,7 @@
 #include "tq_Lifecycle_p.h"
 #include "tq_List_p.h"
 #include "tq_MsgQ_p.h"
+#include "tq_Telnet_p.h"
 #include "tq_Thread_p.h"
 
 // State. The application initialises and terminates from one thread, so nothing here has a lock; what other threads
@@ -338,6 +339,7 @@ void tqOS_Terminate(bool bDumpResources, bool bWaitForThreads) {
     tq_ThreadTerminationBegins(bWaitForThreads);
     gLazyStartGate.Close(); // what would start only now finds "not running"
     DestroyListOfQs();
+    tq_TelnetLibraryEnds(); // if nobody has stopped the console: it can be started again with the library
     CloseOwnTrace();
 
     // Deliberate: not the mirror of the start. Trace goes before what might still want to trace, so that no line is
