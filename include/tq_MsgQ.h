@@ -4,14 +4,14 @@
 /// Timer expiries, socket events and console requests come as messages too.
 ///
 /// An application derives a class from tq_MsgQ, overrides MessageHandler(), makes an object, names it by the handle
-/// that Create() gives, and sends to it by that handle from anywhere. Before the object goes, Destroy() ends the
+/// that Create() gives, and sends to it by that handle from anywhere. Before the object goes, Cleanup() ends the
 /// worker.
 ///
 /// @code
 /// class Door : public tq_MsgQ {
 /// public:
 ///     Door() : tq_MsgQ("Door", "opens and closes") {}
-///     ~Door() override { Destroy(false); } // while the handler's own fields still exist
+///     ~Door() override { Cleanup(); } // ends the worker while the handler's own fields still exist
 ///     void MessageHandler(MSG_COMMON* pMsg) override {
 ///         if (pMsg->command == MSG_USER) { ... }
 ///         tq_free(pMsg);
@@ -24,8 +24,9 @@
 /// leaves it with the sender. What a queue still holds when it is cleaned up, it frees.
 ///
 /// Every function here may be called from any thread unless it says otherwise; no handler is called with a lock held.
-/// Lock order: the registry of queues, then a queue's lock. A thread that holds a queue's Lock() may call that queue's
-/// own functions, but for Destroy() and Cleanup(), and must not call anything that looks a queue up by its handle.
+/// Lock order: the registry of queues, then a queue's lock. A thread that holds a queue's Lock() may look at that
+/// queue, send to it, replace its messages and change its history, and nothing else of this header: the rest takes the
+/// registry or waits for the worker.
 #ifndef TQ_MSGQ_H
 #define TQ_MSGQ_H
 
@@ -79,9 +80,10 @@ typedef struct _MSG_COMMON {
 /// the object itself stays its owner's.
 class TQ_API tq_MsgQ {
 public:
-    /// Cleans the queue up, so it waits for the worker. A derived class calls Destroy() in its own destructor (or its
+    /// Cleans the queue up, so it waits for the worker. A derived class calls Cleanup() in its own destructor (or its
     /// owner does before deleting it): the worker may be in the derived handler, whose fields go before this destructor
-    /// begins. Where nobody did, messages that the worker takes meanwhile reach the handler of the class whose
+    /// begins. Destroy() does as well but for the case that there is no memory for MSG_DESTROY, in which it does not
+    /// wait. Where nobody did either, messages that the worker takes meanwhile reach the handler of the class whose
     /// destructor has begun, down to the one below, which drops them without freeing them; and a handler at work uses
     /// fields that are gone.
     ///

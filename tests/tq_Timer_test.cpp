@@ -820,3 +820,73 @@ TEST(Timer, ManyThreadsMayUseItAtOnce) {
         return std::find(instances.begin(), instances.end(), 99u) != instances.end();
     }));
 }
+
+// The road from a timer to a handler, under every setting of locks and memory
+
+namespace {
+
+/// The road at one go: a queue's creation, a few timers, messages of each priority, and their end.
+void GoTheRoad(RecordingQueue& queue, unsigned int mstimeout) {
+    queue.Create(0);
+    for (unsigned int instance = 0; instance < 4; ++instance) {
+        tq_TimerSet(queue.GetHandle(), mstimeout, instance, 0, 0, instance % 2, "road", true);
+    }
+    for (int i = 0; i < 20; ++i) {
+        queue.Post(MSG_USER, i % 4);
+    }
+    tq_TimerSkew(20);
+    Report();
+    for (unsigned int instance = 0; instance < 4; ++instance) {
+        tq_TimerKill(queue.GetHandle(), instance, 0, 0);
+    }
+    queue.Cleanup();
+}
+
+} // namespace
+
+TEST(Timer, TheRoadIsTheSameWithEveryKindOfLock) {
+    for (const char* pszSem : {"UseMutexForCritSec=yes\n", "UseMutexForCritSec=no\n", "ForceSchedYield=yes\n",
+                               "Tracking=yes\n", "Tracking=yes\nUseMutexForCritSec=no\nForceSchedYield=yes\n"}) {
+        test::Library library(std::string(kTracking) + "[Sem]\n" + pszSem);
+        RecordingQueue queue;
+        queue.Create(0);
+        ASSERT_EQ(0u, tq_TimerSet(queue.GetHandle(), 10, 0, 0, 0, TQ_TIMER_REPEATING, nullptr, false));
+        ASSERT_TRUE(queue.WaitForCount(4));
+        std::vector<std::thread> others;
+        for (int i = 0; i < 3; ++i) {
+            others.emplace_back([] {
+                for (int round = 0; round < 5; ++round) {
+                    RecordingQueue own;
+                    GoTheRoad(own, 10);
+                }
+            });
+        }
+        for (std::thread& other : others) {
+            other.join();
+        }
+        EXPECT_EQ("", test::ReadFile("tqos_error.log"));
+    }
+}
+
+TEST(Timer, WhereverMemoryRunsOutTheRoadEndsInAReportAndNeverInAHang) {
+    test::Library library("[Memory]\nEnableMemoryTracking=yes\nMemoryCapInBytes=200000\n[Sem]\nTracking=yes\n");
+    RecordingQueue queue; // its locks have their memory
+    // no timer is due on the way: without memory it would be lost, which a test of its own looks at
+    GoTheRoad(queue, kLong); // from here on every list that lasts has its first block
+    for (unsigned int left = 0; left < 2000; left += 100) {
+        tq_ThreadWaitForEndingThreads();
+        void* pHog = nullptr;
+        { // the timer thread's waits are tracked, so it may be allocating just now
+            myCritSecLock lock(MemoryTrackingCritSec);
+            pHog = tq_malloc(200000 - gRequestedMemoryAllocations - left);
+        }
+        ASSERT_NE(nullptr, pHog);
+        GoTheRoad(queue, kLong);
+        tq_free(pHog);
+    }
+    queue.Create(0);
+    const size_t seen = queue.Seen().size();
+    ASSERT_EQ(0u, SetLong(queue.GetHandle(), 10, 1));
+    EXPECT_TRUE(queue.WaitForCount(seen + 1)) << "nothing is broken for good";
+    EXPECT_NE("", test::ReadFile("tqos_error.log"));
+}

@@ -9,6 +9,9 @@
 /// - A thread of the library that uses a queue without owning it pins it (m_uiPins) while it is certain to exist; the
 ///   destructor waits for the pins.
 ///
+/// Lock order, outermost first: the registry's lock, a queue's, then the thread list's and that of the registry of
+/// lists (both taken when a queue is named). Nobody waits for a worker or a pin with one of them held.
+///
 /// Guarded by the queue's lock: the lists, name, description, history, m_bListsUnnamed, m_bEndWithoutMessage,
 /// m_uiLockDepth. Guarded by the registry's lock as well (either will do to read): the name.
 /// Guarded by the mutex of the list of created queues: m_pNextCreated.

@@ -22,7 +22,7 @@ public:
     static constexpr unsigned int kHold = MSG_USER + 9000;
 
     explicit RecordingQueue(const char* name = "Recorder") : tq_MsgQ(name, "records what it sees") {}
-    ~RecordingQueue() override { Destroy(false); }
+    ~RecordingQueue() override { Cleanup(); }
 
     void MessageHandler(MSG_COMMON* pMsg) override {
         const MSG_COMMON seen = *pMsg;
