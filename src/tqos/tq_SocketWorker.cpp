@@ -1,22 +1,16 @@
-// The sockets thread: what it waits for, what it does when a socket is ready, and the breaker that wakes it.
+// The sockets thread's loop: what it waits for, and what it does when a socket is ready.
 #include "tq_Socket_p.h"
 
 #include <arpa/inet.h>
 #include <errno.h>
 #include <fcntl.h>
-#include <stdio.h>
 #include <string.h>
 #include <sys/ioctl.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "tq_Base.h"
-#include "tq_Handle.h"
-#include "tq_HeldLocks_p.h"
 #include "tq_Memory.h"
-#include "tq_Thread.h"
-#include "tq_Thread_p.h"
 #include "tq_Time.h"
 
 // Settings
@@ -25,30 +19,19 @@ namespace {
 
 constexpr unsigned int kPaceMs = 5000;       // longest wait, and how often the interfaces are looked at
 constexpr unsigned int kMemoryPauseMs = 100; // before a read is tried again that found no memory
-constexpr unsigned int kWorkerStack = 4096;  // what the platform refuses runs on its default
 constexpr unsigned int kBreakerPiece = 64;
 constexpr unsigned int kMostSendErrors = 4; // in a row, before a block is given up
 constexpr int kConnectRefused = 111;
 
 } // namespace
 
-// State
-
-unsigned int BrkrPort = 0;
+// State: the worker's own
 
 namespace {
 
-unsigned int SocketThreadId = 0;
-unsigned int gLastInterfaceCheck = 0; // the worker's own
+unsigned int gLastInterfaceCheck = 0;
 
-/// What starter and worker tell each other while a breaker is set up; each writes before the event it sets next.
-struct Handshake {
-    int workerError;            ///< 0: listening, or serving
-    unsigned short starterPort; ///< network byte order: the port of the starter's end; 0: it has given up
-};
-Handshake gHandshake;
-
-/// A kind of work that is left alone for a while, since trying it again at once would fail again. The worker's own.
+/// A kind of work that is left alone for a while, since trying it again at once would fail again.
 class Pause {
 public:
     void Begin(unsigned int ms) {
@@ -387,17 +370,26 @@ bool AcceptPeer(SOCKET_INSTANCE* pListener) {
 
 // Writing and failing
 
-unsigned int PercentOfOutCap(unsigned int DataOutCount, unsigned int DataOutCap) {
-    if (DataOutCap == 0) {
-        return 0;
-    }
-    const unsigned long long perMille = (static_cast<unsigned long long>(DataOutCount) * 1000 + 5) / DataOutCap;
-    return static_cast<unsigned int>(perMille / 10);
+unsigned long long PercentOfOutCap(unsigned int DataOutCount, unsigned int DataOutCap) {
+    return DataOutCap ? (static_cast<unsigned long long>(DataOutCount) * 1000 + 5) / DataOutCap / 10 : 0;
 }
 
 namespace {
 
+/// A stream is writeable without a peer when its connect could not even begin: no local port, or a local-domain
+/// listener with no room for one more.
+bool HasPeer(const SOCKET_INSTANCE* pSocket) {
+    struct sockaddr_storage peer;
+    socklen_t length = sizeof(peer);
+    return pSocket->type != SOCKET_TYPE_TCP ||
+           getpeername(static_cast<int>(pSocket->socket), reinterpret_cast<struct sockaddr*>(&peer), &length) == 0;
+}
+
 void BecomeConnected(SOCKET_INSTANCE* pSocket) {
+    if (!HasPeer(pSocket)) {
+        HandleFailed(pSocket, 0);
+        return;
+    }
     struct sockaddr_storage local;
     memset(&local, 0, sizeof(local));
     socklen_t length = sizeof(local);
@@ -445,6 +437,8 @@ void SendQueued(SOCKET_INSTANCE* pSocket) {
     }
 }
 
+} // namespace
+
 void HandleFailed(SOCKET_INSTANCE* pSocket, int error) {
     QueueTraceLocked(TQ_TRACE_LEVEL_WARNING, "tqos Sockets: HandleFailed() for handle: %u (socket: %u) error: %d,\n",
                      pSocket->handle, pSocket->socket, error);
@@ -457,8 +451,6 @@ void HandleFailed(SOCKET_INSTANCE* pSocket, int error) {
     }
     SendSocketClosedLocked(pSocket, error);
 }
-
-} // namespace
 
 // Socket states
 
@@ -532,8 +524,6 @@ bool IsWatched(PFN_WATCHED pfnWatched, const SOCKET_INSTANCE* pSocket) {
 
 namespace {
 
-enum class Turn { kGoOn, kTerminate, kBreakerLost };
-
 /// Puts a record into the sets that its state asks for, and among those to be looked at after the wait. One that is
 /// only to be cleaned up once its data is gone is in no set, but looked at.
 void WatchSocket(DescriptorSets& sets, SOCKET_INSTANCE* pSocket) {
@@ -592,11 +582,6 @@ Turn PrepareTurn(DescriptorSets& sets, unsigned int* pWaitMs) {
     }
     *pWaitMs = WaitTimeLocked();
     return bHasBreaker ? Turn::kGoOn : Turn::kBreakerLost;
-}
-
-void EmptyInSetListLocked() {
-    while (pListOfSocketsInSets->RemoveHead()) {
-    }
 }
 
 /// Fails the sockets whose descriptor somebody else has closed: no wait succeeds while they are in the sets.
@@ -669,7 +654,9 @@ bool ServeSocket(const DescriptorSets& sets, SOCKET_INSTANCE* pSocket) {
         RecordSocketEventLocked(pSocket, SOCKET_EVENT_READABLE);
     }
     const bool bFailed = sets.Has(DescriptorSets::kWrite, descriptor) && !ServeWriteable(pSocket);
-    if (!bFailed && sets.Has(DescriptorSets::kException, descriptor)) {
+    // Asked again: urgent data that comes right behind the completed connect is no failure of it.
+    if (!bFailed && sets.Has(DescriptorSets::kException, descriptor) &&
+        IsWatched(RowOf(pSocket).pfnWatchException, pSocket)) {
         ServeException(pSocket);
     }
     if (HasFlushed(pSocket)) {
@@ -702,7 +689,8 @@ Turn ServeTurn(const DescriptorSets& sets, int ready) {
     return Turn::kGoOn;
 }
 
-/// Serves all sockets until the layer is stopped or the breaker is lost.
+} // namespace
+
 Turn ServeSockets() {
     gLastInterfaceCheck = tq_GetTimeInMS();
     gAcceptPause.End();
@@ -722,305 +710,4 @@ Turn ServeSockets() {
             return turn;
         }
     }
-}
-
-} // namespace
-
-// The breaker
-
-void SpinBreaker() {
-    tq_ListLock lock(pListOfSockets);
-    if (gbWakeUpPending || BrkrSocket < 0) { // one byte on its way is enough
-        return;
-    }
-    const char wakeUp = 0;
-    gbWakeUpPending = send(BrkrSocket, &wakeUp, 1, MSG_NOSIGNAL) == 1;
-}
-
-namespace {
-
-struct sockaddr_in LoopbackAddress(unsigned int port) {
-    struct sockaddr_in address;
-    memset(&address, 0, sizeof(address));
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = htons(static_cast<uint16_t>(port));
-    return address;
-}
-
-int MakeTcpDescriptor() {
-    return socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, IPPROTO_TCP);
-}
-
-/// The port that a descriptor is bound to, network byte order; 0 when the system does not say.
-unsigned short BoundPort(int descriptor) {
-    struct sockaddr_in address;
-    memset(&address, 0, sizeof(address));
-    socklen_t length = sizeof(address);
-    return getsockname(descriptor, reinterpret_cast<struct sockaddr*>(&address), &length) == 0 ? address.sin_port : 0;
-}
-
-/// A worker's breaker while it is set up: undoes what was made unless the breaker stands.
-class BreakerSetUp {
-public:
-    BreakerSetUp() = default;
-    ~BreakerSetUp() {
-        if (m_listener >= 0) {
-            CloseDescriptor(static_cast<unsigned int>(m_listener), /*bDrain=*/false);
-        }
-        if (m_pSocket) {
-            CleanUpSocket(m_pSocket, /*bDrain=*/false);
-        }
-    }
-    BreakerSetUp(const BreakerSetUp&) = delete;
-    BreakerSetUp& operator=(const BreakerSetUp&) = delete;
-
-    /// Listens on a port of the system's choice, BrkrPort. Null, or the format of the critical error.
-    const char* Listen() {
-        m_pSocket = MakeSocketRecord(SOCKET_TYPE_TCP, SOCKET_STATE_BREAKER, 0, 0);
-        m_listener = m_pSocket ? MakeTcpDescriptor() : -1;
-        if (m_listener < 0) {
-            return Failed("tqos Sockets: Could not create breaker socket!\n");
-        }
-        const struct sockaddr_in address = LoopbackAddress(0);
-        if (bind(m_listener, reinterpret_cast<const struct sockaddr*>(&address), sizeof(address)) != 0) {
-            return Failed("tqos Sockets: Could not bind breaker socket!\n");
-        }
-        BrkrPort = ntohs(BoundPort(m_listener));
-        if (BrkrPort == 0) {
-            return Failed("tqos Sockets: Could not get breaker socket port!\n");
-        }
-        if (listen(m_listener, kListenBacklog) != 0) {
-            return Failed("tqos Sockets: Could not listen on breaker socket with port = %u!\n");
-        }
-        return nullptr;
-    }
-
-    /// Takes the starter's connection, which stands already, and nobody else's. Null, or the format of the critical
-    /// error.
-    const char* Accept(unsigned short starterPort) {
-        static const char kCouldNotAccept[] =
-            "tqos Sockets: Could not accept connection on breaker socket with port = %u!\n";
-        for (;;) {
-            struct sockaddr_in peer;
-            memset(&peer, 0, sizeof(peer));
-            socklen_t length = sizeof(peer);
-            const int descriptor =
-                starterPort ? accept4(m_listener, reinterpret_cast<struct sockaddr*>(&peer), &length, SOCK_CLOEXEC)
-                            : -1;
-            if (descriptor < 0) {
-                return Failed(kCouldNotAccept);
-            }
-            m_pSocket->socket = static_cast<unsigned int>(descriptor);
-            if (peer.sin_port == starterPort) {
-                break;
-            }
-            CloseDescriptor(m_pSocket->socket, /*bDrain=*/false);
-            m_pSocket->socket = kNoDescriptor;
-        }
-        MakeNonBlocking(m_pSocket->socket);
-        tq_SocketSetNameInternal(m_pSocket, "TQOS: Breaker Socket");
-        tq_ListLock lock(pListOfSockets);
-        if (!AddSocketLocked(m_pSocket)) {
-            return Failed(kCouldNotAccept);
-        }
-        m_hBreaker = m_pSocket->handle;
-        m_pSocket = nullptr;
-        return nullptr;
-    }
-
-    int Error() const { return m_error; }
-    unsigned int Handle() const { return m_hBreaker; }
-
-private:
-    const char* Failed(const char* pszFormat) {
-        m_error = errno ? errno : 1;
-        return pszFormat;
-    }
-
-    SOCKET_INSTANCE* m_pSocket = nullptr;
-    int m_listener = -1;
-    int m_error = 0;
-    unsigned int m_hBreaker = 0;
-};
-
-void LogBreakerError(const char* pszFormat) {
-    char message[120];
-    snprintf(message, sizeof(message), pszFormat, BrkrPort);
-    LogCriticalError(message, /*bAbort=*/false, TQ_TRACE_LEVEL_SEVERE, TQ_TRACE_CAT_SOCKETS);
-}
-
-/// The worker's side of the set-up, pSyncEvent1 being set for the starter after each step. Returns the breaker's
-/// handle, 0 on failure.
-unsigned int SetUpBreaker() {
-    BreakerSetUp breaker;
-    const char* pszError = breaker.Listen();
-    if (!pszError) {
-        gHandshake.workerError = 0;
-        pSyncEvent1->Set();
-        pSyncEvent2->WaitForEvent(-1);
-        pszError = breaker.Accept(gHandshake.starterPort);
-    }
-    gHandshake.workerError = breaker.Error();
-    if (pszError) {
-        LogBreakerError(pszError);
-    }
-    pSyncEvent1->Set();
-    return breaker.Handle();
-}
-
-/// The starter's side: connects to the listening worker. The descriptor, or minus the system error.
-int ConnectToWorker() {
-    const int descriptor = MakeTcpDescriptor();
-    if (descriptor < 0) {
-        return -errno;
-    }
-    const struct sockaddr_in address = LoopbackAddress(BrkrPort);
-    if (connect(descriptor, reinterpret_cast<const struct sockaddr*>(&address), sizeof(address)) != 0) {
-        const int error = errno;
-        close(descriptor);
-        return -error;
-    }
-    MakeNonBlocking(static_cast<unsigned int>(descriptor));
-    return descriptor;
-}
-
-/// Replaces the starter's end of the breaker; -1 for none.
-void SetBrkrSocket(int descriptor) {
-    int previous = -1;
-    {
-        tq_ListLock lock(pListOfSockets);
-        previous = BrkrSocket;
-        BrkrSocket = descriptor;
-        gbWakeUpPending = false;
-    }
-    if (previous >= 0) {
-        close(previous);
-    }
-}
-
-void* WorkerThread(void*);
-
-} // namespace
-
-unsigned int StartSocketWorker() {
-    pSyncEvent1->Reset();
-    pSyncEvent2->Reset();
-    gHandshake = Handshake();
-    if (!tq__beginthread(kWorkerStack, WorkerThread, nullptr, &SocketThreadId, TQ_THREAD_PRIORITY_NORMAL,
-                         "TQOS: Sockets Thread", __LINE__)) {
-        return 1;
-    }
-    pSyncEvent1->WaitForEvent(-1);
-    if (gHandshake.workerError != 0) {
-        return static_cast<unsigned int>(gHandshake.workerError);
-    }
-    pSyncEvent1->Reset();
-    // Connected before the worker is told to accept: if this fails it must not wait for a connection that never comes.
-    const int descriptor = ConnectToWorker();
-    if (descriptor >= 0) {
-        gHandshake.starterPort = BoundPort(descriptor);
-        SetBrkrSocket(descriptor);
-    }
-    pSyncEvent2->Set();
-    pSyncEvent1->WaitForEvent(-1);
-    if (gHandshake.workerError != 0) {
-        SetBrkrSocket(-1);
-        return static_cast<unsigned int>(descriptor < 0 ? -descriptor : gHandshake.workerError);
-    }
-    return 0;
-}
-
-// The thread
-
-namespace {
-
-bool IsTerminating() {
-    tq_ListLock lock(pListOfSockets);
-    return bTerminate;
-}
-
-/// Takes the broken breaker out and away.
-void DropBreaker(unsigned int hBreaker) {
-    SOCKET_INSTANCE* pBreaker = nullptr;
-    {
-        tq_ListLock lock(pListOfSockets);
-        pBreaker = FindSocketLocked(hBreaker);
-        if (pBreaker) {
-            RemoveSocketLocked(pBreaker);
-        }
-        EmptyInSetListLocked();
-    }
-    TraceSockets(TQ_TRACE_LEVEL_SEVERE, "tqos Sockets: ResetBreaker() called!!\n");
-    if (pBreaker) {
-        CleanUpSocket(pBreaker, /*bDrain=*/false);
-    }
-}
-
-/// The thread's last steps with a latch that it holds. It goes off the list of threads itself: by the time somebody
-/// else did that, its id could be a later thread's.
-void LeaveLatch(tq_SemCritSec* pLatch) {
-    tq_RemoveThreadFromTracking(tq_GetThreadId());
-    tq_ThreadIsEnding();
-    pLatch->Leave();
-}
-
-/// Hands over to a new worker. All other sockets keep their records.
-void ResetBreaker(unsigned int hBreaker) {
-    DropBreaker(hBreaker);
-    // Held before the other is left, so that whoever waits for the worker's end finds one of the two held throughout.
-    pBreakerResetSem->Enter();
-    tq_HeldLatchEntered();
-    tq_HeldLatchLeaving();
-    pSocketTerminateSem->Leave();
-    // Deliberate: no delay between attempts. Nothing is served while there is no worker.
-    while (!IsTerminating()) {
-        SetBrkrSocket(-1);
-        RefreshInterfaceTable();
-        if (StartSocketWorker() == 0) {
-            break;
-        }
-    }
-    tq_HeldLatchLeaving();
-    LeaveLatch(pBreakerResetSem);
-}
-
-void* WorkerThread(void*) {
-    // Counted as a held lock until the breaker stands: a critical error found on the way is traced only when it is
-    // left. The starter, who waits for us, may be holding trace's own lock.
-    pSocketTerminateSem->Enter();
-    const unsigned int hBreaker = SetUpBreaker();
-    if (hBreaker == 0) {
-        LeaveLatch(pSocketTerminateSem);
-        return nullptr;
-    }
-    tq_HeldLatchEntered();
-    const Turn end = ServeSockets();
-    if (end == Turn::kBreakerLost) {
-        ResetBreaker(hBreaker);
-        return nullptr;
-    }
-    FlushAndCloseSocket(hBreaker, 0, __FILE__, __LINE__);
-    tq_HeldLatchLeaving();
-    LeaveLatch(pSocketTerminateSem);
-    return nullptr;
-}
-
-void PassThrough(tq_SemCritSec* pCritSec) {
-    pCritSec->Enter();
-    pCritSec->Leave();
-}
-
-} // namespace
-
-void StopSocketWorker() {
-    {
-        tq_ListLock lock(pListOfSockets);
-        bTerminate = true;
-        SpinBreaker();
-    }
-    // The worker; a worker that is setting up its heir; the heir, which finds at once that it is to end.
-    PassThrough(pSocketTerminateSem);
-    PassThrough(pBreakerResetSem);
-    PassThrough(pSocketTerminateSem);
 }

@@ -170,6 +170,8 @@ void CloseDescriptor(unsigned int descriptor, bool bDrain);
 bool AddSocketLocked(SOCKET_INSTANCE* pSocket);
 /// Takes a record out of both socket lists.
 void RemoveSocketLocked(SOCKET_INSTANCE* pSocket);
+/// Nobody is waited on any more.
+void EmptyInSetListLocked();
 SOCKET_INSTANCE* FindSocketLocked(unsigned int handle);
 void tq_SocketSetNameInternal(SOCKET_INSTANCE* pSocket, const char* name);
 void RecordSocketEventLocked(SOCKET_INSTANCE* pSocket, unsigned int event);
@@ -178,9 +180,6 @@ void RecordSocketEventLocked(SOCKET_INSTANCE* pSocket, unsigned int event);
 bool AppendBlockLocked(SOCKET_INSTANCE* pSocket, tq_List** ppList, DATA_BLOCK* pBlock);
 /// A block for so many bytes, its fields zeroed; null without memory.
 DATA_BLOCK* MakeDataBlock(unsigned int bytes);
-/// Sends on the descriptor at once; the system's result, with errno.
-int SendNow(const SOCKET_INSTANCE* pSocket, const unsigned char* data, unsigned int len,
-            const struct sockaddr_in* pDestination);
 /// Sends a message without payload to the socket's queue.
 void SendSocketMessageLocked(const SOCKET_INSTANCE* pSocket, unsigned int command);
 /// Makes the socket Closed and tells its queue.
@@ -226,7 +225,7 @@ void SetDefaultBufferSizes(unsigned int descriptor);
 /// @return 0, or -1 with errno (for a directory refused for its owner or mode, also a line on standard error)
 int safe_mksocketdir(const char* pszDirectory);
 
-// The worker (tq_SocketWorker.cpp)
+// The worker's thread (tq_SocketBreaker.cpp)
 
 /// Starts a worker and connects the breaker to it. Only while none runs.
 /// @return 0; 1 when no thread could be started, otherwise the system error
@@ -235,17 +234,31 @@ unsigned int StartSocketWorker();
 void StopSocketWorker();
 /// Wakes the worker, which then looks at all records again.
 void SpinBreaker();
+
+// The worker's loop (tq_SocketWorker.cpp)
+
+/// How a turn of the loop ended.
+enum class Turn { kGoOn, kTerminate, kBreakerLost };
+
+/// Serves all sockets until the layer is stopped or the breaker is lost, and says which.
+Turn ServeSockets();
+/// Closes a socket whose connection has failed: tells its queue, unless it is closed already.
+void HandleFailed(SOCKET_INSTANCE* pSocket, int error);
 /// A failed read that says nothing about the connection.
 bool IsHarmlessReadError(unsigned int type, int error);
 /// The part of the out cap still in use, in per cent.
-unsigned int PercentOfOutCap(unsigned int DataOutCount, unsigned int DataOutCap);
+unsigned long long PercentOfOutCap(unsigned int DataOutCount, unsigned int DataOutCap);
 
 // Interfaces (tq_SocketAddress.cpp); callable while the layer starts
 
 bool RefreshInterfaceTable();
 void RefreshMacTable();
 
-// Closing (tq_Socket.cpp), for callers that need no gate
+// Sending and closing (tq_SocketSend.cpp), for callers that need no gate
+
+/// Sends on the descriptor at once; the system's result, with errno.
+int SendNow(const SOCKET_INSTANCE* pSocket, const unsigned char* data, unsigned int len,
+            const struct sockaddr_in* pDestination);
 
 unsigned int FlushAndCloseSocket(unsigned int hSocket, unsigned int Flags, const char* File, unsigned int Line);
 
