@@ -1,5 +1,6 @@
 #include "tq_Memory_p.h"
 
+#include <algorithm>
 #include <numeric>
 #include <stdarg.h>
 #include <stdint.h>
@@ -7,6 +8,7 @@
 #include <string.h>
 
 #include "tq_Base.h"
+#include "tq_Dir_p.h"
 #include "tq_IniKeys_p.h"
 
 // Settings
@@ -14,6 +16,8 @@
 unsigned int gDirtyMemoryAlloc = 256;
 unsigned int gDirtyMemoryFree = 256;
 bool gbUseMemoryTracking = false;
+bool gbUseMemoryPooling = false;
+bool gbGrowPools = true;
 unsigned int gMemoryAlignment = 0;
 unsigned int gMemoryAlignmentUnit = 0;
 unsigned int gMemoryAlignmentMask = 0;
@@ -45,7 +49,10 @@ const tq_IniInteger kFillAndAlignmentKeys[] = {
     {"DirtyMemoryFree", 256, &gDirtyMemoryFree},
     {"MemoryAlignment", 0, &gMemoryAlignment},
 };
-const tq_IniSwitch kTrackingKeys[] = {{"EnableMemoryTracking", false, &gbUseMemoryTracking}};
+const tq_IniSwitch kLayoutKeys[] = {
+    {"EnableMemoryTracking", false, &gbUseMemoryTracking},
+    {"EnableMemoryPooling", false, &gbUseMemoryPooling},
+};
 const tq_IniSwitch kAlignmentCheckKeys[] = {{"MemoryAlignmentCheck", false, &gbMemoryAlignmentCheck}};
 const tq_IniInteger kCapKeys[] = {{"MemoryCapInBytes", 0, &gMemoryCapInBytes}};
 const tq_IniSwitch kHistogramKeys[] = {{"EnableHistogram", false, &gbUseMemoryHistogram}};
@@ -103,8 +110,7 @@ void ReportFailedRequest(const Message& message) {
 
 /// A block that is damaged or misused.
 void ReportCorruption(const Message& message) {
-    LogCriticalError(message.Text(), false, kLevelSevere, kCategoryMemory);
-    tq_Assert(false);
+    tq_ReportMemoryCorruption(message.Text());
 }
 
 [[gnu::cold, gnu::noinline]] void ReportHugeRequest(unsigned int size, const CallSite& site) {
@@ -115,11 +121,11 @@ void ReportCorruption(const Message& message) {
 }
 
 /// The cap is the application's own choice, so meeting it asserts nothing.
-[[gnu::cold, gnu::noinline]] void ReportCapReached(unsigned int size, const CallSite& site) {
+[[gnu::cold, gnu::noinline]] void ReportCapReached(unsigned int size, const CallSite& site, int level) {
     Message message;
     message.Append("Exceeded defined memory cap of %u bytes\n    size: %u bytes from:\n    line %u in file: %s\n",
                    gMemoryCapInBytes, size, site.line, NameOrUnknown(site.pszFilename));
-    LogCriticalError(message.Text(), false, kLevelWarning, kCategoryMemory);
+    LogCriticalError(message.Text(), false, level, kCategoryMemory);
 }
 
 struct Counters {
@@ -170,12 +176,12 @@ void AppendAllocatedAndFreed(Message& message, char* pBlock, const CallSite& fre
     ReportCorruption(message);
 }
 
-unsigned char* HeadCheckBytes(char* pBlock) {
-    return reinterpret_cast<unsigned char*>(pBlock) + gTotalMemoryHeader - kMemoryCheckBytes;
-}
-
-unsigned char* TailCheckBytes(char* pBlock) {
-    return reinterpret_cast<unsigned char*>(pBlock) + gTotalMemoryHeader + tq_MemoryHeaderOf(pBlock)->size;
+/// What no tracked block tells of: where it was allocated.
+[[gnu::cold, gnu::noinline]] void ReportUntrackedMismatch(const CallSite& freer) {
+    Message message;
+    message.Append("Mismatched alloc/free types...\n    Freed from line: %u in file: %s\n", freer.line,
+                   NameOrUnknown(freer.pszFilename));
+    ReportCorruption(message);
 }
 
 bool AreCheckBytes(const unsigned char* pBytes, const unsigned char (&expected)[kMemoryCheckBytes]) {
@@ -184,8 +190,8 @@ bool AreCheckBytes(const unsigned char* pBytes, const unsigned char (&expected)[
 
 [[gnu::cold, gnu::noinline]] void ReportHead(char* pBlock, const CallSite& freer) {
     Message message;
-    const unsigned char* pBytes = HeadCheckBytes(pBlock);
-    if (AreCheckBytes(pBytes, kFreedCheckBytes)) {
+    const unsigned char* pBytes = tq_MemoryHeadBytes(pBlock);
+    if (tq_IsMemoryHeadFreed(pBlock)) {
         message.Append("Double Freed memory block...\n");
         message.Append("    Previously Freed from line: %u in file: %s\n", tq_MemoryHeaderOf(pBlock)->freedLine,
                        GetMemoryFreedFilename(pBlock));
@@ -199,7 +205,7 @@ bool AreCheckBytes(const unsigned char* pBytes, const unsigned char (&expected)[
 
 [[gnu::cold, gnu::noinline]] void ReportTail(char* pBlock, const CallSite& freer) {
     Message message;
-    const unsigned char* pBytes = TailCheckBytes(pBlock);
+    const unsigned char* pBytes = tq_MemoryTailBytes(pBlock);
     message.Append("Corrupted Tail bytes on memory free...\n");
     message.Append("    Tail bytes = 0x%x 0x%x 0x%x 0x%x\n", pBytes[0], pBytes[1], pBytes[2], pBytes[3]);
     AppendAllocatedAndFreed(message, pBlock, freer);
@@ -207,13 +213,6 @@ bool AreCheckBytes(const unsigned char* pBytes, const unsigned char (&expected)[
 }
 
 // Alignment
-
-/// How far an address lies above the alignment unit's last multiple.
-unsigned int AboveAlignment(const char* pAddress) {
-    const uintptr_t address = reinterpret_cast<uintptr_t>(pAddress);
-    const uintptr_t above = gMemoryAlignmentMask ? address & gMemoryAlignmentMask : address % gMemoryAlignmentUnit;
-    return static_cast<unsigned int>(above);
-}
 
 constexpr unsigned int kNoPrefix = ~0u;
 
@@ -291,44 +290,82 @@ void CountFreedBlock(unsigned int size, unsigned int allocated) {
 
 // Blocks
 
-/// A block of so many bytes, its contents as the heap left them; null when there is no memory.
-char* TakeBlock(unsigned int bytes) {
-    char* pHeap = static_cast<char*>(malloc(static_cast<size_t>(gMemoryAlignmentUnit) + bytes));
-    return pHeap ? MemoryAlignmentAdjustment(pHeap) : nullptr;
-}
-
-/// Gives a block back, or reports that its prefix is corrupted and leaves it.
-void ReleaseBlock(char* pBlock, const CallSite& freer) {
-    const unsigned int prefixBytes = PrefixBytes(pBlock);
-    if (prefixBytes != kNoPrefix) {
-        free(pBlock - prefixBytes);
-        return;
-    }
+[[gnu::cold, gnu::noinline]] void ReportPrefix(const CallSite& freer) {
     Message message;
     message.Append("Corrupted Memory Alignment Header:\n    line %u in file: %s\n", freer.line,
                    NameOrUnknown(freer.pszFilename));
     ReportCorruption(message);
 }
 
+bool IsInPool(char* pBlock) {
+    return tq_MemoryPoolOf(pBlock) != kNoMemoryPool;
+}
+
+/// The bytes that a block takes for a caller's: in a pool those of its slot.
+unsigned int BytesTakenFor(unsigned int size, char* pBlock) {
+    const unsigned int pool = tq_MemoryPoolOf(pBlock);
+    return (pool < TotalPools ? PoolSizes[pool] : size) + gTotalMemoryOverhead;
+}
+
 /// Deliberate: the flags of a fresh block are not cleared first; the type is added to what the heap left there, so a
 /// stray type bit can hide a mismatch. Only the mark of a freeing place set in advance is taken out: the freer would
-/// follow it to a name that was never stored.
+/// follow it to a name that was never stored. (With pools they were just set: the block is in use, and nothing else.)
 unsigned short FreshFlags(const _MEM_HEADER_TRACKING_ONLY* pHeader, unsigned int type) {
     const volatile _MEM_HEADER_TRACKING_ONLY* pAsFound = pHeader; // volatile: the compiler may not think it undefined
     return static_cast<unsigned short>((pAsFound->Flags & ~TQ_MEM_FLAG_FREED_LOCATION_SET) | type);
 }
 
-void StartTracking(char* pBlock, unsigned int size, unsigned int type, const CallSite& site) {
+void WriteTrackingHeader(char* pBlock, unsigned int size, unsigned int type, const CallSite& site) {
     _MEM_HEADER_TRACKING_ONLY* pHeader = tq_MemoryHeaderOf(pBlock);
     pHeader->Flags = FreshFlags(pHeader, type);
     pHeader->size = size;
     pHeader->pFile = site.pszFilename;
     pHeader->line = site.line;
-    pHeader->pFreedFile = nullptr; // what a head run over with the freed bytes is reported with
-    pHeader->freedLine = 0;
-    CountNewBlock(size, size + gTotalMemoryOverhead);
-    memcpy(HeadCheckBytes(pBlock), kLiveCheckBytes, kMemoryCheckBytes);
-    memcpy(TailCheckBytes(pBlock), kLiveCheckBytes, kMemoryCheckBytes);
+    // Deliberate: a slot keeps the record of its last freeing, which the search for damage shows. A heap block has
+    // none: null is what a head run over with the freed bytes is reported with.
+    if (!IsInPool(pBlock)) {
+        pHeader->pFreedFile = nullptr;
+        pHeader->freedLine = 0;
+    }
+    memcpy(tq_MemoryHeadBytes(pBlock), kLiveCheckBytes, kMemoryCheckBytes);
+    memcpy(tq_MemoryTailBytes(pBlock), kLiveCheckBytes, kMemoryCheckBytes);
+}
+
+/// What a new block says of itself in the mode of the moment.
+void WriteHeader(char* pBlock, unsigned int size, unsigned int type, const CallSite& site) {
+    if (gbUseMemoryTracking) {
+        WriteTrackingHeader(pBlock, size, type, site);
+    } else if (gbUseMemoryPooling) {
+        _MEM_HEADER_POOLING_ONLY* pHeader = tq_MemoryPoolHeaderOf(pBlock);
+        pHeader->Flags = static_cast<unsigned short>(pHeader->Flags | type);
+    }
+}
+
+/// A block with its header, its contents as they were; null when there is none. In a pool it is complete before the
+/// pool's lock is left, so that whoever walks over the slots sees no half of one.
+char* TakeBlock(unsigned int size, unsigned int type, const CallSite& site) {
+    const unsigned int bytes = size + gTotalMemoryOverhead;
+    tq_MemoryPoolHold hold(gbUseMemoryPooling ? WhichPool(bytes) : kNoMemoryPool);
+    char* pBlock = gbUseMemoryPooling ? static_cast<char*>(tq_MemoryPoolMalloc(bytes)) : tq_TakeMemoryHeapBlock(bytes);
+    if (pBlock) {
+        WriteHeader(pBlock, size, type, site);
+    }
+    return pBlock;
+}
+
+/// Gives a block back, or reports that its prefix is corrupted and leaves it.
+void ReleaseBlock(char* pBlock, const CallSite& freer) {
+    if (gbUseMemoryPooling) {
+        tq_MemoryPoolFree(pBlock);
+    } else if (!tq_FreeMemoryHeapBlock(pBlock)) {
+        ReportPrefix(freer);
+    }
+}
+
+/// A block's flags; a mark may be changing them.
+unsigned short FlagsOf(char* pBlock) {
+    tq_MemoryPoolHold hold(tq_MemoryPoolOf(pBlock));
+    return gbUseMemoryPooling ? tq_MemoryPoolHeaderOf(pBlock)->Flags : tq_MemoryHeaderOf(pBlock)->Flags;
 }
 
 /// Takes a block out of the tracking and marks it freed; false when it must not be freed (which has been reported).
@@ -336,26 +373,39 @@ void StartTracking(char* pBlock, unsigned int size, unsigned int type, const Cal
 bool EndTracking(char* pBlock, unsigned short type, CallSite& freer) {
     _MEM_HEADER_TRACKING_ONLY* pHeader = tq_MemoryHeaderOf(pBlock);
     const unsigned int size = pHeader->size;
-    if (pHeader->Flags & TQ_MEM_FLAG_FREED_LOCATION_SET) {
+    const unsigned short flags = FlagsOf(pBlock);
+    if (flags & TQ_MEM_FLAG_FREED_LOCATION_SET) {
         freer = {pHeader->pFreedFile, pHeader->freedLine};
     }
     // Deliberate: counted out before any check, so that a block which is then refused and stays is counted no more.
-    CountFreedBlock(size, size + gTotalMemoryOverhead);
-    if ((pHeader->Flags & type) == 0) {
+    CountFreedBlock(size, BytesTakenFor(size, pBlock));
+    if ((flags & type) == 0) {
         ReportMismatch(pBlock, freer);
         return false;
     }
     if (ValidateMemoryBlockCheckBytes(pBlock, freer.pszFilename, freer.line)) {
         return false;
     }
-    memcpy(HeadCheckBytes(pBlock), kFreedCheckBytes, kMemoryCheckBytes);
     if (gDirtyMemoryFree < kFirstValueWithoutFill) {
         memset(pBlock + gTotalMemoryHeader, static_cast<int>(gDirtyMemoryFree), size);
     }
+    tq_MemoryPoolHold hold(tq_MemoryPoolOf(pBlock));
+    memcpy(tq_MemoryHeadBytes(pBlock), kFreedCheckBytes, kMemoryCheckBytes);
     pHeader->pFreedFile = freer.pszFilename;
     pHeader->freedLine = freer.line;
     return true;
 }
+
+/// While nothing is tracked only a pool's header says anything: the family.
+bool IsOfFamily(char* pBlock, unsigned short type, const CallSite& freer) {
+    if (!gbUseMemoryPooling || (FlagsOf(pBlock) & type) != 0) {
+        return true;
+    }
+    ReportUntrackedMismatch(freer);
+    return false;
+}
+
+// Resizing
 
 /// Resizes a tracked block where the heap can, else moves it; the result is the block, null when it stays as it was.
 /// Flags and head check bytes travel along, the histogram is not touched, no cap is asked.
@@ -374,7 +424,7 @@ char* ResizeTrackedBlock(char* pBlock, unsigned int newSize, const CallSite& sit
         pHeader->size = newSize;
         pHeader->pFile = site.pszFilename;
         pHeader->line = site.line;
-        memcpy(TailCheckBytes(pResized), kLiveCheckBytes, kMemoryCheckBytes);
+        memcpy(tq_MemoryTailBytes(pResized), kLiveCheckBytes, kMemoryCheckBytes);
     }
     myCritSecLock lock(MemoryTrackingCritSec);
     // Deliberate: the old size is counted out also when the block could not be resized and stays allocated. Freeing it
@@ -386,6 +436,61 @@ char* ResizeTrackedBlock(char* pBlock, unsigned int newSize, const CallSite& sit
     return pResized;
 }
 
+/// The pool for a new size; a size that is refused has none.
+unsigned int PoolForSize(unsigned int size) {
+    return size > kLargestRequest ? kNoMemoryPool : WhichPool(size + gTotalMemoryOverhead);
+}
+
+/// A new size within the same slot. Deliberate: the place where it was allocated stays, where a resized block outside
+/// the pools takes that of the call.
+void ResizeInSlot(char* pBlock, unsigned int newSize) {
+    if (!gbUseMemoryTracking) {
+        return; // nothing says how much of a slot is used
+    }
+    _MEM_HEADER_TRACKING_ONLY* pHeader = tq_MemoryHeaderOf(pBlock);
+    const unsigned int difference = newSize - pHeader->size; // modulo 2^32, as the sums are
+    {
+        const unsigned int pool = tq_MemoryPoolOf(pBlock);
+        tq_MemoryPoolHold hold(pool);
+        pHeader->size = newSize;
+        memcpy(tq_MemoryTailBytes(pBlock), kLiveCheckBytes, kMemoryCheckBytes);
+        tq_CountPoolBytesLocked(pool, difference);
+    }
+    myCritSecLock lock(MemoryTrackingCritSec);
+    CountBytesLocked(difference, 0);
+}
+
+/// What a block holds for its owner; for a heap block that nothing tracks it is not known.
+unsigned int SizeOf(char* pBlock, unsigned int pool) {
+    if (gbUseMemoryTracking) {
+        return tq_MemoryHeaderOf(pBlock)->size;
+    }
+    return pool < TotalPools ? PoolSizes[pool] : 0;
+}
+
+void* ReallocateWithPools(void* pointer, unsigned int newSize, const CallSite& site) {
+    char* pBlock = static_cast<char*>(pointer) - gTotalMemoryHeader;
+    const unsigned int pool = tq_MemoryPoolOf(pBlock);
+    if (pool < TotalPools && pool == PoolForSize(newSize)) {
+        ResizeInSlot(pBlock, newSize);
+        return pointer;
+    }
+    if (pool == kNoMemoryPool && !gbUseMemoryTracking) {
+        size_t bytes = 0;
+        if (__builtin_add_overflow(newSize, gTotalMemoryOverhead, &bytes)) {
+            return nullptr;
+        }
+        char* pResized = static_cast<char*>(reallocWithAlignment(pBlock, bytes));
+        return pResized ? pResized + gTotalMemoryHeader : nullptr;
+    }
+    void* pMoved = tq__malloc(newSize, site.pszFilename, site.line);
+    if (pMoved) {
+        memcpy(pMoved, pointer, std::min(newSize, SizeOf(pBlock, pool)));
+        tq__free(pointer, site.pszFilename, site.line);
+    }
+    return pMoved;
+}
+
 void* Reallocate(void* pointer, unsigned int newSize, const CallSite& site) {
     if (!pointer) {
         return tq__malloc(newSize, site.pszFilename, site.line);
@@ -393,6 +498,9 @@ void* Reallocate(void* pointer, unsigned int newSize, const CallSite& site) {
     if (newSize == 0) {
         tq__free(pointer, site.pszFilename, site.line);
         return nullptr;
+    }
+    if (gbUseMemoryPooling) {
+        return ReallocateWithPools(pointer, newSize, site);
     }
     if (!gbUseMemoryTracking) {
         return reallocWithAlignment(pointer, newSize);
@@ -411,13 +519,37 @@ myCritSec::myCritSec() {
     pthread_mutexattr_destroy(&attributes);
 }
 
+unsigned int tq_MemoryAboveAlignment(const char* pAddress) {
+    const uintptr_t address = reinterpret_cast<uintptr_t>(pAddress);
+    const uintptr_t above = gMemoryAlignmentMask ? address & gMemoryAlignmentMask : address % gMemoryAlignmentUnit;
+    return static_cast<unsigned int>(above);
+}
+
 char* MemoryAlignmentAdjustment(char* pPointer) {
     if (gMemoryAlignmentUnit == 0) {
         return pPointer;
     }
     memset(pPointer, 0, gMemoryAlignmentUnit);
     *pPointer = kPrefixMark;
-    return pPointer + (gMemoryAlignmentUnit - AboveAlignment(pPointer + gTotalMemoryHeader));
+    return pPointer + (gMemoryAlignmentUnit - tq_MemoryAboveAlignment(pPointer + gTotalMemoryHeader));
+}
+
+char* tq_TakeMemoryHeapBlock(unsigned int bytes) {
+    size_t heapBytes = 0;
+    if (__builtin_add_overflow(gMemoryAlignmentUnit, bytes, &heapBytes)) {
+        return nullptr;
+    }
+    char* pHeap = static_cast<char*>(malloc(heapBytes));
+    return pHeap ? MemoryAlignmentAdjustment(pHeap) : nullptr;
+}
+
+bool tq_FreeMemoryHeapBlock(char* pBlock) {
+    const unsigned int prefixBytes = PrefixBytes(pBlock);
+    if (prefixBytes == kNoPrefix) {
+        return false;
+    }
+    free(pBlock - prefixBytes);
+    return true;
 }
 
 void* reallocWithAlignment(void* pointer, size_t newSize) {
@@ -439,7 +571,7 @@ void* reallocWithAlignment(void* pointer, size_t newSize) {
     }
     // Deliberate: an allocation aligns the user pointer; here the block is aligned, without regard to the header, so
     // the user pointer of a tracked block lies the header's length above a multiple of the alignment.
-    const unsigned int newOffset = gMemoryAlignmentUnit - AboveAlignment(pNewHeap);
+    const unsigned int newOffset = gMemoryAlignmentUnit - tq_MemoryAboveAlignment(pNewHeap);
     if (newOffset != oldOffset) {
         memmove(pNewHeap + newOffset, pNewHeap + oldOffset, newSize);
     }
@@ -459,16 +591,16 @@ void* tq__alloc(unsigned int size, unsigned int type, const char* pszFilename, u
         return nullptr;
     }
     if (gbUseMemoryTracking && !IsUnderCap(size)) {
-        ReportCapReached(size, site);
+        ReportCapReached(size, site, kLevelWarning);
         return nullptr;
     }
-    char* pBlock = TakeBlock(size + gTotalMemoryOverhead);
+    char* pBlock = TakeBlock(size, type, site);
     if (!pBlock) {
         ReportNoMemory(size, site);
         return nullptr;
     }
     if (gbUseMemoryTracking) {
-        StartTracking(pBlock, size, type, site);
+        CountNewBlock(size, BytesTakenFor(size, pBlock));
     }
     char* pUserData = pBlock + gTotalMemoryHeader;
     if (gDirtyMemoryAlloc < kFirstValueWithoutFill) {
@@ -518,7 +650,7 @@ void tq__dealloc(void* pointer, unsigned short type, const char* pszFilename, un
     }
     CallSite freer = {pszFilename, line};
     char* pBlock = static_cast<char*>(pointer) - gTotalMemoryHeader;
-    if (gbUseMemoryTracking && !EndTracking(pBlock, type, freer)) {
+    if (!(gbUseMemoryTracking ? EndTracking(pBlock, type, freer) : IsOfFamily(pBlock, type, freer))) {
         return;
     }
     ReleaseBlock(pBlock, freer);
@@ -558,10 +690,38 @@ void tq_SetMemoryFreedFilenameAndLine(void* ptr, const char* pszFilename, unsign
     if (ValidateMemoryBlockCheckBytes(pBlock, pszFilename, line)) {
         return;
     }
+    tq_MemoryPoolHold hold(tq_MemoryPoolOf(pBlock));
     _MEM_HEADER_TRACKING_ONLY* pHeader = tq_MemoryHeaderOf(pBlock);
     pHeader->Flags = static_cast<unsigned short>(pHeader->Flags | TQ_MEM_FLAG_FREED_LOCATION_SET);
     pHeader->pFreedFile = pszFilename;
     pHeader->freedLine = line;
+}
+
+void* tq_SpoofMalloc(unsigned int size, const char* pszFilename, unsigned int line) {
+    const CallSite site = {pszFilename, line};
+    if (size > kLargestRequest) {
+        ReportHugeRequest(size, site);
+        return nullptr;
+    }
+    if (gbUseMemoryTracking && !IsUnderCap(size)) {
+        ReportCapReached(size, site, kLevelSevere); // Deliberate: a grade higher than other requests
+        return nullptr;
+    }
+    const unsigned int bytes = size + gTotalMemoryOverhead;
+    char* pBlock = tq_TakeMemoryHeapBlock(bytes);
+    if (!pBlock) {
+        ReportNoMemory(size, site);
+        return nullptr;
+    }
+    memset(pBlock, 0, bytes);
+    if (gbUseMemoryPooling) {
+        tq_MemoryPoolHeaderOf(pBlock)->nPool = kNoMemoryPool;
+    }
+    WriteHeader(pBlock, size, TQ_MEM_TYPE_MALLOC | TQ_MEM_FLAG_IN_USE, site);
+    if (gbUseMemoryTracking) {
+        CountNewBlock(size, bytes);
+    }
+    return pBlock + gTotalMemoryHeader;
 }
 
 unsigned int tq_GetMemoryAlignment() {
@@ -570,13 +730,45 @@ unsigned int tq_GetMemoryAlignment() {
 
 // Reports
 
+void tq_ReportMemoryCorruption(const char* pszMessage) {
+    LogCriticalError(pszMessage, false, kLevelSevere, kCategoryMemory);
+    tq_Assert(false);
+}
+
+unsigned char* tq_MemoryHeadBytes(char* pBlock) {
+    return reinterpret_cast<unsigned char*>(pBlock) + gTotalMemoryHeader - kMemoryCheckBytes;
+}
+
+unsigned char* tq_MemoryTailBytes(char* pBlock) {
+    unsigned int size = tq_MemoryHeaderOf(pBlock)->size;
+    const unsigned int pool = tq_MemoryPoolOf(pBlock);
+    if (pool < TotalPools && size > PoolSizes[pool]) {
+        size = PoolSizes[pool];
+    }
+    return reinterpret_cast<unsigned char*>(pBlock) + gTotalMemoryHeader + size;
+}
+
+bool tq_IsMemoryHeadSound(char* pBlock) {
+    return AreCheckBytes(tq_MemoryHeadBytes(pBlock), kLiveCheckBytes);
+}
+
+bool tq_IsMemoryTailSound(char* pBlock) {
+    const unsigned int pool = tq_MemoryPoolOf(pBlock);
+    const bool bInsideSlot = pool >= TotalPools || tq_MemoryHeaderOf(pBlock)->size <= PoolSizes[pool];
+    return bInsideSlot && AreCheckBytes(tq_MemoryTailBytes(pBlock), kLiveCheckBytes);
+}
+
+bool tq_IsMemoryHeadFreed(char* pBlock) {
+    return AreCheckBytes(tq_MemoryHeadBytes(pBlock), kFreedCheckBytes);
+}
+
 bool ValidateMemoryBlockCheckBytes(char* pPointer, const char* pszFilename, unsigned int line) {
     const CallSite freer = {pszFilename, line};
-    if (!AreCheckBytes(HeadCheckBytes(pPointer), kLiveCheckBytes)) {
+    if (!tq_IsMemoryHeadSound(pPointer)) {
         ReportHead(pPointer, freer);
         return true;
     }
-    if (!AreCheckBytes(TailCheckBytes(pPointer), kLiveCheckBytes)) {
+    if (!tq_IsMemoryTailSound(pPointer)) {
         ReportTail(pPointer, freer);
         return true;
     }
@@ -607,17 +799,6 @@ const char* GetMemoryFreedFilename(char* pPointer) {
     return gbUseMemoryTracking ? PrintableName(tq_MemoryHeaderOf(pPointer)->pFreedFile) : "(No TQOS Tracking)";
 }
 
-void tq_MemoryRespond(const char* pszResponse, bool bPrintf, FILE* hFile, unsigned int, unsigned int) {
-    if (!pszResponse) {
-        return;
-    }
-    if (bPrintf) {
-        puts(pszResponse);
-    } else if (hFile) {
-        fprintf(hFile, "%s\n", pszResponse);
-    }
-}
-
 // Start and stop
 
 namespace {
@@ -632,8 +813,9 @@ void SetAlignment() {
 }
 
 void SetLayout() {
-    gTotalMemoryHeader = gbUseMemoryTracking ? kMemoryTrackingHeaderBytes : 0;
-    gTotalMemoryOverhead = gbUseMemoryTracking ? kMemoryTrackingHeaderBytes + kMemoryCheckBytes : 0;
+    const unsigned int untracked = gbUseMemoryPooling ? kMemoryPoolingHeaderBytes : 0;
+    gTotalMemoryHeader = gbUseMemoryTracking ? kMemoryTrackingHeaderBytes : untracked;
+    gTotalMemoryOverhead = gbUseMemoryTracking ? kMemoryTrackingHeaderBytes + kMemoryCheckBytes : untracked;
 }
 
 /// Settings that are read only when another asks for them go back to their defaults first.
@@ -641,8 +823,9 @@ void ReadINIFile() {
     gbMemoryAlignmentCheck = false;
     gMemoryCapInBytes = 0;
     gbUseMemoryHistogram = false;
+    gbGrowPools = true;
     tq_ReadIniTable(kSection, kFillAndAlignmentKeys);
-    tq_ReadIniTable(kSection, kTrackingKeys);
+    tq_ReadIniTable(kSection, kLayoutKeys);
     SetAlignment();
     SetLayout();
     if (gMemoryAlignment != 0) {
@@ -654,6 +837,10 @@ void ReadINIFile() {
     }
     if (gbUseMemoryHistogram) {
         tq_ReadIniTable(kSection, kHistogramSizeKeys);
+    }
+    if (gbUseMemoryPooling) {
+        gbGrowPools = !tq_GetINIFileAffirmative(kSection, "DoNotGrowPools", "no", psz_tqos_ini_file);
+        tq_ReadMemoryPoolKeys(kSection);
     }
 }
 
@@ -686,14 +873,17 @@ unsigned int tq_MemoryInitialize() {
     gbTelnetShowMemoryCalled = false;
     ReplaceHistogram(nullptr, nullptr);
     ReadINIFile();
+    const unsigned int result = gbUseMemoryPooling ? tq_MemoryPoolInitialize() : 0;
     if (gbUseMemoryHistogram) {
         StartHistogram();
     }
-    return 0;
+    return result;
 }
 
 void tq_MemoryTerminate(bool bDumpResources) {
-    if (bDumpResources) {
+    if (gbUseMemoryPooling) {
+        tq_MemoryPoolTerminate(bDumpResources);
+    } else if (bDumpResources) {
         tq_MemoryRespond(gbUseMemoryTracking
                              ? "Memory Pooling must also be enabled to track memory leaks.\n"
                              : "Memory Pooling and Memory Tracking must be enabled to track memory leaks.\n",

@@ -1,26 +1,32 @@
 /// @file tq_Memory_p.h
-/// What lies around a caller's bytes, and the module's settings and counters.
+/// What lies around a caller's bytes, and the module's settings, counters and pools.
 ///
 /// A block, from low to high addresses; "block" is always the address right behind the alignment prefix:
 ///
-///     alignment prefix     only with "MemoryAlignment": a '7', then zero bytes; where it starts, the heap block starts
+///     alignment prefix     only with "MemoryAlignment" and on the heap: a '7', then zero bytes; the heap block's start
 ///     padding              only where the processor wants user data aligned more strictly (none on 32-bit x86)
-///     header               only while tracking
+///     header               only while tracking or pooling
 ///     head check bytes     only while tracking
 ///     user data            what the caller gets; block + gTotalMemoryHeader
 ///     tail check bytes     only while tracking
 ///
 /// Invariants:
 /// - Settings change in tq_MemoryInitialize() alone. A block is always read with the settings it was made with.
-/// - The bytes of a block belong to the thread that allocates, frees or reallocates it; no lock is held while they are
-///   read or written.
-/// - MemoryTrackingCritSec guards the counters and the histogram and nothing else. Nothing is called while it is held:
-///   every report is made after leaving it.
+/// - The bytes of a heap block belong to the thread that allocates, frees or reallocates it; no lock is held while they
+///   are read or written.
+/// - The header and the check bytes of a pool's slot are written with the pool's lock held, since marks and reports
+/// walk
+///   over all slots. Whoever holds a block may read them without, but for the flags, which a mark changes.
+/// - MemoryTrackingCritSec guards the counters and the histogram and nothing else. A pool's lock may be held while it
+/// is
+///   taken. Neither is held while anything is reported or sent: rows are collected in plain memory and sent afterwards.
 #ifndef TQ_MEMORY_P_H
 #define TQ_MEMORY_P_H
 
 #include <pthread.h>
 #include <stddef.h>
+#include <stdint.h>
+#include <string.h>
 
 #include "tq_Memory.h"
 
@@ -69,6 +75,28 @@ static_assert(sizeof(void*) != 4 || offsetof(_MEM_HEADER_TRACKING_ONLY, pFreedFi
 static_assert(sizeof(void*) != 4 || offsetof(_MEM_HEADER_TRACKING_ONLY, line) == 16, "fixed layout");
 static_assert(sizeof(void*) != 4 || offsetof(_MEM_HEADER_TRACKING_ONLY, freedLine) == 20, "fixed layout");
 
+/// The header of a pool's block while nothing is tracked; also how every header begins while pools are used.
+struct __attribute__((packed)) _MEM_HEADER_POOLING_ONLY {
+    unsigned short Flags;
+    unsigned short nPool; ///< the block's pool; kNoMemoryPool: a heap block
+};
+static_assert(sizeof(_MEM_HEADER_POOLING_ONLY) == 4, "the header's length is fixed");
+
+/// The header of a tracked block of a pool.
+struct __attribute__((packed)) _MEM_HEADER_POOLING_AND_TRACKING {
+    unsigned short Flags;
+    unsigned short nPool;
+    unsigned int size;
+    const char* pFile;
+    const char* pFreedFile;
+    unsigned int line;
+    unsigned int freedLine;
+};
+static_assert(sizeof(_MEM_HEADER_POOLING_AND_TRACKING) == sizeof(_MEM_HEADER_TRACKING_ONLY) &&
+                  offsetof(_MEM_HEADER_POOLING_AND_TRACKING, nPool) == offsetof(_MEM_HEADER_TRACKING_ONLY, Reserverd) &&
+                  offsetof(_MEM_HEADER_POOLING_AND_TRACKING, size) == offsetof(_MEM_HEADER_TRACKING_ONLY, size),
+              "with pools the tracking header has a pool number where it had nothing");
+
 constexpr unsigned int kMemoryCheckBytes = 4;
 
 /// What user pointers are aligned to beyond what the heap gives: on 32-bit x86 nothing, its layout is fixed.
@@ -84,10 +112,21 @@ constexpr unsigned int kMemoryTrackingHeaderBytes =
     kMemoryUserAlignment * kMemoryUserAlignment;
 static_assert(kMemoryUserAlignment != 1 || kMemoryTrackingHeaderBytes == 28, "fixed layout");
 
+/// Bytes in front of the user data of a pool's block while nothing is tracked, padding included.
+constexpr unsigned int kMemoryPoolingHeaderBytes =
+    (static_cast<unsigned int>(sizeof(_MEM_HEADER_POOLING_ONLY)) + kMemoryUserAlignment - 1) / kMemoryUserAlignment *
+    kMemoryUserAlignment;
+static_assert(kMemoryUserAlignment != 1 || kMemoryPoolingHeaderBytes == 4, "fixed layout");
+
+constexpr unsigned int kMaxMemoryPools = 100;
+constexpr unsigned int kNoMemoryPool = 100; ///< stands for a pool's number where there is none
+
 // Settings, fixed by tq_MemoryInitialize().
 extern unsigned int gDirtyMemoryAlloc; ///< 256 or more: new blocks are not filled
 extern unsigned int gDirtyMemoryFree;  ///< 256 or more: freed blocks are not filled
 extern bool gbUseMemoryTracking;
+extern bool gbUseMemoryPooling;
+extern bool gbGrowPools;
 extern unsigned int gMemoryAlignment;     ///< as configured, 0 for none
 extern unsigned int gMemoryAlignmentUnit; ///< what is kept: a multiple of gMemoryAlignment and kMemoryUserAlignment
 extern unsigned int gMemoryAlignmentMask; ///< the unit less 1 when that is a power of two, otherwise 0
@@ -115,13 +154,120 @@ inline _MEM_HEADER_TRACKING_ONLY* tq_MemoryHeaderOf(char* pBlock) {
                                                         sizeof(_MEM_HEADER_TRACKING_ONLY));
 }
 
+// Pool tables, fixed by tq_MemoryInitialize(); a size of 0 ends them.
+extern unsigned int PoolSizes[kMaxMemoryPools + 1]; ///< user bytes that a slot holds
+extern unsigned int PoolInitialSize[kMaxMemoryPools + 1];
+extern unsigned int PoolIncrement[kMaxMemoryPools + 1];
+
+/// The slots by which a pool grows unless its configuration says otherwise.
+unsigned int tq_DefaultMemoryPoolIncrement(unsigned int size);
+
+/// Fills the pool tables from the configuration, or with the built-in pools.
+void tq_ReadMemoryPoolKeys(const char* pszSection);
+
+/// A chunk of slots. The first of a pool has its initial number of them, every later one the increment.
+struct _MEM_POOL {
+    struct _MEM_POOL* pNext;
+    char* pActualPointer; ///< as the heap gave it; null: no slots
+    char* pMemoryBlock;   ///< the first slot
+};
+
+// The pools; there from tq_MemoryPoolInitialize() to tq_MemoryPoolTerminate(). What the arrays point to is guarded by
+// the pool's own lock.
+extern unsigned int TotalPools;
+extern _MEM_POOL* Pools[kMaxMemoryPools];
+extern _MEM_POOL* PoolsLastNode[kMaxMemoryPools];
+extern MEM_POOL_LIST* PoolLists[kMaxMemoryPools];
+extern myCritSec PoolCritSec[kMaxMemoryPools];
+
+extern unsigned int MaxPoolSize;         ///< length of the largest slot; 0: no pools
+extern unsigned char* PoolIndexFromSize; ///< pool by slot length; null: searched instead
+extern unsigned int LastPoolInIndex;     ///< the pool of the longest slot in the table; kNoMemoryPool: it ends before
+
+/// Holds a pool's lock for a scope; nothing for what is no pool.
+class tq_MemoryPoolHold {
+public:
+    explicit tq_MemoryPoolHold(unsigned int pool) : m_pool(pool) {
+        if (m_pool < kMaxMemoryPools) {
+            PoolCritSec[m_pool].EnterCritSec();
+        }
+    }
+    ~tq_MemoryPoolHold() {
+        if (m_pool < kMaxMemoryPools) {
+            PoolCritSec[m_pool].LeaveCritSec();
+        }
+    }
+    tq_MemoryPoolHold(const tq_MemoryPoolHold&) = delete;
+    tq_MemoryPoolHold& operator=(const tq_MemoryPoolHold&) = delete;
+
+private:
+    const unsigned int m_pool;
+};
+
+/// The header of a block while pools are used, tracked or not.
+inline _MEM_HEADER_POOLING_ONLY* tq_MemoryPoolHeaderOf(char* pBlock) {
+    return gbUseMemoryTracking ? reinterpret_cast<_MEM_HEADER_POOLING_ONLY*>(tq_MemoryHeaderOf(pBlock))
+                               : reinterpret_cast<_MEM_HEADER_POOLING_ONLY*>(pBlock + gTotalMemoryHeader -
+                                                                             sizeof(_MEM_HEADER_POOLING_ONLY));
+}
+
+/// The pool that a block says it is from; kNoMemoryPool for a heap block.
+inline unsigned int tq_MemoryPoolOf(char* pBlock) {
+    return gbUseMemoryPooling ? tq_MemoryPoolHeaderOf(pBlock)->nPool : kNoMemoryPool;
+}
+
+/// The library's own bytes and the most that the pool's callers get.
+inline unsigned int tq_MemorySlotLength(unsigned int pool) {
+    return PoolSizes[pool] + gTotalMemoryOverhead;
+}
+
+/// From one slot to the next: the slot's length, and what keeps the next one aligned.
+inline size_t tq_MemorySlotStride(unsigned int pool) {
+    const size_t unit = gMemoryAlignmentUnit ? gMemoryAlignmentUnit : TQ_MEM_BLOCK_ALIGNMENT;
+    return (tq_MemorySlotLength(pool) + unit - 1) / unit * unit;
+}
+
+/// Calls visit(pBlock) for every slot of a pool, in the order of its chunks. The pool's lock is held.
+template <typename Visit> void tq_WalkMemoryPool(unsigned int pool, Visit visit) {
+    const size_t stride = tq_MemorySlotStride(pool);
+    unsigned int slots = PoolInitialSize[pool];
+    for (_MEM_POOL* pChunk = Pools[pool]; pChunk; pChunk = pChunk->pNext) {
+        for (unsigned int i = 0; i < slots; ++i) {
+            visit(pChunk->pMemoryBlock + i * stride);
+        }
+        slots = PoolIncrement[pool];
+    }
+}
+
+/// Counts bytes that callers ask a pool for, as a difference modulo 2^32. The pool's lock is held.
+void tq_CountPoolBytesLocked(unsigned int pool, unsigned int difference);
+
+/// A block of the heap, its contents as the heap left them but for the alignment prefix; null when there is no memory.
+char* tq_TakeMemoryHeapBlock(unsigned int bytes);
+
+/// Frees a block of the heap. False when its alignment prefix is damaged: it then stays.
+bool tq_FreeMemoryHeapBlock(char* pBlock);
+
+/// Reports a block that is damaged or misused. No lock of this module is held.
+void tq_ReportMemoryCorruption(const char* pszMessage);
+
 /// Lays the alignment prefix at the start of a heap block (which is gMemoryAlignmentUnit bytes longer than the block)
 /// and returns the block behind it.
 char* MemoryAlignmentAdjustment(char* pPointer);
 
+/// How far an address lies above the alignment unit's last multiple.
+unsigned int tq_MemoryAboveAlignment(const char* pAddress);
+
 /// Resizes a heap block, given by its block address, to newSize bytes behind its prefix; may move it. Null, and the old
 /// block whole, when there is no memory or the prefix is corrupted (which is reported).
 void* reallocWithAlignment(void* pointer, size_t newSize);
+
+/// Check bytes of a tracked block. The tail's are those of the largest size the slot holds when the header says more.
+unsigned char* tq_MemoryHeadBytes(char* pBlock);
+unsigned char* tq_MemoryTailBytes(char* pBlock);
+bool tq_IsMemoryHeadSound(char* pBlock);
+bool tq_IsMemoryTailSound(char* pBlock);
+bool tq_IsMemoryHeadFreed(char* pBlock);
 
 /// Looks at a tracked block's check bytes. True when one is wrong; that has then been reported, with the given place as
 /// the one that frees.
@@ -134,5 +280,49 @@ const char* GetMemoryFreedFilename(char* pPointer);
 /// Frees a block whatever allocation family it came from; otherwise as tq__free(). For owners of blocks that others
 /// allocated, such as a queue that ends with messages still in it.
 void tq_FreeEitherFamily(void* pointer, const char* pszFilename, unsigned int line);
+
+/// A zeroed block of the malloc family that never comes from a pool, with all that tq__free() wants to find; for what a
+/// report sends. Null, and reported, when there is no memory or the cap is reached.
+void* tq_SpoofMalloc(unsigned int size, const char* pszFilename, unsigned int line);
+
+constexpr unsigned int kMemoryReportDetailed = 1; ///< of a report's flags
+constexpr unsigned int kMemoryResponseFlags = 1;  ///< responses come without the line that says who answers
+
+/// A byte of memory as reports show it beside its number. Deliberate: a full stop stands for all that is no printable
+/// ASCII character, so one in the memory looks the same.
+inline char tq_ShownMemoryByte(unsigned char byte) {
+    return byte >= ' ' && byte <= '~' ? static_cast<char>(byte) : '.';
+}
+
+/// The texts of a report, one by one in order, on plain heap memory: collected under a lock, put out after leaving it,
+/// and without changing what is reported. A text for which there is no memory is left out whole.
+class tq_MemoryRows {
+public:
+    tq_MemoryRows() = default;
+    ~tq_MemoryRows();
+    tq_MemoryRows(const tq_MemoryRows&) = delete;
+    tq_MemoryRows& operator=(const tq_MemoryRows&) = delete;
+
+    /// Adds to the text that is being built.
+    void Add(const char* pszFormat, ...) TQ_PRINTF(2, 3);
+    /// Ends it; the next begins.
+    void End();
+    /// Calls put(pszText) for every text and forgets them.
+    template <typename Put> void PutOut(Put put) {
+        for (size_t at = 0; at < m_ended; at += strlen(m_pTexts + at) + 1) {
+            put(m_pTexts + at);
+        }
+        m_ended = m_length = 0;
+    }
+
+private:
+    bool GrowFor(size_t bytes);
+
+    char* m_pTexts = nullptr; ///< zero-terminated, one behind the other
+    size_t m_ended = 0;       ///< bytes of the texts that are complete
+    size_t m_length = 0;      ///< and of the one that is being built
+    size_t m_capacity = 0;
+    bool m_bIncomplete = false;
+};
 
 #endif // TQ_MEMORY_P_H
