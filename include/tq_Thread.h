@@ -42,7 +42,9 @@ TQ_API void tq_ThreadTerminate(bool bWaitForThreads);
 ///                       default instead; one that it cannot provide is a failure.
 /// @param start_address  the thread's function
 /// @param arglist        its argument
-/// @param thrdaddr       receives the new thread's id before its function runs, 0 when it does not start; may be null
+/// @param thrdaddr       receives the new thread's id before its function runs; 0 when the system does not start it;
+/// left
+///                       alone when there is no memory to start it; may be null
 /// @param priority       TQ_THREAD_PRIORITY_...
 /// @param pszFilename    the caller's source file; copied; the thread's name until it is given another one
 /// @param line           the caller's source line

@@ -333,3 +333,26 @@ TEST_P(CritSecModes, CriticalErrorFoundInsideIsTracedWhenTheLastSectionIsLeft) {
     outer.Leave();
     EXPECT_FALSE(gbCriticalErrorsKept);
 }
+
+TEST_P(CritSecModes, RefusalsUnderAnyCapEndInReports) {
+    test::Library library(std::string("[Memory]\nEnableMemoryTracking=yes\n[Sem]\nTracking=yes\nUseMutexForCritSec=") +
+                          (GetParam() ? "yes\n" : "no\n"));
+    tq_SemCritSec outer(true);
+    tq_SemCritSec inner(true);
+    tq_List list("capped");
+    const unsigned int before = gRequestedMemoryAllocations;
+    for (unsigned int room = 0; room < 400; room += 3) {
+        gMemoryCapInBytes = before + room;
+        {
+            tq_CritSecLock outerLock(outer);
+            tq_ListLock listLock(list);
+            tq_CritSecLock innerLock(inner);
+            tq_free(tq_malloc(room + 1));
+        }
+        ASSERT_EQ(0u, tq_HeldLocks());
+        ASSERT_FALSE(gbCriticalErrorsKept) << "all were printed when the last section was left";
+    }
+    gMemoryCapInBytes = 0;
+    EXPECT_EQ(before, gRequestedMemoryAllocations);
+    EXPECT_NE(std::string::npos, test::ReadFile("tqos_error.log").find("Exceeded defined memory cap"));
+}

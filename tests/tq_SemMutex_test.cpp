@@ -307,6 +307,9 @@ TEST(SemTracking, OffOrEmptyIsSaidInPlaceOfATable) {
 }
 
 TEST(SemTracking, WorksBeforeTheLibraryStartsAndAfterItHasEnded) {
+    { // whatever ran here before: blocks are laid out as below from the start
+        test::Library library;
+    }
     tq_SemMutex mutex(false);
     for (int round = 0; round < 2; ++round) {
         tq_SemEnableSemTracking();

@@ -746,14 +746,24 @@ TEST(ThreadTermination, WaitsForThreadsThatHaveSaidThatTheyAreEnding) {
 }
 
 TEST(ThreadTermination, StormsOfStartAndEndAreClean) {
+    // Each run lays its memory out in another way than the one before, so a block freed late would be noticed.
+    const char* const settings[] = {
+        "",
+        "[Memory]\nEnableMemoryTracking=yes\n",
+        "[Memory]\nEnableMemoryTracking=yes\n[Sem]\nTracking=yes\n",
+        "[Sem]\nUseMutexForCritSec=no\nTracking=yes\n",
+    };
     test::ScratchDirectory directory;
-    for (int i = 0; i < 30; ++i) {
+    for (unsigned int i = 0; i < 40; ++i) {
+        test::WriteFile("tqos.ini", settings[i % 4]);
         ASSERT_EQ(0u, tqOS_Initialize());
         for (int thread = 0; thread < 5; ++thread) {
             ASSERT_NE(0u, tq_beginthread(0, ReturnAtOnce, nullptr, nullptr, thread % 3 - 1));
         }
-        tqOS_Terminate(false, i % 2 == 0);
+        tqOS_Terminate(false, i % 3 == 0);
     }
+    test::WriteFile("tqos.ini", "");
+    test::Library defaults; // for whatever runs here next
 }
 
 TEST(ThreadTermination, CallsThatComeLateFindNothing) {

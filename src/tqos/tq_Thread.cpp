@@ -35,8 +35,8 @@ unsigned int gInitialTid = 0;            ///< of the thread that ran tq_ThreadIn
 unsigned int gInitialPSTid = 0;
 unsigned int gEndedRecords = 0; ///< records in the list whose threads ended without taking them off; the list's lock
 
-std::atomic<bool> gbTerminationWaits{false}; ///< records come off although the library is no longer initialised
-std::atomic<unsigned int> gEndingThreads{0}; ///< threads between their end's announcement and their last step
+std::atomic<bool> gbTerminationWaits{false};  ///< records come off although the library is no longer initialised
+std::atomic<unsigned int> gPassingThreads{0}; ///< threads on their way to their function, or from it to their end
 
 /// Held by a starter until the new thread's id is stored wherever it belongs; the new thread's first act is to pass it.
 pthread_mutex_t gStartMutex = PTHREAD_MUTEX_INITIALIZER;
@@ -45,7 +45,7 @@ pthread_mutex_t gStartMutex = PTHREAD_MUTEX_INITIALIZER;
 struct ThisThread {
     unsigned int id; ///< where a pthread_t does not fit; 0: none given yet
     bool bStarted;   ///< by tq__beginthread(), and not past its last step
-    bool bEnding;    ///< counted in gEndingThreads
+    bool bEnding;    ///< counted in gPassingThreads
 };
 thread_local ThisThread tThread __attribute__((tls_model("initial-exec"))) = {0, false, false};
 
@@ -117,6 +117,18 @@ void LeaveRecordBehind() {
     }
 }
 
+// Threads in passing: termination waits for them, whether or not it waits for the threads' functions, since they use
+// memory and locks of the library on their way.
+
+void IsPassing() {
+    gPassingThreads.fetch_add(1, std::memory_order_relaxed);
+}
+
+/// From here on termination may take memory and locks down.
+void HasPassed() {
+    gPassingThreads.fetch_sub(1, std::memory_order_release);
+}
+
 // The end of a thread
 
 bool RecordsComeOff() {
@@ -137,7 +149,7 @@ void FinishThread(void*) {
     }
     tThread.bStarted = false;
     tThread.bEnding = false;
-    gEndingThreads.fetch_sub(1, std::memory_order_release); // from here on termination may take memory and locks down
+    HasPassed();
 }
 
 pthread_once_t gFinishKeyOnce = PTHREAD_ONCE_INIT;
@@ -178,6 +190,7 @@ void* Trampoline(void* pArgument) {
     const PFN_THREAD start_address = pArgs->start_address;
     void* const args = pArgs->args;
     tq_free(pArgs);
+    HasPassed(); // counted by the starter
     void* const pResult = start_address(args);
     tq_ThreadIsEnding();
     if (!bFinishesByItself) {
@@ -219,7 +232,11 @@ bool CreateThread(unsigned int stackSize, TQ_THREAD_ARGS* pArgs, pthread_t* pThr
         pthread_attr_setstacksize(&attributes, stackSize); // where the size is refused, the system's default stays
     }
     pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
+    IsPassing();
     const bool bCreated = pthread_create(pThread, &attributes, Trampoline, pArgs) == 0;
+    if (!bCreated) {
+        HasPassed();
+    }
     pthread_attr_destroy(&attributes);
     return bCreated;
 }
@@ -504,12 +521,12 @@ extern "C" void tq_ThreadTerminate(bool bWaitForThreads) {
 void tq_ThreadIsEnding() {
     if (tThread.bStarted && !tThread.bEnding) {
         tThread.bEnding = true;
-        gEndingThreads.fetch_add(1, std::memory_order_relaxed);
+        IsPassing();
     }
 }
 
 void tq_ThreadWaitForEndingThreads() {
-    while (gEndingThreads.load(std::memory_order_acquire) != 0) {
+    while (gPassingThreads.load(std::memory_order_acquire) != 0) {
         Pause();
     }
 }

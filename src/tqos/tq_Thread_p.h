@@ -41,11 +41,12 @@ static_assert(sizeof(TQ_THREAD_ARGS) == 12 && offsetof(TQ_THREAD_ARGS, start_add
 void tq_ThreadTerminationBegins(bool bWaitForThreads);
 
 /// Called by a thread of the library itself right before it signals that it has ended: termination waits for the few
-/// steps that remain (tq_ThreadWaitForEndingThreads), so that they never meet freed memory.
+/// steps that remain (tq_ThreadWaitForEndingThreads), so that they never meet freed memory. Of no effect on threads
+/// that tq__beginthread() did not start.
 void tq_ThreadIsEnding();
 
-/// Waits until every thread that has returned from its function, or has said that it is ending, is past its last use of
-/// the library's memory and locks. Called by termination with no lock held.
+/// Waits until every thread that has not yet come to its function, has returned from it, or has said that it is ending,
+/// is past its use of the library's memory and locks on this way. Called by termination with no lock held.
 void tq_ThreadWaitForEndingThreads();
 
 #endif // TQ_THREAD_P_H
