@@ -27,6 +27,7 @@
 #include "tq_SemMutex.h"
 #include "tq_SemSemaphore.h"
 #include "tq_Socket.h"
+#include "tq_String.h"
 #include "tq_Telnet.h"
 #include "tq_Thread.h"
 #include "tq_Time.h"

@@ -291,9 +291,9 @@ unsigned int InstallSignalHandlers() {
 
 // In this order: each step needs those before it. A step that fails ends the start and is not undone.
 unsigned int (*const kStartSteps[])() = {
-    tq_BaseInitialize,  tq_MemoryInitialize, tq_SemMutexInitialize, StartListRegistry,     tq_HandleInitialize,
-    tq_TimeInitialize,  RecordStartTime,     tq_ThreadInitialize,   tq_MsgQInitialize,     OpenLazyStarts,
-    StartQueueRegistry, tq_TraceInitialize,  OpenOwnTrace,          InstallSignalHandlers,
+    tq_BaseInitialize,  tq_MemoryInitialize, tq_SemMutexInitialize, StartListRegistry, tq_HandleInitialize,
+    tq_TimeInitialize,  RecordStartTime,     tq_ThreadInitialize,   tq_MsgQInitialize, OpenLazyStarts,
+    StartQueueRegistry, tq_StringInitialize, tq_TraceInitialize,    OpenOwnTrace,      InstallSignalHandlers,
 };
 
 unsigned int RunStartSteps() {
@@ -346,6 +346,7 @@ void tqOS_Terminate(bool bDumpResources, bool bWaitForThreads) {
     // written by a library half gone, and memory goes down last.
     tq_SocketStopWorkerThread();
     tq_TraceTerminate();
+    tq_StringTerminate();
     tq_SemDisableSemTracking();
     tq_SocketTerminate(99);
     tq_TimerTerminate();
