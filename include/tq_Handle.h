@@ -51,6 +51,17 @@ TQ_API unsigned int tq_HandleGet();
 /// the library starts and after it has terminated the call does nothing. Threads: any.
 TQ_API void tq_HandleRelease(unsigned int handle);
 
+/// Tells a console session how many handles are free and in use.
+/// @param instance  the session
+/// Threads: any, with no lock of the library held.
+TQ_API void tq_ShowHandles(unsigned int instance);
+
+/// Tells a console session whether a number is in the pool of free handles twice, as one given back twice is. A number
+/// that is free and in use at once is not noticed. It takes a copy of the pool, for which it needs memory.
+/// @param instance  the session
+/// Threads: any, with no lock of the library held.
+TQ_API void tq_CheckForDuplicateHandles(unsigned int instance);
+
 } // extern "C"
 
 #endif // TQ_HANDLE_H

@@ -82,6 +82,36 @@ typedef unsigned int (*PFN_CUSTOM_HASH)(void* pNode, void* userparm);
 /// Threads: any.
 TQ_API char* tq_stristr(const char* string, const char* strSearch);
 
+/// Reports the lists of the process to a console session: handle, nodes now and at most, hashes and name of each.
+/// @param instance         the session
+/// @param pszResponse      set to null, or to "No Lists currently exist...", which the caller frees with tq_free; may
+/// be
+///                         null
+/// @param StartingIndex    number of the first row shown, from 1 (0: 1)
+/// @param Max              rows shown at most; 0, or more than there are lists: all
+/// @param pszSearchString  only lists whose name contains it, upper and lower case the same; beginning with "-", only
+///                         those whose name does not contain the rest, unnamed ones too. Null: all
+/// @param bHashedOnly      only lists that have had a hash
+/// @param uiSort           0 newest list first, 20 rows a response; else one row a response, by 1 nodes, 2 most nodes,
+///                         3 name, 4 or more handle
+/// @param bReverseSort     sorted rows in descending order
+/// Rows are numbered among the lists that match. Without memory the report ends early, or a sorted row is missing.
+/// Threads: any, with no lock of the library held.
+TQ_API void tq_ListShowLists(unsigned int instance, char** pszResponse, unsigned int StartingIndex, unsigned int Max,
+                             const char* pszSearchString, bool bHashedOnly, unsigned int uiSort, bool bReverseSort);
+
+/// Reports to a console session how a list's nodes are spread over the buckets of its hashes.
+/// @param ListHandle  the list's handle, as tq_ListShowLists() shows it
+/// @param HashHandle  the hash instance, from 1, for details; not used otherwise
+/// @param instance    the session
+/// @param uiFlags     0: for each hash a line of the largest and the smallest buckets, all of them about the first
+/// hash;
+///                    else every bucket of one hash
+/// What cannot be reported is answered with a line that says why; without memory nothing is.
+/// Threads: any, with no lock of the library held.
+TQ_API void tq_ListShowHashes(unsigned int ListHandle, unsigned int HashHandle, unsigned int instance,
+                              unsigned int uiFlags);
+
 } // extern "C"
 
 struct _LIST_BLOCK;

@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include "ConsoleSession.h"
 #include "TestSupport.h"
 #include "tq_Handle_p.h"
 #include "tq_HeldLocks_p.h"
@@ -477,4 +478,114 @@ TEST(Handle, ThreadsMayDrawHandlesWhileTheAllocatorStopsAndStarts) {
     for (std::thread& thread : threads) {
         thread.join();
     }
+}
+
+// The reports
+
+namespace {
+
+using Responses = std::vector<std::string>;
+
+const char kNoDuplicates[] = "No duplicate handles detected in the TQOS handle subsystem!\r\n";
+const char kDuplicates[] = "ALERT! Duplicate handles detected in the TQOS handle subsystem!\r\n";
+
+std::string Column(unsigned int number) {
+    char text[16];
+    snprintf(text, sizeof(text), "%10u", number);
+    return text;
+}
+
+/// The report of the numbers as they are right now.
+std::string ExpectedReport() {
+    const tq_ListLock lock(gpHandleList);
+    const unsigned int available = gpHandleList->NodeCount();
+    return "\r\nTQOS handles currently available: " + Column(available) +
+           "\r\nTQOS handles currently in use:    " + Column(gMaxHandles - available) +
+           " (Max: " + std::to_string(gMaxAllocatedHandles) + ")\r\n" +
+           "                                  ----------\r\n" +
+           "                           Total: " + Column(gMaxHandles) + "\r\n";
+}
+
+} // namespace
+
+TEST(HandleReport, ShowsWhatIsFreeAndInUse) {
+    const test::Library library;
+    test::ConsoleSession session;
+    EXPECT_EQ(Responses{ExpectedReport()}, session.ResponsesTo(tq_ShowHandles));
+    const unsigned int handle = tq_HandleGet();
+    const std::string taken = ExpectedReport();
+    EXPECT_EQ(Responses{taken}, session.ResponsesTo(tq_ShowHandles));
+    tq_HandleRelease(handle);
+    EXPECT_NE(taken, ExpectedReport());
+    EXPECT_EQ(Responses{ExpectedReport()}, session.ResponsesTo(tq_ShowHandles));
+}
+
+TEST(HandleReport, RightAfterTheStartNinetyNineAreFree) {
+    const test::Library library;
+    test::ConsoleSession session;
+    tq_HandleTerminate();
+    EXPECT_EQ(Responses{"TQOS handle subsystem is NOT initialized!\r\n"}, session.ResponsesTo(tq_ShowHandles));
+    EXPECT_EQ(Responses{kNoDuplicates}, session.ResponsesTo(tq_CheckForDuplicateHandles));
+    ASSERT_EQ(0u, tq_HandleInitialize());
+    EXPECT_EQ(Responses{"\r\n"
+                        "TQOS handles currently available:         99\r\n"
+                        "TQOS handles currently in use:             1 (Max: 1)\r\n"
+                        "                                  ----------\r\n"
+                        "                           Total:        100\r\n"},
+              session.ResponsesTo(tq_ShowHandles));
+}
+
+TEST(HandleReport, ANumberThatIsFreeTwiceIsFound) {
+    const test::Library library;
+    test::ConsoleSession session;
+    EXPECT_EQ(Responses{kNoDuplicates}, session.ResponsesTo(tq_CheckForDuplicateHandles));
+    const unsigned int handle = tq_HandleGet();
+    EXPECT_EQ(Responses{kNoDuplicates}, session.ResponsesTo(tq_CheckForDuplicateHandles));
+    tq_HandleRelease(handle);
+    EXPECT_EQ(Responses{kNoDuplicates}, session.ResponsesTo(tq_CheckForDuplicateHandles));
+    tq_HandleRelease(handle);
+    EXPECT_EQ(Responses{kDuplicates}, session.ResponsesTo(tq_CheckForDuplicateHandles));
+}
+
+TEST(HandleReport, TheCheckLeavesThePoolWhole) {
+    const test::Library library;
+    test::ConsoleSession session;
+    const std::string before = ExpectedReport();
+    session.ResponsesTo(tq_CheckForDuplicateHandles);
+    const tq_ListLock lock(gpHandleList);
+    std::set<unsigned int> numbers;
+    for (void* pNode = gpHandleList->GetHead(); pNode; pNode = gpHandleList->GetNext()) {
+        EXPECT_TRUE(numbers.insert(static_cast<unsigned int>(reinterpret_cast<uintptr_t>(pNode))).second);
+    }
+    EXPECT_EQ(before.substr(0, 46), ExpectedReport().substr(0, 46)) << "as many are free";
+}
+
+TEST(HandleReport, AMillionFreeNumbersAreCheckedInLinearTime) {
+    const test::Library library("[Handles]\nInitialCount=1000000\n");
+    test::ConsoleSession session;
+    EXPECT_EQ(Responses{kNoDuplicates}, session.ResponsesTo(tq_CheckForDuplicateHandles));
+    tq_HandleRelease(999999);
+    EXPECT_EQ(Responses{kDuplicates}, session.ResponsesTo(tq_CheckForDuplicateHandles));
+}
+
+TEST(HandleReport, ReportsRunWhileHandlesComeAndGo) {
+    const test::Library library;
+    test::ConsoleSession session;
+    std::atomic<bool> bDone{false};
+    std::thread user([&bDone] {
+        while (!bDone) {
+            tq_List list("drawn and given back");
+        }
+    });
+    for (int i = 0; i < 50; ++i) {
+        EXPECT_EQ(1u, session.ResponsesTo(tq_ShowHandles).size());
+        EXPECT_EQ(Responses{kNoDuplicates}, session.ResponsesTo(tq_CheckForDuplicateHandles));
+    }
+    bDone = true;
+    user.join();
+}
+
+TEST(HandleReport, WithoutTheLibraryNothingIsSent) {
+    tq_ShowHandles(1);
+    tq_CheckForDuplicateHandles(1);
 }

@@ -3,9 +3,11 @@
 #include <stdint.h>
 
 #include "tq_Base.h"
+#include "tq_ConsoleResponse_p.h"
 #include "tq_Gate_p.h"
 #include "tq_IniKeys_p.h"
 #include "tq_Memory.h"
+#include "tq_Report_p.h"
 
 unsigned int gInitialHandleCount = 100;
 unsigned int gGrowthHandleCount = 10;
@@ -98,6 +100,75 @@ bool Release(unsigned int handle) {
     return ReleaseLocked(handle);
 }
 
+// The reports
+
+unsigned int NumberOf(const void* pNode) {
+    return static_cast<unsigned int>(reinterpret_cast<uintptr_t>(pNode));
+}
+
+constexpr unsigned int kCopyBuckets = 65536;
+
+extern "C" unsigned int BucketOfNumber(void* pNode, void* /*userparm*/) {
+    return NumberOf(pNode) % kCopyBuckets;
+}
+
+/// Puts every free number at the head of a list.
+void CopyFreeNumbers(tq_List& copy) {
+    const tq_GatePass pass(gHandleGate);
+    if (!pass) {
+        return;
+    }
+    const tq_ListLock lock(gpHandleList);
+    for (void* pNode = gpHandleList->GetHead(); pNode; pNode = gpHandleList->GetNext()) {
+        copy.AddToHead(pNode);
+    }
+}
+
+extern "C" int SameNumber(void* data, void* pNode, void* /*userparm*/) {
+    return data == pNode ? 0 : 1;
+}
+
+bool IsInBucket(tq_List& list, unsigned int hash, const void* pNode) {
+    void* pOther = list.HashFindFirst(hash, NumberOf(pNode) % kCopyBuckets);
+    while (pOther && pOther != pNode) {
+        pOther = list.HashFindNext(hash);
+    }
+    return pOther != nullptr;
+}
+
+/// Whether a number is free twice. The copy is made and unmade, and takes and gives back its own handle, outside the
+/// pool's lock.
+bool HasDuplicates() {
+    if (!gHandleGate.IsOpen()) {
+        return false;
+    }
+    tq_List copy("copy of Handle List");
+    CopyFreeNumbers(copy);
+    const unsigned int hash = copy.HashCreate(LIST_TYPE_CUSTOM, 0, kCopyBuckets, BucketOfNumber, nullptr);
+    bool bFound = false;
+    while (void* const pNode = bFound ? nullptr : copy.RemoveHead()) {
+        // Without memory for the hash the copy is searched number by number.
+        bFound = hash ? IsInBucket(copy, hash, pNode)
+                      : copy.FindFirst(pNode, LIST_TYPE_CUSTOM, 0, SameNumber, LIST_DIRECTION_HEAD_TO_TAIL) != nullptr;
+    }
+    return bFound;
+}
+
+void BuildHandlesReport(tq_ReportText& text) {
+    const tq_GatePass pass(gHandleGate);
+    if (!pass) {
+        text.Append("TQOS handle subsystem is NOT initialized!\r\n");
+        return;
+    }
+    const tq_ListLock lock(gpHandleList);
+    const unsigned int available = gpHandleList->NodeCount();
+    text.Append("\r\n");
+    text.Append("TQOS handles currently available: %10u\r\n", available);
+    text.Append("TQOS handles currently in use:    %10u (Max: %u)\r\n", gMaxHandles - available, gMaxAllocatedHandles);
+    text.Append("                                  ----------\r\n");
+    text.Append("                           Total: %10u\r\n", gMaxHandles);
+}
+
 } // namespace
 
 unsigned int tq_HandleGet() {
@@ -114,6 +185,20 @@ void tq_HandleRelease(unsigned int handle) {
         LogCriticalError("Erroneous tq_HandleRelease() called! More handles released than allocated! Oops!\n",
                          /*bAbort=*/false, kSevere, kSystemCategory);
     }
+}
+
+void tq_ShowHandles(unsigned int instance) {
+    tq_ReportText text(255);
+    BuildHandlesReport(text);
+    char* const pszText = text.Release();
+    tq_RespondToConsole(pszText, instance);
+    tq_free(pszText);
+}
+
+void tq_CheckForDuplicateHandles(unsigned int instance) {
+    tq_RespondToConsole(HasDuplicates() ? "ALERT! Duplicate handles detected in the TQOS handle subsystem!\r\n"
+                                        : "No duplicate handles detected in the TQOS handle subsystem!\r\n",
+                        instance);
 }
 
 unsigned int tq_HandleInitialize() {

@@ -71,6 +71,16 @@ struct tq_ListInside {
     static const tq_List::_LIST_INSTANCE& StateOf(const tq_List& list) { return list.m_li; }
 };
 
+/// A row of the report of all lists, one of a chain while they are sorted.
+typedef struct _ListTrackerNode {
+    unsigned int handle;
+    unsigned int count;
+    unsigned int maxcount;
+    unsigned int hashcount;
+    const char* name; ///< the list's own text
+    struct _ListTrackerNode* pNext;
+} ListTrackerNode;
+
 /// The number at an offset of a node, which need not be aligned.
 template <typename Key> Key tqList_NumberIn(const void* pNode, unsigned int offset) {
     Key key;
