@@ -5,6 +5,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <ifaddrs.h>
+#include <linux/if_tun.h>
 #include <map>
 #include <net/if.h>
 #include <netdb.h>
@@ -105,12 +106,8 @@ size_t OpenDescriptors() {
 
 /// A connection between a socket of the library and a plain one.
 struct Connection {
-    explicit Connection(RecordingQueue& queue, unsigned int userparm = 0, int peerReceiveBuffer = 0) {
-        Fd listener = BoundPeer(SOCK_STREAM);
-        if (peerReceiveBuffer) {
-            setsockopt(listener.Get(), SOL_SOCKET, SO_RCVBUF, &peerReceiveBuffer, sizeof(peerReceiveBuffer));
-        }
-        EXPECT_EQ(0, listen(listener.Get(), 1));
+    explicit Connection(RecordingQueue& queue, unsigned int userparm = 0) {
+        Fd listener = ListeningPeer();
         hSocket = tq_SocketOpenTCPClient(queue.GetHandle(), Loopback(), PortOf(listener), userparm, 0, 0);
         EXPECT_NE(0u, hSocket);
         peer = AcceptPeer(listener);
@@ -120,30 +117,38 @@ struct Connection {
     Fd peer;
 };
 
-/// Sends on the bare descriptor until the system takes no more, and keeps on taking none. The bytes sent.
-size_t FillSystemBuffers(unsigned int hSocket) {
-    const int descriptor = static_cast<int>(Field(hSocket, &SOCKET_INSTANCE::socket));
-    const std::string bytes(4096, 'f');
-    size_t sent = 0;
-    unsigned int refusals = 0;
-    EXPECT_TRUE(WaitUntil([&] {
-        const ssize_t result = send(descriptor, bytes.data(), bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
-        sent += result > 0 ? static_cast<size_t>(result) : 0;
-        refusals = result > 0 ? 0 : refusals + 1;
-        return refusals >= 20;
-    }));
-    return sent;
-}
-
-constexpr int kSmallBuffer = 4096;
-
-/// A connection whose peer does not read and whose system buffers are full.
-struct StalledConnection : Connection {
-    explicit StalledConnection(RecordingQueue& queue) : Connection(queue, 0, kSmallBuffer) {
-        tq_SocketSetSendBufSize(hSocket, kSmallBuffer);
-        filled = FillSystemBuffers(hSocket);
+/// A connection whose peer does not read and whose system buffers are full. A local-domain one: its buffers take
+/// nothing more until the peer reads, where those of TCP move data about for a while.
+struct StalledConnection {
+    explicit StalledConnection(RecordingQueue& queue) {
+        const std::string path = "stalled.sock";
+        const struct sockaddr_un address = DomainAddress(path);
+        Fd listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        EXPECT_EQ(0, bind(listener.Get(), reinterpret_cast<const struct sockaddr*>(&address), sizeof(address)));
+        EXPECT_EQ(0, listen(listener.Get(), 1));
+        hSocket = tq_SocketOpenTCPClientDomain(queue.GetHandle(), Bytes(path), 0);
+        EXPECT_NE(0u, hSocket);
+        peer = AcceptPeer(listener);
+        EXPECT_TRUE(queue.WaitFor(MSG_SOCKET_CONNECTED, hSocket));
+        EXPECT_EQ(0, unlink(path.c_str()));
+        tq_SocketSetSendBufSize(hSocket, 8192);
+        Fill();
     }
-    size_t filled;
+    unsigned int hSocket;
+    Fd peer;
+    size_t filled = 0; ///< bytes that the peer finds before any that were sent through the library
+
+private:
+    void Fill() {
+        const int descriptor = static_cast<int>(Field(hSocket, &SOCKET_INSTANCE::socket));
+        const std::string bytes(1024, 'f');
+        for (size_t piece = bytes.size(); piece > 0; piece /= 2) {
+            ssize_t sent = 0;
+            while ((sent = send(descriptor, bytes.data(), piece, MSG_DONTWAIT | MSG_NOSIGNAL)) > 0) {
+                filled += static_cast<size_t>(sent);
+            }
+        }
+    }
 };
 
 /// The handle of the breaker, 0 when there is none.
@@ -455,8 +460,15 @@ TEST(Socket, InCapLoweredWhileTheWorkerWaitsClosesNothing) {
     Library library;
     RecordingQueue queue;
     Connection connection(queue);
-    errno = ECONNRESET; // what a stale error would be
-    tq_SocketSetDataInCap(connection.hSocket, 0);
+    ASSERT_TRUE(WaitUntil([&] {
+        tq_ListLock lock(pListOfSockets);
+        SOCKET_INSTANCE* pSocket = FindSocketLocked(connection.hSocket);
+        if (!pListOfSocketsInSets->SetCurrent(pSocket)) {
+            return false;
+        }
+        pSocket->DataInCap = 0; // the worker is waiting for something to read
+        return true;
+    }));
     SendAll(connection.peer, "kept in the system");
     ASSERT_TRUE(WaitUntil([&] { return HasHistory(connection.hSocket, SOCKET_EVENT_READABLE); }));
     EXPECT_EQ(0u, tq_SocketDataAvailable(connection.hSocket));
@@ -2386,6 +2398,43 @@ TEST(Socket, InterfaceThatGoesDownKeepsItsNameAndLosesItsAddress) {
     });
     if (result.exited && result.code == kCannot) {
         GTEST_SKIP() << "no right to a network of its own";
+    }
+    EXPECT_EQ(0, result.code) << result.standardOut;
+}
+
+TEST(Socket, OfManyInterfacesTwentyAreKeptAndEighteenHaveAMacAddress) {
+    const ChildResult result = RunInChild([] {
+        if (unshare(CLONE_NEWNET) != 0 || !SetLoopback(true)) {
+            _exit(kCannot);
+        }
+        std::vector<Fd> taps;
+        for (int i = 0; i < 24; ++i) {
+            taps.push_back(Fd(open("/dev/net/tun", O_RDWR | O_CLOEXEC)));
+            struct ifreq request;
+            memset(&request, 0, sizeof(request));
+            request.ifr_flags = IFF_TAP | IFF_NO_PI;
+            snprintf(request.ifr_name, sizeof(request.ifr_name), "tap%d", i);
+            if (!taps.back().IsOpen() || ioctl(taps.back().Get(), TUNSETIFF, &request) != 0) {
+                _exit(kCannot);
+            }
+        }
+        Library library;
+        const auto expected = Interfaces();
+        EXPECT_GE(expected.size(), 25u);
+        EXPECT_EQ(20u, tq_SocketGetInterfaceCount());
+        for (unsigned int i = 0; i < 20; ++i) {
+            char name[512] = "";
+            char mac[20] = "";
+            EXPECT_EQ(0u, tq_SocketGetInterfaceName(name, i));
+            EXPECT_EQ(expected[i].first, name);
+            EXPECT_EQ(i < 18 ? 0u : 1u, tq_GetMACofInterface(mac, i)) << i;
+        }
+        EXPECT_FALSE(GetLocalInterfaces()) << "what does not fit is no change";
+        library.Terminate();
+        _exit(::testing::Test::HasFailure() ? 1 : 0);
+    });
+    if (result.exited && result.code == kCannot) {
+        GTEST_SKIP() << "no right to a network of its own, or to interfaces in it";
     }
     EXPECT_EQ(0, result.code) << result.standardOut;
 }
