@@ -30,10 +30,10 @@ template <size_t size> constexpr TQ_ESCAPE_XLATE Row(const char (&name)[size], u
     return {name, character, size - 1};
 }
 
-// Order matters: a later row for the same character is the one that escaping writes. The blank's row comes first and
-// so has index 0, which means "not escaped".
-// Deliberate: 173 has two names; one would expect "&shy;" and gets "&mdash;". A blank is never written as "&nbsp;",
-// although "&nbsp;" is read as one.
+// Order matters: a later row for the same character takes its place in the index, and the first row, the blank's, has
+// index 0 there, which means "not escaped".
+// Deliberate: a blank is never written as "&nbsp;", although "&nbsp;" is read as one. 173 has two names, which are read
+// alike.
 constexpr TQ_ESCAPE_XLATE gEntities[] = {
     Row("nbsp;", 32),    Row("amp;", 38),     Row("lt;", 60),      Row("gt;", 62),      Row("quot;", 34),
     Row("apos;", 39),    Row("iexcl;", 161),  Row("cent;", 162),   Row("pound;", 163),  Row("curren;", 164),

@@ -54,6 +54,24 @@ unsigned int UseMemory() {
     return key;
 }
 
+unsigned int UseStrings();
+unsigned int UseStrings() {
+    TqString* pString = tq_string_create(0);
+    TqString* pCopy = tq_string_duplicate("copy");
+    TqString* pPiece = tq_string_substring(pCopy, 0, 2);
+    char line[16];
+    int failed = tq_string_append(pString, "text");
+    failed += tq_string_nappend(pString, "text", 2);
+    failed += tq_string_replace(pString, 0, 1, "T");
+    failed += tq_string_getline(pString, line, sizeof(line));
+    failed += tq_string_strtok(pString, ",", TQ_STRING_NEXT_TOKEN);
+    const unsigned int length = tq_string_length(pString);
+    tq_string_destroy(pPiece);
+    tq_string_destroy(pCopy);
+    tq_string_destroy(pString);
+    return failed ? 0 : length;
+}
+
 unsigned int UseLocks();
 unsigned int UseLocks() {
     tq_SemMutex mutex(false);
