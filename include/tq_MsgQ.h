@@ -189,7 +189,12 @@ public:
 
     /// Sets how many commands the queue remembers; 0 or less turns the history off. Without memory it stays as it was.
     ///
-    /// Resizing moves the remembered commands: see tq_MsgQ.cpp for where each lands.
+    /// Resizing moves the remembered commands. A smaller history keeps the newest. A larger one keeps them all, oldest
+    /// first when it had wrapped, and has room for more.
+    ///
+    /// Deliberate: the commands of a history that has not wrapped would be expected to keep their places when it grows.
+    /// They move up by as many as were free, and the next commands are written where they would have been before: a
+    /// report then shows unwritten places as command 0, and the moved ones as they come to be overwritten.
     void SetHistory(int size);
     /// Remembers a command as handled. The worker does this for MSG_CREATE and for every message it takes.
     void AddToHistory(int command);
@@ -259,6 +264,49 @@ TQ_API void tq_MsgQSendToNamed(unsigned int QueueId, void* pMessage);
 TQ_API bool tq__MsgCreateCommonAndSend(unsigned int hSource, unsigned int hDest, unsigned int command,
                                        unsigned int instance, unsigned int userparm, unsigned int flags,
                                        bool bAddToHead, int iPriority, const char* pszFilename, unsigned int line);
+
+/// The handle of the queue with this name, upper and lower case the same; the one created first where several have it.
+/// @return 0 when the name is null or empty, no queue has it, or the library is not running
+TQ_API unsigned int tq_MsgQGetIdFromName(const char* pszQueueName);
+
+/// A copy of the name of the queue with this handle, which the caller frees with tq_free().
+/// @return null when no queue has the handle, the queue has no name, there is no memory, or the library is not running
+TQ_API char* tq_MsgQGetNameFromId(unsigned int id);
+
+/// Bytes that translate_command() and DumpMsgToBuf() write at the most, the end of the text included.
+#define TQ_MSG_LABEL_BYTES 64
+#define TQ_MSG_DUMP_BYTES 256
+
+/// Writes a command's label: "  command:  " and its name (as MSG_TIMER), its number where it has none, or, from
+/// MSG_USER on, "MSG_USER+" and the rest.
+/// @param command  a negative one shows as the unsigned number of the same bits
+/// @param buf      at least TQ_MSG_LABEL_BYTES
+/// @return the characters written, without the end of the text; 0 when buf is null
+TQ_API int translate_command(int command, char* buf);
+
+/// Writes the seven fields of a message's header as lines of text, and an empty line. Nothing is written when one of
+/// the two is null.
+/// @param pMsg  stays whose it is; it must not be a message that a queue may hand to its handler meanwhile
+/// @param buf   at least TQ_MSG_DUMP_BYTES
+TQ_API void DumpMsgToBuf(MSG_COMMON* pMsg, char* buf);
+
+/// Reports the queues: a table of all, or with bit 1 of uiFlags the history and the waiting messages of one, which is
+/// sent to a console session one response a line or message. Not to be called with a queue's Lock() held.
+/// @param instance     the console session; not used for the table
+/// @param pszResponse  receives the table, or "No Queues currently exist...", which the caller frees with tq_free();
+///                     null when there is no memory, and for one queue. May be null; there is no table then
+/// @param uiFlags      1: one queue
+/// @param pszCommand   for one queue: begins with its handle (a name is not accepted); words are cut out of it in
+/// place.
+///                     The session is told when the handle is missing, 0, unknown, or the console's own queue, whose
+///                     messages are not shown: the report would add to them
+TQ_API void tq_MsgQShowQueues(unsigned int instance, char** pszResponse, unsigned int uiFlags, char* pszCommand);
+
+/// Sets how many commands a queue remembers, and tells a console session of it, or that there is no such queue.
+/// @param instance    the console session
+/// @param pszCommand  a handle or a name, and how many: less than 0 counts as 0, more than 100 as 100, and 0, no number
+///                    or nothing turns the history off; words are cut out of it in place
+TQ_API void tq_MsgqSetHistory(unsigned int instance, char* pszCommand);
 
 } // extern "C"
 

@@ -1233,8 +1233,8 @@ TEST(MsgQ, AGrowingHistoryMovesACommandThatHasNotWrappedBehindItsSlot) {
         {"two of four", 4, 2, 6, {0, 0, 1, 2, 0, 0}, 2, false},
         {"three of four", 4, 3, 6, {0, 1, 2, 3, 0, 0}, 3, false},
         {"none", 4, 0, 6, {0, 0, 0, 0, 0, 0}, 0, false},
-        {"just full", 4, 4, 6, {1, 2, 3, 4, 0, 0}, 4, true},
-        {"wrapped", 4, 6, 6, {3, 4, 5, 6, 0, 0}, 4, true},
+        {"just full", 4, 4, 6, {1, 2, 3, 4, 0, 0}, 4, false},
+        {"wrapped", 4, 6, 6, {3, 4, 5, 6, 0, 0}, 4, false},
         {"from nothing", 0, 3, 2, {0, 0}, 0, false},
     };
     for (const HistoryRow& row : rows) {
@@ -1260,7 +1260,7 @@ TEST(MsgQ, AShrinkingHistoryKeepsTheNewestCommands) {
     }
 }
 
-TEST(MsgQ, AHistoryTurnedOffStillCountsAsFullWhenTurnedOnAgain) {
+TEST(MsgQ, AHistoryTurnedOffBeginsEmptyWhenTurnedOnAgain) {
     test::Library library;
     tq_MsgQ queue("history", nullptr);
     queue.SetHistory(2);
@@ -1268,10 +1268,11 @@ TEST(MsgQ, AHistoryTurnedOffStillCountsAsFullWhenTurnedOnAgain) {
     queue.AddToHistory(2);
     queue.SetHistory(0);
     queue.SetHistory(3);
-    EXPECT_TRUE(tq_MsgQInside::HistoryIsFull(queue));
+    EXPECT_FALSE(tq_MsgQInside::HistoryIsFull(queue));
     EXPECT_EQ(0, tq_MsgQInside::HistoryIndex(queue));
-    queue.SetHistory(5); // copies a full ring of zeros, within its bounds
-    EXPECT_EQ(3, tq_MsgQInside::HistoryIndex(queue));
+    queue.AddToHistory(3);
+    EXPECT_FALSE(tq_MsgQInside::HistoryIsFull(queue));
+    EXPECT_EQ(3, tq_MsgQInside::HistorySlot(queue, 0));
 }
 
 TEST(MsgQ, AHistoryThatFindsNoMemoryStaysAsItWas) {

@@ -8,7 +8,6 @@
 #include <time.h>
 
 #include "tq_Base.h"
-#include "tq_Gate_p.h"
 #include "tq_Handle.h"
 #include "tq_IniKeys_p.h"
 #include "tq_Memory_p.h"
@@ -41,11 +40,14 @@ constexpr int kDefaultPriority = 0; // a send takes it as medium
 
 // State
 
-tq_List* gpListOfQs = nullptr; // set and cleared while gRegistryGate is shut
+tq_Gate gMsgQRegistryGate;
+tq_List* gpListOfQs = nullptr; // set and cleared while the gate is shut
 
 namespace {
 
-tq_Gate gRegistryGate;
+constexpr int kHandleBuckets = 4096; // thousands of queues stay quick to find; 32 KiB where pointers have 32 bits
+unsigned int gHandleHash = 0;        // the registry's hash by handle; set while the gate is shut
+
 bool gbQueuesAccepted = false; // guarded by the registry's lock
 
 // The queues that have a handle, registered or not. A leaf: nothing is called with it held.
@@ -53,28 +55,6 @@ std::mutex gCreatedMutex;
 tq_MsgQ* gpCreated = nullptr;
 
 thread_local tq_MsgQ* tpWorkersQueue = nullptr; // the queue that the calling thread is the worker of
-
-/// Holds the registry for a scope; false where there is none (any more).
-class RegistryLock {
-public:
-    RegistryLock() : m_pass(gRegistryGate), m_lock(m_pass ? gpListOfQs : nullptr) {}
-    explicit operator bool() const { return static_cast<bool>(m_pass); }
-
-private:
-    tq_GatePass m_pass;
-    tq_ListLock m_lock;
-};
-
-class QueueLock {
-public:
-    explicit QueueLock(tq_MsgQ& queue) : m_queue(queue) { m_queue.Lock(); }
-    ~QueueLock() { m_queue.Unlock(); }
-    QueueLock(const QueueLock&) = delete;
-    QueueLock& operator=(const QueueLock&) = delete;
-
-private:
-    tq_MsgQ& m_queue;
-};
 
 bool IsOwnWorker(const tq_MsgQ& queue) {
     return tpWorkersQueue == &queue;
@@ -104,6 +84,38 @@ bool AddAtEnd(tq_List& list, void* pNode, bool bAtHead) {
         list.AddToTail(pNode);
     }
     return list.NodeCount() != count;
+}
+
+} // namespace
+
+// The registry
+
+QUEUE_DETAILS* tq_MsgQFindLocked(unsigned int handle) {
+    QUEUE_DETAILS key = {handle, nullptr};
+    const unsigned int bucket =
+        gpListOfQs->HashValueFromDataDefault(&key, LIST_TYPE_U32BITS, offsetof(QUEUE_DETAILS, hSource), kHandleBuckets);
+    for (void* pNode = gpListOfQs->HashFindFirst(gHandleHash, bucket); pNode;
+         pNode = gpListOfQs->HashFindNext(gHandleHash)) {
+        QUEUE_DETAILS* pDetails = static_cast<QUEUE_DETAILS*>(pNode);
+        if (pDetails->hSource == handle) {
+            return pDetails;
+        }
+    }
+    return nullptr;
+}
+
+namespace {
+
+/// False, with nothing changed, without memory for the entry in the list or in its hash.
+bool AddToRegistryLocked(QUEUE_DETAILS* pDetails) {
+    if (!AddAtEnd(*gpListOfQs, pDetails, /*bAtHead=*/false)) {
+        return false;
+    }
+    if (tq_MsgQFindLocked(pDetails->hSource) == pDetails) {
+        return true;
+    }
+    gpListOfQs->RemoveNode(pDetails); // a hash without memory leaves the node out silently
+    return false;
 }
 
 } // namespace
@@ -141,12 +153,12 @@ bool tq_MsgQInside::Register(tq_MsgQ& queue, unsigned int* phSource) {
     if (!pDetails) {
         return false;
     }
-    RegistryLock registry;
+    tq_MsgQRegistryLock registry;
     const bool bMayCreate = registry && gbQueuesAccepted && queue.m_hSource == 0;
     const unsigned int handle = bMayCreate ? tq_HandleGet() : 0;
     pDetails->hSource = handle;
     pDetails->pMsgQ = &queue;
-    if (handle == 0 || !AddAtEnd(*gpListOfQs, pDetails, /*bAtHead=*/false)) {
+    if (handle == 0 || !AddToRegistryLocked(pDetails)) {
         tq_free(pDetails);
         if (handle != 0) {
             tq_HandleRelease(handle);
@@ -168,7 +180,7 @@ bool tq_MsgQInside::Register(tq_MsgQ& queue, unsigned int* phSource) {
 }
 
 void tq_MsgQInside::StartWorker(tq_MsgQ& queue, int priority) {
-    QueueLock lock(queue); // the name may be replaced meanwhile
+    tq_MsgQLock lock(queue); // the name may be replaced meanwhile
     unsigned int threadId = 0;
     if (tq__beginthread(gTQMsgQStackSize, Worker, &queue, &threadId, priority, queue.m_pszName, __LINE__) != 0) {
         queue.m_ThreadId = threadId;
@@ -210,7 +222,7 @@ MSG_COMMON* tq_MsgQInside::FirstMessage(tq_MsgQ& queue) {
     }
     char szError[1024]; // on the stack: memory is what has run out
     {
-        QueueLock lock(queue);
+        tq_MsgQLock lock(queue);
         snprintf(szError, sizeof(szError), "Failed to allocate the MSG_CREATE for %s",
                  queue.m_pszName ? queue.m_pszName : "Un-Named tq_MsgQ");
     }
@@ -235,7 +247,7 @@ bool tq_MsgQInside::NextMessage(tq_MsgQ& queue, MSG_COMMON** ppMsg) {
     if (!queue.m_Sem.WaitForSem(-1)) {
         PauseShortly(); // a semaphore that got no memory never blocks
     }
-    QueueLock lock(queue);
+    tq_MsgQLock lock(queue);
     // A worker that ends without MSG_DESTROY handles what it would have handled before it.
     const int lowest = queue.m_bEndWithoutMessage ? TQ_MSG_PRIORITY_MEDIUM : TQ_MSG_PRIORITY_LOW;
     for (int iPriority = TQ_MSG_PRIORITY_HIGH; !*ppMsg && iPriority <= lowest; ++iPriority) {
@@ -252,7 +264,7 @@ bool tq_MsgQInside::NextMessage(tq_MsgQ& queue, MSG_COMMON** ppMsg) {
 /// The worker's last steps: the event gives the queue away.
 void tq_MsgQInside::SayWorkerIsDone(tq_MsgQ& queue) {
     {
-        QueueLock lock(queue);
+        tq_MsgQLock lock(queue);
         queue.m_uiWorkerState = kWorkerLeaves; // nobody names this thread any more: its id will be another's
     }
     tq_ThreadIsEnding();
@@ -282,7 +294,7 @@ bool tq_MsgQ::Send(MSG_COMMON* pMsg, bool bAddToHead, int iPriority) {
         return false;
     }
     pMsg->hDest = m_hSource;
-    QueueLock lock(*this);
+    tq_MsgQLock lock(*this);
     return tq_MsgQInside::EnqueueLocked(*this, pMsg, bAddToHead, iPriority);
 }
 
@@ -333,13 +345,11 @@ bool tq_MsgSend(MSG_COMMON* pMsg, bool bAddToHead, int iPriority) {
     if (!pMsg) {
         return false;
     }
-    RegistryLock registry;
+    tq_MsgQRegistryLock registry;
     if (!registry) {
         return false;
     }
-    const QUEUE_DETAILS* pDetails = static_cast<QUEUE_DETAILS*>(
-        gpListOfQs->FindFirst(tq_ListKey(pMsg->hDest), LIST_TYPE_U32BITS, offsetof(QUEUE_DETAILS, hSource), nullptr,
-                              LIST_DIRECTION_HEAD_TO_TAIL));
+    const QUEUE_DETAILS* pDetails = tq_MsgQFindLocked(pMsg->hDest);
     return pDetails && pDetails->pMsgQ->Send(pMsg, bAddToHead, iPriority);
 }
 
@@ -360,27 +370,13 @@ bool IsWhole(const MSG_COMMON* pMsg) {
     return pMsg && pMsg->size >= sizeof(MSG_COMMON);
 }
 
-/// Calls visit(queue) for each registered queue in order of creation, until it returns false. The registry is held
-/// throughout, so visit must not search it: it has only one cursor.
-template <typename Visit> void VisitQueues(Visit visit) {
-    RegistryLock registry;
-    if (!registry) {
-        return;
-    }
-    for (void* pNode = gpListOfQs->GetHead(); pNode; pNode = gpListOfQs->GetNext()) {
-        if (!visit(*static_cast<QUEUE_DETAILS*>(pNode))) {
-            return;
-        }
-    }
-}
-
 } // namespace
 
 void tq_MsgSendToAll(MSG_COMMON* pMsg, bool bAddToHead, int iPriority) {
     if (!IsWhole(pMsg)) {
         return;
     }
-    VisitQueues([=](const QUEUE_DETAILS& details) {
+    tq_MsgQVisitAll([=](const QUEUE_DETAILS& details) {
         SendCopy(*details.pMsgQ, *pMsg, bAddToHead, iPriority);
         return true;
     });
@@ -391,12 +387,19 @@ void tq_MsgQSendToNamed(unsigned int QueueId, void* pMessage) {
     if (!IsWhole(pMsg)) {
         return;
     }
-    VisitQueues([=](const QUEUE_DETAILS& details) {
-        const bool bThisOne = QueueId != 0 && details.hSource == QueueId;
-        if (bThisOne || (QueueId == 0 && tq_MsgQInside::Name(*details.pMsgQ))) {
-            SendCopy(*details.pMsgQ, *pMsg, /*bAddToHead=*/false, kDefaultPriority);
+    const auto sendCopy = [pMsg](tq_MsgQ& queue) { SendCopy(queue, *pMsg, /*bAddToHead=*/false, kDefaultPriority); };
+    if (QueueId != 0) {
+        tq_MsgQRegistryLock registry;
+        if (QUEUE_DETAILS* pDetails = registry ? tq_MsgQFindLocked(QueueId) : nullptr) {
+            sendCopy(*pDetails->pMsgQ);
         }
-        return !bThisOne;
+        return;
+    }
+    tq_MsgQVisitAll([&sendCopy](const QUEUE_DETAILS& details) {
+        if (tq_MsgQInside::Name(*details.pMsgQ)) {
+            sendCopy(*details.pMsgQ);
+        }
+        return true;
     });
 }
 
@@ -477,7 +480,7 @@ MSG_COMMON* Replace(tq_MsgQ& queue, const SearchOrder& order, MSG_COMMON* pMsg, 
 } // namespace
 
 unsigned int tq_MsgQ::GetQueueDepth(int iPriority) {
-    QueueLock lock(*this);
+    tq_MsgQLock lock(*this);
     unsigned int depth = 0;
     for (int candidate : kFromHead.priorities) {
         tq_List* pList = tq_MsgQInside::ListOf(*this, candidate);
@@ -489,7 +492,7 @@ unsigned int tq_MsgQ::GetQueueDepth(int iPriority) {
 }
 
 MSG_COMMON* tq_MsgQ::PeekHead(int iPriority) {
-    QueueLock lock(*this);
+    tq_MsgQLock lock(*this);
     if (m_bDone || m_hSource == 0) {
         return nullptr;
     }
@@ -497,7 +500,7 @@ MSG_COMMON* tq_MsgQ::PeekHead(int iPriority) {
 }
 
 MSG_COMMON* tq_MsgQ::PeekTail(int iPriority) {
-    QueueLock lock(*this);
+    tq_MsgQLock lock(*this);
     if (m_bDone || m_hSource == 0) {
         return nullptr;
     }
@@ -505,7 +508,7 @@ MSG_COMMON* tq_MsgQ::PeekTail(int iPriority) {
 }
 
 MSG_COMMON* tq_MsgQ::ReplaceMsgFromHead(MSG_COMMON* pMsg, int iPriority, bool bAddIfNotFound) {
-    QueueLock lock(*this);
+    tq_MsgQLock lock(*this);
     if (!pMsg || m_bDone || m_hSource == 0) {
         return nullptr;
     }
@@ -513,7 +516,7 @@ MSG_COMMON* tq_MsgQ::ReplaceMsgFromHead(MSG_COMMON* pMsg, int iPriority, bool bA
 }
 
 MSG_COMMON* tq_MsgQ::ReplaceMsgFromTail(MSG_COMMON* pMsg, int iPriority, bool bAddIfNotFound) {
-    QueueLock lock(*this);
+    tq_MsgQLock lock(*this);
     if (!pMsg || m_bDone || m_hSource == 0) {
         return nullptr;
     }
@@ -527,10 +530,11 @@ void tq_MsgQInside::Unregister(tq_MsgQ& queue) {
     if (handle == 0) {
         return;
     }
-    RegistryLock registry;
+    tq_MsgQRegistryLock registry;
     if (registry) {
-        tq_free(gpListOfQs->FindFirstAndRemove(tq_ListKey(handle), LIST_TYPE_U32BITS, offsetof(QUEUE_DETAILS, hSource),
-                                               nullptr, LIST_DIRECTION_HEAD_TO_TAIL));
+        // Quick to find; the list takes it out by a walk, which compares pointers and costs little beside the end of a
+        // thread.
+        tq_free(gpListOfQs->RemoveNode(tq_MsgQFindLocked(handle)));
     }
 }
 
@@ -571,7 +575,7 @@ tq_MsgQ::~tq_MsgQ() {
 void tq_MsgQInside::EndWorker(tq_MsgQ& queue) {
     bool bTell;
     {
-        QueueLock lock(queue);
+        tq_MsgQLock lock(queue);
         queue.m_bDone = true;
         bTell = queue.m_uiWorkerState == kWorkerRuns && !queue.m_bEndTold;
         if (bTell) {
@@ -601,7 +605,7 @@ void tq_MsgQInside::FreeContents(tq_MsgQ& queue) {
     int* piHistory;
     unsigned int handle;
     { // everything is taken off the queue first, so that of two calls one frees it
-        QueueLock lock(queue);
+        tq_MsgQLock lock(queue);
         texts[0] = queue.m_pszName;
         texts[1] = queue.m_pszDescription;
         queue.m_pszName = queue.m_pszDescription = nullptr;
@@ -673,16 +677,16 @@ void tq_MsgQInside::ApplyNameLocked(tq_MsgQ& queue) {
 }
 
 void tq_MsgQInside::ApplyName(tq_MsgQ& queue) {
-    RegistryLock registry;
-    QueueLock lock(queue);
+    tq_MsgQRegistryLock registry;
+    tq_MsgQLock lock(queue);
     ApplyNameLocked(queue);
 }
 
 void tq_MsgQ::SetName(const char* name) {
     char* pszOld = nullptr;
     {
-        RegistryLock registry;
-        QueueLock lock(*this);
+        tq_MsgQRegistryLock registry;
+        tq_MsgQLock lock(*this);
         char* pszCopy;
         if (CopyText(name, &pszCopy)) {
             pszOld = m_pszName;
@@ -696,8 +700,8 @@ void tq_MsgQ::SetName(const char* name) {
 void tq_MsgQ::SetDescription(const char* description) {
     char* pszOld = nullptr;
     {
-        RegistryLock registry;
-        QueueLock lock(*this);
+        tq_MsgQRegistryLock registry;
+        tq_MsgQLock lock(*this);
         char* pszCopy;
         if (CopyText(description, &pszCopy)) {
             pszOld = m_pszDescription;
@@ -710,7 +714,7 @@ void tq_MsgQ::SetDescription(const char* description) {
 // The history of commands: a ring of m_iHistorySize slots, m_iHistoryIndex the next to be written
 
 void tq_MsgQ::AddToHistory(int command) {
-    QueueLock lock(*this);
+    tq_MsgQLock lock(*this);
     if (m_iHistorySize == 0) {
         return;
     }
@@ -723,10 +727,8 @@ void tq_MsgQ::AddToHistory(int command) {
 }
 
 void tq_MsgQ::SetHistory(int size) {
-    QueueLock lock(*this);
+    tq_MsgQLock lock(*this);
     if (size <= 0) {
-        // Deliberate: turning the history off would be expected to forget that the ring had wrapped. It does not, so
-        // one turned on later counts as full from the start, and its unwritten slots show as command 0.
         tq_free(m_piHistory);
         m_piHistory = nullptr;
         m_iHistorySize = 0;
@@ -749,8 +751,8 @@ void tq_MsgQInside::GrowHistoryLocked(tq_MsgQ& queue, int size) {
     const int index = queue.m_iHistoryIndex;
     if (piOld) {
         // Deliberate: the commands of a ring that has not wrapped would be expected to keep their slots. They move to
-        // oldSize - index while the index stays, so the next commands are written below or over them. And a ring that
-        // had wrapped still counts as full: its new slots show as command 0 until they are written.
+        // oldSize - index while the index stays, so the next commands are written below or over them, and a report
+        // shows the slots below the index, unwritten ones as command 0.
         if (queue.m_bFullHistory) {
             memcpy(piNew, piOld + index, static_cast<size_t>(oldSize - index) * sizeof(int));
         }
@@ -762,6 +764,7 @@ void tq_MsgQInside::GrowHistoryLocked(tq_MsgQ& queue, int size) {
     }
     queue.m_piHistory = piNew;
     queue.m_iHistorySize = size;
+    queue.m_bFullHistory = false; // there is room again; one that was off begins empty
 }
 
 /// The array stays: it is larger than it need be until the history grows again or is turned off.
@@ -826,8 +829,15 @@ bool tq_MsgQRegistryOpen() {
     if (!gpListOfQs) {
         return false;
     }
+    gHandleHash = gpListOfQs->HashCreate(LIST_TYPE_U32BITS, offsetof(QUEUE_DETAILS, hSource), kHandleBuckets, nullptr,
+                                         "Queue handles");
+    if (gHandleHash == 0) {
+        tq_deleteObject(gpListOfQs);
+        gpListOfQs = nullptr;
+        return false;
+    }
     gbQueuesAccepted = true;
-    gRegistryGate.Open();
+    gMsgQRegistryGate.Open();
     return true;
 }
 
@@ -835,7 +845,7 @@ namespace {
 
 /// Takes the oldest queue out of the registry, pinned; null when there is none.
 tq_MsgQ* TakeRegistered() {
-    RegistryLock registry;
+    tq_MsgQRegistryLock registry;
     if (!registry) {
         return nullptr;
     }
@@ -866,7 +876,7 @@ void DestroyListOfQs() {
 }
 
 void tq_MsgQRegistryClose() {
-    gRegistryGate.Close();
+    gMsgQRegistryGate.Close();
     tq_deleteObject(gpListOfQs);
     gpListOfQs = nullptr;
 }

@@ -18,9 +18,14 @@
 #ifndef TQ_MSGQ_P_H
 #define TQ_MSGQ_P_H
 
+#include "tq_Gate_p.h"
 #include "tq_MsgQ.h"
 
-/// The registry of all queues, "TQOS: All Queues": one _QUEUE_DETAILS a created queue, in order of creation.
+/// Open while there is a registry.
+extern tq_Gate gMsgQRegistryGate;
+
+/// The registry of all queues, "TQOS: All Queues": one _QUEUE_DETAILS a created queue, in order of creation, with a
+/// hash by handle.
 extern tq_List* gpListOfQs;
 
 typedef struct _QUEUE_DETAILS {
@@ -39,6 +44,46 @@ bool tq_MsgQRegistryOpen();
 void DestroyListOfQs();
 /// Waits for late senders and destroys the registry list.
 void tq_MsgQRegistryClose();
+
+/// Holds the registry for a scope; false where there is none (any more).
+class tq_MsgQRegistryLock {
+public:
+    tq_MsgQRegistryLock() : m_pass(gMsgQRegistryGate), m_lock(m_pass ? gpListOfQs : nullptr) {}
+    explicit operator bool() const { return static_cast<bool>(m_pass); }
+
+private:
+    tq_GatePass m_pass;
+    tq_ListLock m_lock;
+};
+
+class tq_MsgQLock {
+public:
+    explicit tq_MsgQLock(tq_MsgQ& queue) : m_queue(queue) { m_queue.Lock(); }
+    ~tq_MsgQLock() { m_queue.Unlock(); }
+    tq_MsgQLock(const tq_MsgQLock&) = delete;
+    tq_MsgQLock& operator=(const tq_MsgQLock&) = delete;
+
+private:
+    tq_MsgQ& m_queue;
+};
+
+/// The entry of the queue with this handle; null when there is none. The registry is locked, and open. The list's
+/// cursor stays where it is.
+QUEUE_DETAILS* tq_MsgQFindLocked(unsigned int handle);
+
+/// Calls visit(details) for each registered queue in order of creation, until it returns false. The registry is held
+/// throughout, so visit must not walk it: it has only one cursor.
+template <typename Visit> void tq_MsgQVisitAll(Visit visit) {
+    tq_MsgQRegistryLock registry;
+    if (!registry) {
+        return;
+    }
+    for (void* pNode = gpListOfQs->GetHead(); pNode; pNode = gpListOfQs->GetNext()) {
+        if (!visit(*static_cast<QUEUE_DETAILS*>(pNode))) {
+            return;
+        }
+    }
+}
 
 /// The module's access to a queue's fields.
 struct tq_MsgQInside {
