@@ -200,6 +200,15 @@ TQ_API void tq_SocketSetUserParm(int hSocket, unsigned int UserParm);
 /// Names a socket for traces and reports; its data lists are named after it. The name is copied; null takes it away.
 TQ_API void tq_SocketSetName(unsigned int hSocket, const char* name);
 
+/// Reports all sockets, or one in detail, for the console.
+/// @param pszResponse  receives the report, which the caller frees with tq_free; null without memory. Otherwise a text
+///                     that says that the layer does not run, that there are no sockets, or that none has the handle.
+/// @param uiFlags      1: one socket in detail; otherwise a line for each, oldest first
+/// @param pszCommand   for details, a word that holds the socket's handle in decimal; the words are cut out in place.
+///                     Not used otherwise.
+/// @return 0; 1 when the handle of the details is missing or 0, or pszResponse is null: there is then no text
+TQ_API unsigned int tq_SocketShowSockets(char** pszResponse, unsigned int uiFlags, char* pszCommand);
+
 /// Puts a trace line off until no lock of the sockets layer is held. Of 100 lines waiting, a further one is dropped.
 /// @param pszFormat  takes handle, socket and error, in this order; kept by pointer, so it must live on
 TQ_API void tq_SocketTraceQueue(int level, const char* pszFormat, int handle, int socket, int error);
@@ -232,6 +241,11 @@ TQ_API unsigned int tq_SocketGetInterfaceName(char* pszName, unsigned int index)
 TQ_API unsigned int tq_SocketGetInterfaceAddress(unsigned int index);
 /// @return number of interfaces
 TQ_API unsigned int tq_SocketGetInterfaceCount();
+/// Reports the interfaces, a line for each with its index, its address and its MAC address.
+/// @param pszResponse  receives the report, which the caller frees with tq_free; null without memory. With a null
+///                     pszResponse there is no report.
+/// @return number of interfaces
+TQ_API unsigned int tq_SocketShowInterfaces(char** pszResponse);
 
 // Addresses. These need no running library.
 

@@ -41,6 +41,10 @@ namespace {
 TQSOCKET_TRACE_STRUCT TraceStructs[kTraceQueueSize];
 unsigned int gTraceStructCount = 0;
 
+// The hash by which sockets are found. Handles are drawn one after the other, so that they spread evenly.
+constexpr int kHandleBuckets = 2048;
+unsigned int gSocketHandleHash = 0;
+
 constexpr unsigned int kDrainPiece = 512;
 // A peer that never stops sending must not hold up every other socket.
 constexpr unsigned int kMostDrainPieces = 32768;
@@ -143,9 +147,12 @@ void CleanUpSocket(SOCKET_INSTANCE* pSocket, bool bDrain) {
 }
 
 bool AddSocketLocked(SOCKET_INSTANCE* pSocket) {
-    const unsigned int before = pListOfSockets->NodeCount();
     pListOfSockets->AddToHead(pSocket);
-    return pListOfSockets->NodeCount() != before; // a list without memory says nothing
+    if (FindSocketLocked(pSocket->handle) == pSocket) { // a list without memory says nothing
+        return true;
+    }
+    pListOfSockets->RemoveNode(pSocket); // it may be in the list and not in the hash
+    return false;
 }
 
 void RemoveSocketLocked(SOCKET_INSTANCE* pSocket) {
@@ -162,9 +169,11 @@ SOCKET_INSTANCE* FindSocketLocked(unsigned int handle) {
     if (handle == 0) {
         return nullptr;
     }
-    return static_cast<SOCKET_INSTANCE*>(pListOfSockets->FindFirst(tq_ListKey(handle), LIST_TYPE_U32BITS,
-                                                                   offsetof(SOCKET_INSTANCE, handle), nullptr,
-                                                                   LIST_DIRECTION_HEAD_TO_TAIL));
+    void* pNode = pListOfSockets->HashFindFirst(gSocketHandleHash, handle % static_cast<unsigned int>(kHandleBuckets));
+    while (pNode && static_cast<SOCKET_INSTANCE*>(pNode)->handle != handle) {
+        pNode = pListOfSockets->HashFindNext(gSocketHandleHash);
+    }
+    return static_cast<SOCKET_INSTANCE*>(pNode);
 }
 
 void tq_SocketSetNameInternal(SOCKET_INSTANCE* pSocket, const char* name) {
@@ -481,6 +490,11 @@ unsigned int MakeSyncObjects() {
     pSocketGetHostByNameSem = tq_newObject<tq_SemCritSec>(true);
     if (!pListOfSockets || !pListOfSocketsInSets || !pSyncEvent1 || !pSyncEvent2 || !pSocketTerminateSem ||
         !pBreakerResetSem || !pSocketGetHostByNameSem) {
+        return 1;
+    }
+    gSocketHandleHash = pListOfSockets->HashCreate(LIST_TYPE_U32BITS, offsetof(SOCKET_INSTANCE, handle), kHandleBuckets,
+                                                   nullptr, "Socket handles");
+    if (gSocketHandleHash == 0) {
         return 1;
     }
     // An event that could not get its inside lets everybody through at once; the start could not rely on it.
