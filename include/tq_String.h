@@ -9,9 +9,9 @@
 ///     Send(tq_string_ptr(s, 0));
 ///     tq_string_destroy(s);
 ///
-/// The text is always followed by a zero byte. Offsets and lengths are in bytes, offsets from 0. A text that is put into
-/// a string is copied; it may be a piece of the same string. A string that is full grows by its own capacity, or by what
-/// is to be added when that is more.
+/// The text is always followed by a zero byte. Offsets and lengths are in bytes, offsets from 0. A text that is put
+/// into a string is copied; it may be a piece of the same string. A string that is full grows by its own capacity, or
+/// by what is to be added when that is more.
 ///
 /// After tq_string_escape(), tq_string_xmlEscape() and tq_string_xmlUnEscape() the length counts the terminating zero
 /// too: what is then appended stands behind that zero, where a reader of the text does not see it. Append first.
@@ -72,8 +72,8 @@ TQ_API unsigned int tq_string_length(TqString* s);
 TQ_API unsigned char* tq_string_ptr(TqString* s, unsigned int offset);
 /// The text's decimal value as atoi() reads it; 0 for a null string.
 TQ_API int tq_string_atoi(TqString* s);
-/// The offset of the first occurrence of a text at or behind `offset` (there itself for an empty text); -1 when there is
-/// none, when offset is not below the length of the text, or for null.
+/// The offset of the first occurrence of a text at or behind `offset` (there itself for an empty text); -1 when there
+/// is none, when offset is not below the length of the text, or for null.
 TQ_API int tq_string_find(TqString* s, const char* pszSearch, unsigned int offset);
 /// The offset of the next token, which is ended by one of searchChars and cut off there with a zero byte (see
 /// tq_getToken()): the first token from `offset` on, or with TQ_STRING_NEXT_TOKEN the one behind the token found last.
