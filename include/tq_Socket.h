@@ -49,6 +49,23 @@ typedef struct _SOCKET_CLOSED {
                ///< reason
 } SOCKET_CLOSED;
 
+/// A host as tq_gethostbyname_r() and tq_gethostbyaddr_r() give it. All that it points to lies
+/// in the work memory of the call.
+typedef struct _tq_hostent {
+    char* h_name;       ///< official name
+    char** h_aliases;   ///< further names, ended by null
+    int h_addrtype;     ///< AF_INET or AF_INET6
+    int h_length;       ///< bytes of an address
+    char** h_addr_list; ///< addresses in network byte order, ended by null
+} tq_hostent;
+
+/// Where a service is to be had: a result of tq_SocketFindService().
+typedef struct _TQ_SERVICE_ADDRESS {
+    unsigned int address; ///< IPv4, network byte order
+    unsigned int port;    ///< host byte order; one above 32767 comes sign-extended, 0xFFFF8000 and up: take 16 bits
+    unsigned int ttl;     ///< seconds for which the answer holds
+} TQ_SERVICE_ADDRESS;
+
 // The other messages are a bare MSG_COMMON of 28 bytes: MSG_SOCKET_CONNECTED (a connect completed, or a datagram socket
 // is ready), MSG_SOCKET_DATASTREAM (stream data was read; one message a piece, so an earlier tq_SocketRecv() may have
 // taken it already), MSG_SOCKET_WRITEABLE (a send was cut short by the out cap, and the queue has drained to the
@@ -251,6 +268,24 @@ TQ_API unsigned int tq_SocketShowInterfaces(char** pszResponse);
 
 /// @return true when the text is four decimal numbers below 256 with dots between; leading zeros do not matter
 TQ_API bool tq_SocketIsThisAnIP(const char* pszIP);
+/// gethostbyname_r(): looks a host up. May block for as long as name servers take.
+/// @param name       the host
+/// @param pHost      receives the entry
+/// @param pWork      workBytes of work memory, into which the entry points
+/// @param workBytes  its size
+/// @param ppResult   receives pHost; null when nothing was found
+/// @param pError     receives the resolver's error number when nothing was found
+/// @return 0; otherwise the system error number, ERANGE when the work memory is too small. A host that there is not can
+///         also give 0 with a null *ppResult.
+TQ_API int tq_gethostbyname_r(const char* name, tq_hostent* pHost, char* pWork, unsigned int workBytes,
+                              tq_hostent** ppResult, int* pError);
+/// gethostbyaddr_r(): looks the host of an address up, as tq_gethostbyname_r() looks up that of a name.
+/// @param pAddress      the address, network byte order
+/// @param addressBytes  its size
+/// @param type          AF_INET or AF_INET6
+/// @return as tq_gethostbyname_r() does
+TQ_API int tq_gethostbyaddr_r(const void* pAddress, unsigned int addressBytes, int type, tq_hostent* pHost, char* pWork,
+                              unsigned int workBytes, tq_hostent** ppResult, int* pError);
 /// @return the address as dotted text, in a buffer of the calling thread that its next call overwrites
 TQ_API char* tq_inet_ntoa(unsigned int address);
 /// inet_addr(): the address of a dotted text; 0xFFFFFFFF when it is none.
@@ -266,6 +301,25 @@ TQ_API unsigned int tq_ntohl(unsigned int value);
 /// gethostname(): the machine's name into namelen bytes at name.
 /// @return 0; -1 on failure, with errno
 TQ_API int tq_gethostname(char* name, int namelen);
+
+// Names. These need the sockets layer to run, and do not start it. They block for as long as name servers take and hold
+// no lock meanwhile; not to be called where that matters, as in a queue's handler.
+
+/// The address of a host: a dotted text, or a name that is looked up (traced).
+/// @return its first IPv4 address; 0 for null, for an unknown host and while the sockets layer does not run
+TQ_API unsigned int tq_GetIPAddress(const char* hostname);
+/// Finds where a service of a domain is to be had, by its DNS service records: those of the lowest priority number
+/// first, and among equals in an order drawn by weight. A host that has no address, a port 0 and an address and port
+/// that is in the array already are passed over.
+/// @param pszDomain      for instance "lan"
+/// @param pszService     for instance "sip"
+/// @param pAddressArray  room for uiArrayLen entries
+/// @param uiProtocol     1 TCP, 2 UDP
+/// @return entries filled, from the first; 0 when there is nothing, for a null argument, an uiArrayLen of 0, another
+///         protocol or a name above 255 characters (without a query), and while the sockets layer does not run
+TQ_API unsigned int tq_SocketFindService(const char* pszDomain, const char* pszService,
+                                         TQ_SERVICE_ADDRESS* pAddressArray, unsigned int uiArrayLen,
+                                         unsigned int uiProtocol);
 
 } // extern "C"
 
