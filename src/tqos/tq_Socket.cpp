@@ -23,7 +23,6 @@ tq_List* pListOfSocketsInSets = nullptr;
 tq_SemEvent* pSyncEvent1 = nullptr;
 tq_SemEvent* pSyncEvent2 = nullptr;
 tq_SemCritSec* pSocketTerminateSem = nullptr;
-tq_SemCritSec* pBreakerResetSem = nullptr;
 tq_SemCritSec* pSocketGetHostByNameSem = nullptr;
 
 bool bTerminate = false;
@@ -486,10 +485,9 @@ unsigned int MakeSyncObjects() {
     pSyncEvent1 = tq_newObject<tq_SemEvent>(1, 0);
     pSyncEvent2 = tq_newObject<tq_SemEvent>(1, 0);
     pSocketTerminateSem = tq_newObject<tq_SemCritSec>(true);
-    pBreakerResetSem = tq_newObject<tq_SemCritSec>(true);
     pSocketGetHostByNameSem = tq_newObject<tq_SemCritSec>(true);
     if (!pListOfSockets || !pListOfSocketsInSets || !pSyncEvent1 || !pSyncEvent2 || !pSocketTerminateSem ||
-        !pBreakerResetSem || !pSocketGetHostByNameSem) {
+        !pSocketGetHostByNameSem) {
         return 1;
     }
     gSocketHandleHash = pListOfSockets->HashCreate(LIST_TYPE_U32BITS, offsetof(SOCKET_INSTANCE, handle), kHandleBuckets,
@@ -531,13 +529,12 @@ void CleanUpRecords() {
 
 void DestroySyncObjects() {
     tq_deleteObject(pSocketTerminateSem);
-    tq_deleteObject(pBreakerResetSem);
     tq_deleteObject(pSocketGetHostByNameSem);
     tq_deleteObject(pSyncEvent1);
     tq_deleteObject(pSyncEvent2);
     tq_deleteObject(pListOfSocketsInSets);
     tq_deleteObject(pListOfSockets);
-    pSocketTerminateSem = pBreakerResetSem = pSocketGetHostByNameSem = nullptr;
+    pSocketTerminateSem = pSocketGetHostByNameSem = nullptr;
     pSyncEvent1 = pSyncEvent2 = nullptr;
     pListOfSocketsInSets = pListOfSockets = nullptr;
 }
@@ -608,7 +605,7 @@ void tq_SocketTerminate(unsigned int errorLevel) {
     if (!TakeUserOff()) {
         return;
     }
-    if (pSocketTerminateSem && pBreakerResetSem && pListOfSockets) {
+    if (pSocketTerminateSem && pListOfSockets) {
         StopSocketWorker();
     }
     gSocketGate.Close();

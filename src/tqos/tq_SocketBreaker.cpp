@@ -2,13 +2,16 @@
 // wakes it. Whoever starts the thread connects to it; a worker whose breaker has broken starts its own heir.
 #include "tq_Socket_p.h"
 
+#include <condition_variable>
 #include <errno.h>
+#include <mutex>
 #include <stdio.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include "tq_Base.h"
+#include "tq_CriticalErrorTrace_p.h"
 #include "tq_HeldLocks_p.h"
 #include "tq_Thread.h"
 #include "tq_Thread_p.h"
@@ -22,6 +25,26 @@ namespace {
 constexpr unsigned int kWorkerStack = 4096; // what the platform refuses runs on its default
 
 unsigned int SocketThreadId = 0;
+
+/// Workers that were started and may still use the layer: none, one, or a worker and its heir. Kept beside
+/// pSocketTerminateSem, which between a worker and its heir is held by nobody, and is no lock when it got no memory.
+std::mutex gWorkersMutex; // innermost
+std::condition_variable gWorkersChanged;
+unsigned int gWorkers = 0; // guarded by gWorkersMutex
+
+/// One start at a time: a worker may lose its breaker, and start an heir, before its own starter knows that it serves.
+std::mutex gStartMutex;
+
+void CountWorkers(unsigned int more, unsigned int fewer) {
+    std::lock_guard<std::mutex> lock(gWorkersMutex);
+    gWorkers += more - fewer;
+    gWorkersChanged.notify_all();
+}
+
+void WaitForWorkersEnd() {
+    std::unique_lock<std::mutex> lock(gWorkersMutex);
+    gWorkersChanged.wait(lock, [] { return gWorkers == 0; });
+}
 
 /// What starter and worker tell each other while a breaker is set up; each writes before the event it sets next.
 struct Handshake {
@@ -218,11 +241,14 @@ void* WorkerThread(void*);
 } // namespace
 
 unsigned int StartSocketWorker() {
+    std::lock_guard<std::mutex> start(gStartMutex);
     pSyncEvent1->Reset();
     pSyncEvent2->Reset();
     gHandshake = Handshake();
+    CountWorkers(1, 0);
     if (!tq__beginthread(kWorkerStack, WorkerThread, nullptr, &SocketThreadId, TQ_THREAD_PRIORITY_NORMAL,
                          "TQOS: Sockets Thread", __LINE__)) {
+        CountWorkers(0, 1);
         return 1;
     }
     pSyncEvent1->WaitForEvent(-1);
@@ -271,22 +297,39 @@ void DropBreaker(unsigned int hBreaker) {
     }
 }
 
-/// The thread's last steps with a latch that it holds. It goes off the list of threads itself: by the time somebody
-/// else did that, its id could be a later thread's.
-void LeaveLatch(tq_SemCritSec* pLatch) {
-    tq_RemoveThreadFromTracking(tq_GetThreadId());
-    tq_ThreadIsEnding();
-    pLatch->Leave();
+/// Defers critical errors for a scope as a held lock does: they are kept, and nobody else's are printed.
+class KeptErrors {
+public:
+    KeptErrors() { tq_HeldLatchLeaving(); }
+    ~KeptErrors() { tq_HeldLatchEntered(); }
+    KeptErrors(const KeptErrors&) = delete;
+    KeptErrors& operator=(const KeptErrors&) = delete;
+};
+
+/// Leaves the latch, but traces nothing yet: whoever waits for our end may be holding trace's own lock.
+void LeaveLatch() {
+    KeptErrors kept;
+    pSocketTerminateSem->Leave();
+}
+
+/// The thread's last steps; nothing of the layer is touched after it has been counted off. It goes off the list of
+/// threads itself: by the time somebody else did that, its id could be a later thread's.
+void EndWorker() {
+    {
+        KeptErrors kept;
+        tq_RemoveThreadFromTracking(tq_GetThreadId());
+        tq_ThreadIsEnding();
+        CountWorkers(0, 1);
+    }
+    if (gbCriticalErrorsKept) {
+        tq_TraceKeptCriticalErrors();
+    }
 }
 
 /// Hands over to a new worker. All other sockets keep their records.
 void ResetBreaker(unsigned int hBreaker) {
     DropBreaker(hBreaker);
-    // Held before the other is left, so that whoever waits for the worker's end finds one of the two held throughout.
-    pBreakerResetSem->Enter();
-    tq_HeldLatchEntered();
-    tq_HeldLatchLeaving();
-    pSocketTerminateSem->Leave();
+    LeaveLatch();
     // Deliberate: no delay between attempts. Nothing is served while there is no worker.
     while (!IsTerminating()) {
         SetBrkrSocket(-1);
@@ -295,34 +338,29 @@ void ResetBreaker(unsigned int hBreaker) {
             break;
         }
     }
-    tq_HeldLatchLeaving();
-    LeaveLatch(pBreakerResetSem);
 }
 
 void* WorkerThread(void*) {
-    // Counted as a held lock until the breaker stands: a critical error found on the way is traced only when it is
-    // left. The starter, who waits for us, may be holding trace's own lock.
+    // Counted as a held lock until the breaker stands: a critical error found on the way is traced only at the end. The
+    // starter, who waits for us, may be holding trace's own lock.
     pSocketTerminateSem->Enter();
     const unsigned int hBreaker = SetUpBreaker();
     if (hBreaker == 0) {
-        LeaveLatch(pSocketTerminateSem);
+        LeaveLatch();
+        EndWorker();
         return nullptr;
     }
     tq_HeldLatchEntered();
     const Turn end = ServeSockets();
+    tq_HeldLatchLeaving();
     if (end == Turn::kBreakerLost) {
         ResetBreaker(hBreaker);
-        return nullptr;
+    } else {
+        FlushAndCloseSocket(hBreaker, 0, __FILE__, __LINE__);
+        LeaveLatch();
     }
-    FlushAndCloseSocket(hBreaker, 0, __FILE__, __LINE__);
-    tq_HeldLatchLeaving();
-    LeaveLatch(pSocketTerminateSem);
+    EndWorker();
     return nullptr;
-}
-
-void PassThrough(tq_SemCritSec* pCritSec) {
-    pCritSec->Enter();
-    pCritSec->Leave();
 }
 
 } // namespace
@@ -333,8 +371,7 @@ void StopSocketWorker() {
         bTerminate = true;
         SpinBreaker();
     }
-    // The worker; a worker that is setting up its heir; the heir, which finds at once that it is to end.
-    PassThrough(pSocketTerminateSem);
-    PassThrough(pBreakerResetSem);
-    PassThrough(pSocketTerminateSem);
+    pSocketTerminateSem->Enter();
+    pSocketTerminateSem->Leave();
+    WaitForWorkersEnd();
 }

@@ -136,7 +136,6 @@ extern tq_List* pListOfSocketsInSets;      ///< records that the worker is waiti
 extern tq_SemEvent* pSyncEvent1;           ///< worker to starter: listening, and later: serving; or given up
 extern tq_SemEvent* pSyncEvent2;           ///< starter to worker: connected, or given up
 extern tq_SemCritSec* pSocketTerminateSem; ///< held by the worker for its whole life
-extern tq_SemCritSec* pBreakerResetSem;    ///< held by a worker from before it leaves the above until its heir serves
 extern tq_SemCritSec* pSocketGetHostByNameSem;
 
 // Guarded by the lock of pListOfSockets
