@@ -112,17 +112,16 @@ unsigned int ComputeDelta(unsigned int val1, unsigned int val2, const char** psz
     return val1 >= val2 ? val1 - val2 : val2 - val1;
 }
 
-/// The figures of the last report, 0 when there was none yet. MemoryTrackingCritSec is held.
-Figures& PreviousFiguresLocked() {
+/// Changes in the first report count from 0, also when there were reports before the library was started again.
+void ForgetFiguresBeforeFirstReport() {
+    myCritSecLock lock(MemoryTrackingCritSec);
     if (!gbTelnetShowMemoryCalled) {
         gPreviousFigures = {};
     }
-    return gPreviousFigures;
 }
 
 void NoteReport() {
     myCritSecLock lock(MemoryTrackingCritSec);
-    PreviousFiguresLocked();
     gbTelnetShowMemoryCalled = true;
 }
 
@@ -190,7 +189,7 @@ unsigned int Outside(unsigned int all, unsigned int inPools) {
 void AddTrackedTotals(tq_MemoryRows& rows, const char* pszLineEnd) {
     const PoolSums sums = SumPools();
     myCritSecLock lock(MemoryTrackingCritSec);
-    Figures& before = PreviousFiguresLocked();
+    Figures& before = gPreviousFigures;
     const Figures now = {Outside(gRequestedMemoryAllocations, sums.requested),
                          Outside(gTotalMemoryAllocations, sums.inUse),
                          gRequestedMemoryAllocations,
@@ -208,7 +207,7 @@ void AddTrackedTotals(tq_MemoryRows& rows, const char* pszLineEnd) {
 void AddUntrackedTotals(tq_MemoryRows& rows, const char* pszLineEnd) {
     const PoolSums sums = SumPools();
     myCritSecLock lock(MemoryTrackingCritSec);
-    Figures& before = PreviousFiguresLocked();
+    Figures& before = gPreviousFigures;
     AddFigure(rows, "     Bytes allocated through TQOS: ", sums.inUse, before.allocated, pszLineEnd);
     AddFigure(rows, "  MAX Bytes allocated through TQOS: ", sums.mostInUse, before.maxAllocated, pszLineEnd);
     rows.End();
@@ -536,6 +535,7 @@ void tq_ShowMemoryPools(unsigned int instance, unsigned int uiFlags, bool bPrint
                         bool bGroupNames, const char* pszNameFilter, const char* pszNameFilterOut,
                         TQ_MEM_SORT_FORMATS eSortType, bool bReverseSort, bool bFixedSize, int size,
                         unsigned int line) {
+    ForgetFiguresBeforeFirstReport();
     const Reader reader = {instance, bPrintf, hFile};
     const unsigned int number = static_cast<unsigned int>(pool); // from 1; a negative one is above every other
     const PoolRange pools = number ? PoolRange{number - 1, number, false} : PoolRange{0, TotalPools, true};
@@ -555,10 +555,11 @@ void tq_ShowMemoryPools(unsigned int instance, unsigned int uiFlags, bool bPrint
 }
 
 void tq_ShowMemoryTrackingOnly(unsigned int instance) {
+    ForgetFiguresBeforeFirstReport();
     tq_MemoryRows rows;
     {
         myCritSecLock lock(MemoryTrackingCritSec);
-        Figures& before = PreviousFiguresLocked();
+        Figures& before = gPreviousFigures;
         Figures now = before;
         now.requested = gRequestedMemoryAllocations;
         now.allocated = gTotalMemoryAllocations;
@@ -567,9 +568,9 @@ void tq_ShowMemoryTrackingOnly(unsigned int instance) {
         AddCounters(rows, "     Bytes requested through TQOS: ", now, before, "\r\n");
         rows.End();
         before = now;
-        gbTelnetShowMemoryCalled = true;
     }
     Reader{instance, false, nullptr}.Tell(rows);
+    NoteReport();
 }
 
 // The histogram
