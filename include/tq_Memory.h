@@ -113,9 +113,9 @@ extern "C" {
 /// @return 0; 1 when the pools could not be made
 TQ_API unsigned int tq_MemoryInitialize();
 
-/// Ends the pools and the histogram. The memory of pooled blocks goes with their pools, so nobody may use one any more;
-/// other blocks stay valid and are freed as before. Counters and settings stay; what is allocated from now on comes
-/// from the heap.
+/// Ends the pools and the histogram. Blocks that are in use stay valid and are freed as before: a pool leaves the
+/// memory behind that such blocks lie in. Counters and settings stay; what is allocated from now on comes from the
+/// heap.
 /// @param bDumpResources  list on standard output every block of the pools that is still in use, as
 ///                        tq_ShowMemoryPools() does. What that needs is said when it is missing: while tracking without
 ///                        pooling "Memory Pooling must also be enabled to track memory leaks.\n", with neither "Memory
@@ -218,7 +218,8 @@ TQ_API void tq_MemoryUnmarkPools();
 /// @return 0; 1 when there is no memory for one of them, and then there is none
 TQ_API unsigned int tq_MemoryPoolInitialize();
 
-/// Frees the pools and all their slots, in use or not; tq_MemoryTerminate() calls it.
+/// Frees the pools, but for chunks of slots of which one is in use; those go with the last of them.
+/// tq_MemoryTerminate() calls it.
 /// @param bDumpResources  list first on standard output what is in use, marked or not
 TQ_API void tq_MemoryPoolTerminate(bool bDumpResources);
 

@@ -198,32 +198,26 @@ TEST(MemoryPool, TheSmallestThatHoldsARequestServesIt) {
 TEST(MemoryPool, LengthsBeyondTheTableAreSearchedFor) {
     Memory memory(kPooling + Pool(1, 100, 0, 1) + Pool(2, 102400 - gTotalMemoryOverhead, 0, 1) + Pool(3, 200000, 0, 1) +
                   Pool(4, 300000, 0, 1));
-    for (int pass = 0; pass < 2; ++pass) {
-        EXPECT_EQ(0u, WhichPool(100 + gTotalMemoryOverhead));
-        EXPECT_EQ(1u, WhichPool(101 + gTotalMemoryOverhead));
-        EXPECT_EQ(1u, WhichPool(102400 - gTotalMemoryOverhead));
-        EXPECT_EQ(2u, WhichPool(102401 + gTotalMemoryOverhead));
-        EXPECT_EQ(2u, WhichPool(200000 + gTotalMemoryOverhead));
-        EXPECT_EQ(3u, WhichPool(200001 + gTotalMemoryOverhead));
-        EXPECT_EQ(3u, WhichPool(300000 + gTotalMemoryOverhead));
-        EXPECT_EQ(100u, WhichPool(300001 + gTotalMemoryOverhead));
-        free(PoolIndexFromSize); // as if there had been no memory for the table
-        PoolIndexFromSize = nullptr;
-    }
+    EXPECT_EQ(0u, WhichPool(100 + gTotalMemoryOverhead));
+    EXPECT_EQ(1u, WhichPool(101 + gTotalMemoryOverhead));
+    EXPECT_EQ(1u, WhichPool(102400 - gTotalMemoryOverhead));
+    EXPECT_EQ(2u, WhichPool(102401 + gTotalMemoryOverhead));
+    EXPECT_EQ(2u, WhichPool(200000 + gTotalMemoryOverhead));
+    EXPECT_EQ(3u, WhichPool(200001 + gTotalMemoryOverhead));
+    EXPECT_EQ(3u, WhichPool(300000 + gTotalMemoryOverhead));
+    EXPECT_EQ(100u, WhichPool(300001 + gTotalMemoryOverhead));
 }
 
-TEST(MemoryPool, TheTableAnswersAsTheSearchDoes) {
+TEST(MemoryPool, EveryLengthHasTheFirstPoolThatIsLongEnough) {
     Memory memory(kBoth + Pool(1, 5, 0, 1) + Pool(2, 6, 0, 1) + Pool(3, 700, 0, 1) + Pool(4, 700, 0, 1) +
                   Pool(5, 150000, 0, 1));
     EXPECT_EQ(4u, LastPoolInIndex);
-    std::vector<unsigned int> answers;
     for (unsigned int length = 0; length < 160000; ++length) {
-        answers.push_back(WhichPool(length));
-    }
-    free(PoolIndexFromSize);
-    PoolIndexFromSize = nullptr;
-    for (unsigned int length = 0; length < 160000; ++length) {
-        ASSERT_EQ(WhichPool(length), answers[length]) << length;
+        unsigned int expected = 0;
+        while (expected < 5 && PoolSizes[expected] + gTotalMemoryOverhead < length) {
+            ++expected;
+        }
+        ASSERT_EQ(expected < 5 ? expected : 100u, WhichPool(length)) << length;
     }
 }
 
@@ -296,6 +290,18 @@ TEST(MemoryPool, AFreedSlotIsUsedAgainAfterThoseThatWereFreeBeforeIt) {
     EXPECT_EQ(blocks[1], tq_malloc(1));
     EXPECT_EQ(5u, PoolLists[0]->nSize);
     EXPECT_EQ(5u, PoolLists[0]->nCurrentAllocatedNodes);
+}
+
+TEST(MemoryPool, ARingTakesNoMoreSlotsBackThanWereTaken) {
+    Memory memory(kBoth + Pool(1, 32, 2, 2) + Pool(2, 64, 0, 2));
+    tq_MemoryPoolHold hold(0);
+    void* pBlock = PoolListTake(PoolLists[0]);
+    EXPECT_EQ(0, PoolListReturn(PoolLists[0], pBlock, /*bAdjustCounts=*/true));
+    EXPECT_EQ(1, PoolListReturn(PoolLists[0], pBlock, /*bAdjustCounts=*/true));
+    EXPECT_EQ(0u, PoolLists[0]->nCurrentAllocatedNodes);
+    EXPECT_EQ(1u, PoolLists[0]->nFreeIndex);
+    EXPECT_EQ(1, PoolListReturn(PoolLists[1], pBlock, /*bAdjustCounts=*/false)); // no slot, no ring
+    EXPECT_EQ(nullptr, PoolListTake(nullptr));
 }
 
 TEST(MemoryPool, CountsItsSlotsAndTheirMost) {
@@ -502,8 +508,8 @@ TEST(MemoryPool, APoolThatCannotBeMadeFailsTheStartAndLeavesNone) {
                                   "\nPool2StartCount=" + std::to_string(static_cast<int>(row.start)) + "\n");
         const ChildResult result = RunInChild([] {
             LimitMemory();
-            const bool bRefused = tq_MemoryInitialize() == 1 && TotalPools == 0 && MaxPoolSize == 0 && !Pools[0] &&
-                                  !PoolLists[0] && !PoolIndexFromSize;
+            const bool bRefused =
+                tq_MemoryInitialize() == 1 && TotalPools == 0 && MaxPoolSize == 0 && !Pools[0] && !PoolLists[0];
             void* pUserData = tq_malloc(10); // the heap serves
             const bool bOnHeap = pUserData && tq_MemoryPoolOf(BlockOf(pUserData)) == 100;
             tq_free(pUserData);
@@ -659,6 +665,64 @@ TEST(MemoryPool, TheAllocatorWithoutPoolsIsTheHeap) {
     tq_MemoryPoolFree(nullptr);
     tq_MemoryMarkPools();
     tq_MemoryUnmarkPools();
+    EXPECT_EQ("", Reports());
+}
+
+TEST(MemoryPool, ABlockThatOutlivesItsPoolIsStillItsOwners) {
+    for (const std::string& keys : {kPooling, kBoth}) {
+        Memory memory(keys + Pool(1, 32, 2, 3) + Pool(2, 64, 1, 0));
+        std::vector<void*> blocks = Take(5, 20); // of two chunks
+        void* pMoved = tq_malloc(64);
+        memset(pMoved, 'u', 64);
+        tq_MemoryTerminate(/*bDumpResources=*/false);
+        for (void* pUserData : blocks) {
+            memset(pUserData, 'u', 20);
+        }
+        EXPECT_EQ(0u, tq_MemoryInitialize()); // new pools, which have nothing to do with the old blocks
+        tq_free(blocks[0]);
+        tq_free(blocks[3]);
+        pMoved = tq_realloc(pMoved, 30);
+        EXPECT_EQ(std::string(30, 'u'), Bytes(pMoved, 30));
+        EXPECT_EQ(0u, PoolOf(pMoved));
+        EXPECT_EQ(1u, PoolLists[0]->nCurrentAllocatedNodes);
+        tq_free(pMoved);
+        if (gbUseMemoryTracking) {
+            static_cast<char*>(blocks[1])[20] = 0;
+            tq_free(blocks[1]); // refused
+            EXPECT_EQ(1u, CountOf(Reports(), "Corrupted Tail bytes"));
+            static_cast<char*>(blocks[1])[20] = '\xFF';
+        }
+        tq_free(blocks[1]);
+        tq_delete(blocks[2]); // refused
+        EXPECT_EQ(1u, CountOf(Reports(), "Mismatched"));
+        tq_free(blocks[2]);
+        tq_free(blocks[4]); // the last one: the memory goes with it
+        EXPECT_EQ(0u, PoolLists[0]->nCurrentAllocatedNodes);
+        EXPECT_EQ(2u, PoolLists[0]->nSize);
+    }
+}
+
+TEST(MemoryPool, ThreadsGoOnAllocatingWhileThePoolsEndAndStartAgain) {
+    Memory memory(kBoth + Pool(1, 32, 2, 3));
+    std::vector<std::vector<void*>> blocks(2);
+    std::vector<std::thread> threads;
+    for (std::vector<void*>& own : blocks) {
+        own = Take(100, 20);
+        threads.emplace_back([&own] {
+            for (unsigned int i = 0; i < 100; ++i) { // on slots that have outlived their pool
+                tq_free(own[i]);
+                own[i] = tq_malloc(20);
+            }
+        });
+        tq_MemoryTerminate(/*bDumpResources=*/false);
+        threads.back().join();
+        EXPECT_EQ(0u, tq_MemoryInitialize());
+    }
+    for (const std::vector<void*>& own : blocks) {
+        Free(own);
+    }
+    EXPECT_EQ(0u, PoolLists[0]->nCurrentAllocatedNodes);
+    EXPECT_EQ(0u, gRequestedMemoryAllocations);
     EXPECT_EQ("", Reports());
 }
 

@@ -269,14 +269,13 @@ TEST(MemoryReport, ReportsTakeNoSlot) {
 // Blocks
 
 TEST(MemoryReport, TheDetailedReportListsEveryBlockInUseByPool) {
-    Memory memory(kBoth + kTwoPools + "Pool2Increment=2\n");
-    // The first of two keys counts, so the second pool has none; a third one grows.
+    Memory memory(kBoth + kTwoPools);
     char* pFirst = static_cast<char*>(Alloc(10, "first.cpp", 1));
     char* pSecond = static_cast<char*>(Alloc(17, "second.cpp", 22));
     char* pThird = static_cast<char*>(Alloc(1, nullptr, 54321));
     void* pFreed = Alloc(5, "freed.cpp", 4);
     tq_free(pFreed);
-    Alloc(1000, "heap.cpp", 5); // no pool's
+    void* pHeap = Alloc(1000, "heap.cpp", 5); // no pool's
     memcpy(pFirst, "ab.\x01\x7F\xFF z", 8);
     memcpy(pSecond, "0123456789ABCDEFG", 17);
     EXPECT_EQ("Pool #1:\n" + Row(pFirst, 10, "first.cpp", 1, "61 62 2e 01 7f ff 20 7a | 00 00   -  ab.... z..") +
@@ -285,6 +284,7 @@ TEST(MemoryReport, TheDetailedReportListsEveryBlockInUseByPool) {
                   Row(pThird, 1, "(Unknown)", 54321, "00   -  .") + "Summary for tqos Memory Pool: 1\n" +
                   Sums(3, 28, 96) + "\n\nSummary for ALL tqos Memory Pools\n" + Sums(3, 28, 96) + "\n",
               ShowDetailed());
+    tq_free(pHeap);
 }
 
 TEST(MemoryReport, EveryPoolWithBlocksHasItsOwnSummary) {

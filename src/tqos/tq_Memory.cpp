@@ -303,8 +303,8 @@ bool IsInPool(char* pBlock) {
 
 /// The bytes that a block takes for a caller's: in a pool those of its slot.
 unsigned int BytesTakenFor(unsigned int size, char* pBlock) {
-    const unsigned int pool = tq_MemoryPoolOf(pBlock);
-    return (pool < TotalPools ? PoolSizes[pool] : size) + gTotalMemoryOverhead;
+    const unsigned int capacity = tq_MemorySlotCapacity(pBlock);
+    return (capacity == kNoSlot ? size : capacity) + gTotalMemoryOverhead;
 }
 
 /// Deliberate: the flags of a fresh block are not cleared first; the type is added to what the heap left there, so a
@@ -461,11 +461,12 @@ void ResizeInSlot(char* pBlock, unsigned int newSize) {
 }
 
 /// What a block holds for its owner; for a heap block that nothing tracks it is not known.
-unsigned int SizeOf(char* pBlock, unsigned int pool) {
+unsigned int SizeOf(char* pBlock) {
     if (gbUseMemoryTracking) {
         return tq_MemoryHeaderOf(pBlock)->size;
     }
-    return pool < TotalPools ? PoolSizes[pool] : 0;
+    const unsigned int capacity = tq_MemorySlotCapacity(pBlock);
+    return capacity == kNoSlot ? 0 : capacity;
 }
 
 void* ReallocateWithPools(void* pointer, unsigned int newSize, const CallSite& site) {
@@ -485,7 +486,7 @@ void* ReallocateWithPools(void* pointer, unsigned int newSize, const CallSite& s
     }
     void* pMoved = tq__malloc(newSize, site.pszFilename, site.line);
     if (pMoved) {
-        memcpy(pMoved, pointer, std::min(newSize, SizeOf(pBlock, pool)));
+        memcpy(pMoved, pointer, std::min(newSize, SizeOf(pBlock)));
         tq__free(pointer, site.pszFilename, site.line);
     }
     return pMoved;
@@ -740,11 +741,7 @@ unsigned char* tq_MemoryHeadBytes(char* pBlock) {
 }
 
 unsigned char* tq_MemoryTailBytes(char* pBlock) {
-    unsigned int size = tq_MemoryHeaderOf(pBlock)->size;
-    const unsigned int pool = tq_MemoryPoolOf(pBlock);
-    if (pool < TotalPools && size > PoolSizes[pool]) {
-        size = PoolSizes[pool];
-    }
+    const unsigned int size = std::min<unsigned int>(tq_MemoryHeaderOf(pBlock)->size, tq_MemorySlotCapacity(pBlock));
     return reinterpret_cast<unsigned char*>(pBlock) + gTotalMemoryHeader + size;
 }
 
@@ -753,8 +750,7 @@ bool tq_IsMemoryHeadSound(char* pBlock) {
 }
 
 bool tq_IsMemoryTailSound(char* pBlock) {
-    const unsigned int pool = tq_MemoryPoolOf(pBlock);
-    const bool bInsideSlot = pool >= TotalPools || tq_MemoryHeaderOf(pBlock)->size <= PoolSizes[pool];
+    const bool bInsideSlot = tq_MemoryHeaderOf(pBlock)->size <= tq_MemorySlotCapacity(pBlock);
     return bInsideSlot && AreCheckBytes(tq_MemoryTailBytes(pBlock), kLiveCheckBytes);
 }
 

@@ -15,14 +15,13 @@ unsigned int PoolIncrement[kMaxMemoryPools + 1] = {};
 
 // State
 
-unsigned int TotalPools = 0;
+std::atomic<unsigned int> TotalPools{0};
 _MEM_POOL* Pools[kMaxMemoryPools] = {};
 _MEM_POOL* PoolsLastNode[kMaxMemoryPools] = {};
 MEM_POOL_LIST* PoolLists[kMaxMemoryPools] = {};
 myCritSec PoolCritSec[kMaxMemoryPools];
 
-unsigned int MaxPoolSize = 0;
-unsigned char* PoolIndexFromSize = nullptr;
+std::atomic<unsigned int> MaxPoolSize{0};
 unsigned int LastPoolInIndex = kNoMemoryPool;
 
 static_assert(sizeof(void*) != 4 || sizeof(MEM_POOL_LIST) == 40, "fixed layout");
@@ -32,6 +31,8 @@ static_assert(kNoMemoryPool <= 0xFF, "the table of lengths holds pool numbers as
 namespace {
 
 constexpr unsigned int kLongestSlotInTable = 102400;
+unsigned char PoolIndexFromSize[kLongestSlotInTable + 1] = {}; // the pool by slot length
+
 constexpr unsigned int kLongestSlot = UINT32_MAX - 256; // room to align it in 32 bits
 
 const unsigned int DefaultPoolSizes[] = {32, 128, 512, 1024, 4096, 0};
@@ -200,6 +201,7 @@ void* TakeFromHeap(unsigned int length) {
     return gbGrowPools || TotalPools == 0 ? tq_TakeMemoryHeapBlock(length) : nullptr;
 }
 
+/// The pool's lock is held.
 void* TakeFromPool(unsigned int pool, unsigned int length) {
     void* pBlock = PoolListTake(PoolLists[pool]);
     // Deliberate: counted also when the pool has no slot left. The bytes of requests that failed stay in its sum.
@@ -216,22 +218,104 @@ bool ClearInUse(_MEM_HEADER_POOLING_ONLY* pHeader) {
     return bInUse;
 }
 
-/// A slot that is not in use is in the ring already: returned once more it would be handed to two owners.
-void ReturnToPool(unsigned int pool, char* pBlock) {
+/// A slot that is not in use is in the ring already: returned once more it would be handed to two owners. False when
+/// the pool has ended meanwhile.
+bool ReturnToPool(unsigned int pool, char* pBlock) {
     tq_MemoryPoolHold hold(pool);
-    if (!ClearInUse(tq_MemoryPoolHeaderOf(pBlock))) {
+    if (tq_MemoryPoolOf(pBlock) != pool) {
+        return false;
+    }
+    if (ClearInUse(tq_MemoryPoolHeaderOf(pBlock))) {
+        if (gbUseMemoryTracking) {
+            PoolLists[pool]->nTotalRequestedSize -= tq_MemoryHeaderOf(pBlock)->size;
+        }
+        PoolListReturn(PoolLists[pool], pBlock, /*bAdjustCounts=*/true);
+    }
+    return true;
+}
+
+// Slots that outlive their pool
+
+/// A chunk whose pool ended while slots of it were in use. They stay their owners' (an object that the application
+/// destroys after the library's end still has its memory); with the last of them the chunk goes.
+struct KeptChunk {
+    KeptChunk* pNext;
+    char* pActualPointer;
+    const char* pFirst;
+    const char* pEnd;
+    unsigned int capacity;
+    unsigned int slotsInUse;
+};
+
+myCritSec KeptCritSec; // taken after a pool's lock
+KeptChunk* gpKeptChunks = nullptr;
+
+/// The link to the chunk that a slot lies in; to null when there is none.
+KeptChunk** FindKeptLocked(const char* pBlock) {
+    KeptChunk** ppChunk = &gpKeptChunks;
+    while (*ppChunk && (pBlock < (*ppChunk)->pFirst || pBlock >= (*ppChunk)->pEnd)) {
+        ppChunk = &(*ppChunk)->pNext;
+    }
+    return ppChunk;
+}
+
+void ReturnToKept(char* pBlock) {
+    myCritSecLock lock(KeptCritSec);
+    KeptChunk** ppChunk = FindKeptLocked(pBlock);
+    KeptChunk* pChunk = *ppChunk;
+    if (!pChunk || !ClearInUse(tq_MemoryPoolHeaderOf(pBlock)) || --pChunk->slotsInUse != 0) {
         return;
     }
-    if (gbUseMemoryTracking) {
-        PoolLists[pool]->nTotalRequestedSize -= tq_MemoryHeaderOf(pBlock)->size;
+    *ppChunk = pChunk->pNext;
+    free(pChunk->pActualPointer);
+    free(pChunk);
+}
+
+/// Keeps a chunk if anybody still uses a slot of it. Without memory for the record it is kept for ever.
+bool KeepChunk(const _MEM_POOL& chunk, unsigned int pool, unsigned int slots) {
+    const size_t stride = tq_MemorySlotStride(pool);
+    unsigned int slotsInUse = 0;
+    for (unsigned int i = 0; i < slots; ++i) {
+        char* pBlock = chunk.pMemoryBlock + i * stride;
+        if (tq_MemoryPoolHeaderOf(pBlock)->Flags & TQ_MEM_FLAG_IN_USE) {
+            tq_EndMemoryPoolOf(pBlock);
+            ++slotsInUse;
+        }
     }
-    PoolListReturn(PoolLists[pool], pBlock, /*bAdjustCounts=*/true);
+    if (slotsInUse == 0) {
+        return false;
+    }
+    KeptChunk* pKept = static_cast<KeptChunk*>(malloc(sizeof(KeptChunk)));
+    if (pKept) {
+        myCritSecLock lock(KeptCritSec);
+        *pKept = {gpKeptChunks,       chunk.pActualPointer,
+                  chunk.pMemoryBlock, chunk.pMemoryBlock + slots * stride,
+                  PoolSizes[pool],    slotsInUse};
+        gpKeptChunks = pKept;
+    }
+    return true;
 }
 
 } // namespace
 
+unsigned int tq_MemorySlotCapacity(char* pBlock) {
+    const unsigned int pool = tq_MemoryPoolOf(pBlock);
+    if (pool == kNoMemoryPool) {
+        return kNoSlot;
+    }
+    if (pool < TotalPools) {
+        return PoolSizes[pool];
+    }
+    myCritSecLock lock(KeptCritSec);
+    const KeptChunk* pChunk = *FindKeptLocked(pBlock);
+    return pChunk ? pChunk->capacity : kNoSlot;
+}
+
 void tq_CountPoolBytesLocked(unsigned int pool, unsigned int difference) {
     MEM_POOL_LIST* pList = PoolLists[pool];
+    if (!pList) {
+        return; // the pool has ended meanwhile
+    }
     pList->nTotalRequestedSize += difference;
     pList->nMaxTotalRequestedSize = std::max(pList->nMaxTotalRequestedSize, pList->nTotalRequestedSize);
 }
@@ -239,9 +323,6 @@ void tq_CountPoolBytesLocked(unsigned int pool, unsigned int difference) {
 unsigned int WhichPool(unsigned int size) {
     if (size > MaxPoolSize) {
         return kNoMemoryPool;
-    }
-    if (!PoolIndexFromSize) {
-        return SearchPool(0, size);
     }
     return size > kLongestSlotInTable ? SearchPool(LastPoolInIndex, size) : PoolIndexFromSize[size];
 }
@@ -262,7 +343,7 @@ int PoolListReturn(MEM_POOL_LIST* pList, void* pAddress, bool bAdjustCounts) {
         pList->nSize = PoolInitialSize[pList->nPoolIndex];
         pList->pArray = static_cast<void**>(calloc(pList->nSize, sizeof(void*)));
     }
-    if (!pList->pArray || pList->nSize == 0) {
+    if (!pList->pArray || pList->nSize == 0 || (bAdjustCounts && pList->nCurrentAllocatedNodes == 0)) {
         return 1;
     }
     pList->pArray[pList->nFreeIndex] = pAddress;
@@ -292,8 +373,11 @@ int GrowPool(MEM_POOL_LIST* pList) {
 }
 
 void* tq_MemoryPoolMalloc(unsigned int size) {
-    const unsigned int pool = WhichPool(size);
+    unsigned int pool = WhichPool(size);
     tq_MemoryPoolHold hold(pool);
+    if (pool != kNoMemoryPool && !PoolLists[pool]) {
+        pool = kNoMemoryPool; // it has ended meanwhile
+    }
     char* pBlock = static_cast<char*>(pool == kNoMemoryPool ? TakeFromHeap(size) : TakeFromPool(pool, size));
     if (pBlock && gbUseMemoryPooling) { // otherwise blocks have no such header
         _MEM_HEADER_POOLING_ONLY* pHeader = tq_MemoryPoolHeaderOf(pBlock);
@@ -309,12 +393,11 @@ void tq_MemoryPoolFree(void* pPointer) {
     }
     char* pBlock = static_cast<char*>(pPointer);
     const unsigned int pool = tq_MemoryPoolOf(pBlock);
-    if (pool < TotalPools) {
-        ReturnToPool(pool, pBlock);
+    if (pool != kNoMemoryPool) { // a number that was run over says nothing of where the block belongs: it stays
+        if (pool >= TotalPools || !ReturnToPool(pool, pBlock)) {
+            ReturnToKept(pBlock);
+        }
         return;
-    }
-    if (pool != kNoMemoryPool) {
-        return; // run over: nothing says where it belongs
     }
     if (gbUseMemoryPooling) {
         ClearInUse(tq_MemoryPoolHeaderOf(pBlock));
@@ -514,13 +597,8 @@ bool RoundPoolSize(unsigned int pool) {
     return true;
 }
 
-/// The table of lengths; without memory for it pools are searched for.
-void FillSizeTable() {
-    const unsigned int longest = std::min(MaxPoolSize, kLongestSlotInTable);
-    PoolIndexFromSize = static_cast<unsigned char*>(malloc(longest + 1));
-    if (!PoolIndexFromSize) {
-        return;
-    }
+void FillSizeTable(unsigned int maxLength) {
+    const unsigned int longest = std::min(maxLength, kLongestSlotInTable);
     unsigned int pool = 0;
     for (unsigned int length = 0; length <= longest; ++length) {
         while (tq_MemorySlotLength(pool) < length) {
@@ -552,14 +630,14 @@ bool StartPools(unsigned int pools) {
             return false;
         }
     }
-    MaxPoolSize = tq_MemorySlotLength(pools - 1);
-    FillSizeTable();
+    FillSizeTable(tq_MemorySlotLength(pools - 1));
     for (unsigned int pool = 0; pool < pools; ++pool) {
         if (!StartPool(pool)) {
             return false;
         }
     }
     TotalPools = pools;
+    MaxPoolSize = tq_MemorySlotLength(pools - 1);
     return true;
 }
 
@@ -571,11 +649,15 @@ void EndPool(unsigned int pool) {
     }
     _MEM_POOL* pChunk = Pools[pool];
     Pools[pool] = PoolsLastNode[pool] = nullptr;
+    unsigned int slots = PoolInitialSize[pool];
     while (pChunk) {
         _MEM_POOL* pNext = pChunk->pNext;
-        free(pChunk->pActualPointer);
+        if (!pChunk->pActualPointer || !KeepChunk(*pChunk, pool, slots)) {
+            free(pChunk->pActualPointer);
+        }
         free(pChunk);
         pChunk = pNext;
+        slots = PoolIncrement[pool];
     }
 }
 
@@ -607,6 +689,4 @@ void tq_MemoryPoolTerminate(bool bDumpResources) {
         tq_MemoryPoolHold hold(pool);
         EndPool(pool);
     }
-    free(PoolIndexFromSize);
-    PoolIndexFromSize = nullptr;
 }

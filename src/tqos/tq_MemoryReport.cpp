@@ -144,6 +144,9 @@ void AddCounters(tq_MemoryRows& rows, const char* pszFirst, const Figures& now, 
 
 void AddPool(tq_MemoryRows& rows, unsigned int pool, const char* pszLineEnd) {
     tq_MemoryPoolHold hold(pool);
+    if (!PoolLists[pool]) {
+        return; // it has ended meanwhile
+    }
     const MEM_POOL_LIST& list = *PoolLists[pool];
     const unsigned int initial = PoolInitialSize[pool];
     const unsigned int increment = PoolIncrement[pool];
@@ -168,13 +171,17 @@ struct PoolSums {
 /// All pools at one moment: every lock is taken before the first pool is looked at.
 PoolSums SumPools() {
     PoolSums sums;
-    for (unsigned int pool = 0; pool < TotalPools; ++pool) {
+    const unsigned int pools = TotalPools;
+    for (unsigned int pool = 0; pool < pools; ++pool) {
         PoolCritSec[pool].EnterCritSec();
-        sums.requested += PoolLists[pool]->nTotalRequestedSize;
-        sums.inUse += PoolLists[pool]->nCurrentAllocatedNodes * tq_MemorySlotLength(pool);
-        sums.mostInUse += PoolLists[pool]->nMaxAllocatedNodes * tq_MemorySlotLength(pool);
+        const MEM_POOL_LIST* pList = PoolLists[pool];
+        if (pList) {
+            sums.requested += pList->nTotalRequestedSize;
+            sums.inUse += pList->nCurrentAllocatedNodes * tq_MemorySlotLength(pool);
+            sums.mostInUse += pList->nMaxAllocatedNodes * tq_MemorySlotLength(pool);
+        }
     }
-    for (unsigned int pool = TotalPools; pool-- > 0;) {
+    for (unsigned int pool = pools; pool-- > 0;) {
         PoolCritSec[pool].LeaveCritSec();
     }
     return sums;

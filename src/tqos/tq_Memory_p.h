@@ -23,6 +23,7 @@
 #ifndef TQ_MEMORY_P_H
 #define TQ_MEMORY_P_H
 
+#include <atomic>
 #include <pthread.h>
 #include <stddef.h>
 #include <stdint.h>
@@ -119,7 +120,8 @@ constexpr unsigned int kMemoryPoolingHeaderBytes =
 static_assert(kMemoryUserAlignment != 1 || kMemoryPoolingHeaderBytes == 4, "fixed layout");
 
 constexpr unsigned int kMaxMemoryPools = 100;
-constexpr unsigned int kNoMemoryPool = 100; ///< stands for a pool's number where there is none
+constexpr unsigned int kNoMemoryPool = 100;    ///< stands for a pool's number where there is none
+constexpr unsigned int kEndedMemoryPool = 101; ///< of a slot whose pool has ended while it was in use
 
 // Settings, fixed by tq_MemoryInitialize().
 extern unsigned int gDirtyMemoryAlloc; ///< 256 or more: new blocks are not filled
@@ -172,17 +174,16 @@ struct _MEM_POOL {
     char* pMemoryBlock;   ///< the first slot
 };
 
-// The pools; there from tq_MemoryPoolInitialize() to tq_MemoryPoolTerminate(). What the arrays point to is guarded by
-// the pool's own lock.
-extern unsigned int TotalPools;
+// The pools; there from tq_MemoryPoolInitialize() to tq_MemoryPoolTerminate(). The arrays' entries and what they point
+// to are guarded by the pool's own lock.
+extern std::atomic<unsigned int> TotalPools;
 extern _MEM_POOL* Pools[kMaxMemoryPools];
 extern _MEM_POOL* PoolsLastNode[kMaxMemoryPools];
 extern MEM_POOL_LIST* PoolLists[kMaxMemoryPools];
 extern myCritSec PoolCritSec[kMaxMemoryPools];
 
-extern unsigned int MaxPoolSize;         ///< length of the largest slot; 0: no pools
-extern unsigned char* PoolIndexFromSize; ///< pool by slot length; null: searched instead
-extern unsigned int LastPoolInIndex;     ///< the pool of the longest slot in the table; kNoMemoryPool: it ends before
+extern std::atomic<unsigned int> MaxPoolSize; ///< length of the largest slot; 0: no pools
+extern unsigned int LastPoolInIndex; ///< the pool of the longest slot in the table; kNoMemoryPool: it ends before
 
 /// Holds a pool's lock for a scope; nothing for what is no pool.
 class tq_MemoryPoolHold {
@@ -211,9 +212,30 @@ inline _MEM_HEADER_POOLING_ONLY* tq_MemoryPoolHeaderOf(char* pBlock) {
                                                                              sizeof(_MEM_HEADER_POOLING_ONLY));
 }
 
-/// The pool that a block says it is from; kNoMemoryPool for a heap block.
+/// The pool that a block says it is from; kNoMemoryPool for a heap block. The end of a pool changes the number under
+/// its owner's hands; all numbers differ in one byte only, so it is read and written byte by byte, at any address.
 inline unsigned int tq_MemoryPoolOf(char* pBlock) {
-    return gbUseMemoryPooling ? tq_MemoryPoolHeaderOf(pBlock)->nPool : kNoMemoryPool;
+    if (!gbUseMemoryPooling) {
+        return kNoMemoryPool;
+    }
+    const unsigned char* pNumber = reinterpret_cast<const unsigned char*>(tq_MemoryPoolHeaderOf(pBlock)) +
+                                   offsetof(_MEM_HEADER_POOLING_ONLY, nPool);
+    const unsigned char bytes[] = {__atomic_load_n(pNumber, __ATOMIC_RELAXED),
+                                   __atomic_load_n(pNumber + 1, __ATOMIC_RELAXED)};
+    unsigned short number;
+    memcpy(&number, bytes, sizeof(number));
+    return number;
+}
+
+/// Makes the block of a pool that ends one of no pool.
+inline void tq_EndMemoryPoolOf(char* pBlock) {
+    const unsigned short number = kEndedMemoryPool;
+    unsigned char bytes[sizeof(number)];
+    memcpy(bytes, &number, sizeof(number));
+    unsigned char* pNumber =
+        reinterpret_cast<unsigned char*>(tq_MemoryPoolHeaderOf(pBlock)) + offsetof(_MEM_HEADER_POOLING_ONLY, nPool);
+    __atomic_store_n(pNumber, bytes[0], __ATOMIC_RELAXED);
+    __atomic_store_n(pNumber + 1, bytes[1], __ATOMIC_RELAXED);
 }
 
 /// The library's own bytes and the most that the pool's callers get.
@@ -238,6 +260,10 @@ template <typename Visit> void tq_WalkMemoryPool(unsigned int pool, Visit visit)
         slots = PoolIncrement[pool];
     }
 }
+
+/// The most that a slot's owner gets; kNoSlot for a block that is none.
+unsigned int tq_MemorySlotCapacity(char* pBlock);
+constexpr unsigned int kNoSlot = UINT32_MAX;
 
 /// Counts bytes that callers ask a pool for, as a difference modulo 2^32. The pool's lock is held.
 void tq_CountPoolBytesLocked(unsigned int pool, unsigned int difference);
