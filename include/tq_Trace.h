@@ -68,6 +68,9 @@ typedef struct _TQ_TRACE_INSTANCE {
 
 extern "C" {
 
+/// What an application does when a viewer asks for a reset. See tq_TraceSetResetHandler().
+typedef void (*PFN_ONRESET)();
+
 // Start and stop
 
 /// Reads section "Trace" of "tqos.ini", makes the instance list and opens the system log. Called by tqOS_Initialize();
@@ -84,9 +87,10 @@ TQ_API void tq_TraceTerminate();
 
 /// Opens an instance, or opens it once more when one of this name is open (the case of letters does not matter; nothing
 /// is then read again). A new instance takes level, mask, destinations and the rest from the keys "<name>_Level",
-/// "<name>_Cat", "<name>_LogToFile", "<name>_MaxFiles", "<name>_MaxBytesPerFile", "<name>_LogToSTDOUT",
-/// "<name>_LogToSTDERR", "<name>_LogToDevStudio", "<name>_SuppressTimestamp" and "<name>_ShowThreadID" of section
-/// "Trace", and from the section's defaults. A log file that cannot be opened leaves the instance without one.
+/// "<name>_Cat", "<name>_LogToFile", "<name>_MaxFiles", "<name>_MaxBytesPerFile", "<name>_LogToMulticast",
+/// "<name>_LogToSTDOUT", "<name>_LogToSTDERR", "<name>_LogToDevStudio", "<name>_SuppressTimestamp" and
+/// "<name>_ShowThreadID" of section "Trace", and from the section's defaults. A log file that cannot be opened leaves
+/// the instance without one; so does a socket for the network.
 ///
 /// Deliberate: of the defaults, an instance with a "<name>_Level" key takes over only the mask and the looks of its
 /// lines. It has no destinations but those that its own keys name, and its log file does not rotate unless its own
@@ -96,12 +100,14 @@ TQ_API void tq_TraceTerminate();
 /// @param pszFilename  the caller's source file, kept by pointer with the memory: must live for the whole run
 /// @param line         the caller's line
 /// @return the instance's handle; 0 when pszName is null, trace does not run, or there is no memory or no free handle
-/// Threads: any; takes the instance list's lock. Close it with tq_TraceTermInstance(), once for every opening.
+/// Threads: any; takes the instance list's lock, and for one with "<name>_LogToMulticast" what
+/// tq_TraceEnableMulticast() takes. Close it with tq_TraceTermInstance(), once for every opening.
 TQ_API unsigned int tq__TraceInitInstance(const char* pszName, const char* pszFilename, unsigned int line);
 
-/// Takes back one opening. The last one closes the log file, frees the instance and gives its handle back.
+/// Takes back one opening. The last one closes the log file and the network destination, frees the instance and gives
+/// its handle back.
 /// @return 0 done; 1 trace does not run or the handle is unknown
-/// Threads: any; takes the instance list's lock.
+/// Threads: any; takes the instance list's lock, and the locks that closing a socket takes.
 TQ_API int tq_TraceTermInstance(unsigned int hTraceInstance);
 
 /// @return the handle of the instance of this name (the case of letters does not matter); 0 when there is none, pszName
@@ -218,6 +224,53 @@ TQ_API int tq__TraceEnableFile(unsigned int hTraceInstance, const char* pszPath,
 /// Closes the instance's log file, if any, and forgets its settings.
 /// @return 0 done, also when there was none; 1 trace does not run or the handle is unknown
 TQ_API int tq_TraceDisableFile(unsigned int hTraceInstance);
+
+/// Switches the network on as a destination of an instance. The instance gets a UDP socket, bound to the machine's
+/// first address and a port of the system's choice, and announces itself from 100 ms later on every 10 seconds to the
+/// multicast group 224.123.111.105, port 3000. Viewers subscribe, and get every line of the instance from then on, as a
+/// datagram each. A line is cut to 1023 characters there. What the system does not take at once is lost: no viewer
+/// holds up who traces. When the machine loses the address, the socket is replaced by one on an address that it has;
+/// viewers stay subscribed.
+///
+/// All messages are text with a terminating zero byte, which is sent. An instance announces itself as
+///
+///     DISCOVER/version=1.2/applicationName=NAME/mac=MAC/IPAddr=ADDRESS/port=PORT/host=//
+///
+/// where NAME is the address of the machine's first interface, a colon and the instance's name, cut to 255 characters.
+/// To ADDRESS and PORT a viewer sends a text that begins with one of these words and is longer than it, be it by the
+/// zero byte:
+///
+/// | text         | meaning                                                                                    |
+/// |--------------|--------------------------------------------------------------------------------------------|
+/// | "TRACEON/"   | subscribe; the viewer is whoever sent it, by its address and port. At most 128 may         |
+/// | "KEEPALIVE/" | the answer to the same text, which a viewer is sent every 5 seconds; one that has not      |
+/// |              | answered when it would be sent the next is dropped                                         |
+/// | "TRACEOFF/"  | end the subscription. Deliberate: the other viewers are not asked either from then on, and |
+/// |              | none is dropped, until somebody subscribes                                                 |
+/// | "RESET/"     | call the application's handler (tq_TraceSetResetHandler())                                 |
+///
+/// Nothing of this is protected: whoever can reach the port may read the trace and ask for a reset.
+///
+/// On an instance that has the destination already, everything begins anew, without viewers and reset handler.
+/// @return 0 on; 1 it could not be (no socket, no memory), trace does not run or the handle is unknown. The instance is
+///         then without this destination
+/// Threads: any, without a lock of the library; may start the sockets layer, the timers and the queue "TQOS: Tracing",
+/// on whose thread requests are handled.
+TQ_API int tq_TraceEnableMulticast(unsigned int hTraceInstance);
+
+/// Switches the network off as a destination: closes the socket and forgets the viewers and the reset handler.
+/// @return 0 done, also when it was off; 1 trace does not run or the handle is unknown
+/// Threads: as tq_TraceEnableMulticast().
+TQ_API int tq_TraceDisableMulticast(unsigned int hTraceInstance);
+
+/// Stores what is to be called when a viewer sends "RESET/". Only an instance that has the network as a destination
+/// keeps it, and only as long as it has.
+/// @param pfnResetHandler  null: nothing is called. It is called on the thread of the queue "TQOS: Tracing", with no
+///                         lock held: it may trace and switch destinations, but not stop trace or the library, which
+///                         wait for this thread. One that has been replaced may still be running, or be called once
+///                         more for a request that came before
+/// @return Deliberate: 1, whether it was stored or not
+TQ_API int tq_TraceSetResetHandler(unsigned int hTraceInstance, PFN_ONRESET pfnResetHandler);
 
 // Prefix of the lines
 

@@ -279,6 +279,9 @@ void ExpectNotRunning() {
     EXPECT_EQ(1, tq_TraceDisableSTDERR(2));
     EXPECT_EQ(1, tq_TraceEnableDevStudio(2));
     EXPECT_EQ(1, tq_TraceDisableDevStudio(2));
+    EXPECT_EQ(1, tq_TraceEnableMulticast(2));
+    EXPECT_EQ(1, tq_TraceDisableMulticast(2));
+    EXPECT_EQ(1, tq_TraceSetResetHandler(2, nullptr));
     EXPECT_EQ(1, tq_TraceSuppressTimestamp(2, true));
     EXPECT_EQ(1, tq_TraceShowThreadID(2, true));
     EXPECT_EQ(1, tq_TraceSetDeltaTimestamps(true));

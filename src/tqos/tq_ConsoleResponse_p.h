@@ -6,9 +6,15 @@
 #ifndef TQ_CONSOLERESPONSE_P_H
 #define TQ_CONSOLERESPONSE_P_H
 
+struct _MSG_COMMON;
+
 /// Sends a line or text to the console session `instance`, without the "Response received" line before it. Nothing is
 /// sent for a null or empty text, or while no console runs.
 void tq_RespondToConsole(const char* pszText, unsigned int instance);
+
+/// Answers a request that the console has sent to a queue of the library's own (MSG_TELNET_SUMMARY), as an
+/// application's queue does: from the request's receiver, to the session that asked.
+void tq_AnswerConsole(const char* pszText, const struct _MSG_COMMON& request);
 
 /// The next word of a command's arguments, cut out of the text in place; null when there is none. See
 /// tq_TelnetGetNextToken().

@@ -762,6 +762,10 @@ void tq_RespondToConsole(const char* pszText, unsigned int instance) {
     tq_TelnetSendResponse(pszText, 0, instance, 0, TQ_TELNET_NO_RECEIVED_LINE);
 }
 
+void tq_AnswerConsole(const char* pszText, const MSG_COMMON& request) {
+    tq_TelnetSendResponse(pszText, request.hDest, request.instance, request.userparm, request.flags);
+}
+
 char* tq_NextConsoleWord(char** ppszArguments) {
     return tq_TelnetGetNextToken(ppszArguments);
 }

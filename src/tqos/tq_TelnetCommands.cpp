@@ -637,6 +637,7 @@ constexpr TOKEN_PARSER kSetTraceCommands[] = {
     { "DISable",   nullptr,                                                            kFlagDisable, nullptr },
     { "STDOut",    SetTraceSwitch<tq_TraceEnableSTDOUT, tq_TraceDisableSTDOUT>,        0, nullptr },
     { "STDErr",    SetTraceSwitch<tq_TraceEnableSTDERR, tq_TraceDisableSTDERR>,        0, nullptr },
+    { "MULticast", SetTraceSwitch<tq_TraceEnableMulticast, tq_TraceDisableMulticast>,  0, nullptr },
     { "DEVstudio", SetTraceSwitch<tq_TraceEnableDevStudio, tq_TraceDisableDevStudio>,  0, nullptr },
     { "FILE",      SetTraceFile,                                                       0, nullptr },
     { "TIMestamp", SetTraceSwitch<ShowTimestamps, HideTimestamps>,                     0, nullptr },

@@ -15,6 +15,7 @@
 #include "tq_LibraryTrace_p.h"
 #include "tq_Lifecycle_p.h"
 #include "tq_Memory.h"
+#include "tq_NetTrace_p.h"
 #include "tq_Report_p.h"
 #include "tq_Thread.h"
 #include "tq_Time.h"
@@ -110,6 +111,7 @@ struct TraceLine {
 void WriteToFile(_TRACEINSTANCE* pInstance, const TraceLine& line, va_list args);
 void WriteToStandardOutput(_TRACEINSTANCE* pInstance, const TraceLine& line, va_list args);
 void WriteToStandardError(_TRACEINSTANCE* pInstance, const TraceLine& line, va_list args);
+void WriteToViewers(_TRACEINSTANCE* pInstance, const TraceLine& line, va_list args);
 
 struct Destination {
     int bit;
@@ -124,7 +126,7 @@ constexpr Destination kDestinations[] = {
     {TQ_TRACE_DEST_FILE, 'F', nullptr, nullptr, WriteToFile},
     {TQ_TRACE_DEST_STDOUT, 'S', "DefaultLogToSTDOUT", "LogToSTDOUT", WriteToStandardOutput},
     {TQ_TRACE_DEST_STDERR, 'E', "DefaultLogToSTDERR", "LogToSTDERR", WriteToStandardError},
-    {TQ_TRACE_DEST_MULTICAST, 'M', "DefaultLogToMultiCast", nullptr, nullptr},
+    {TQ_TRACE_DEST_MULTICAST, 'M', "DefaultLogToMultiCast", "LogToMulticast", WriteToViewers},
     {TQ_TRACE_DEST_DEVSTUDIO, 'D', "DefaultLogToDevStudio", "LogToDevStudio", nullptr},
 };
 constexpr size_t kDestinationCount = sizeof(kDestinations) / sizeof(kDestinations[0]);
@@ -237,13 +239,13 @@ unsigned int guiLastTimeStampInMS;
 
 std::atomic<bool> gbCriticalErrorsKept{false};
 
-namespace {
-
-_TRACEINSTANCE* FindByHandleLocked(unsigned int hTraceInstance) {
+_TRACEINSTANCE* tq_FindTraceInstanceLocked(unsigned int hTraceInstance) {
     return static_cast<_TRACEINSTANCE*>(gpTraceInstanceList->FindFirst(tq_ListKey(hTraceInstance), LIST_TYPE_U32BITS,
                                                                        offsetof(_TRACEINSTANCE, handle), nullptr,
                                                                        LIST_DIRECTION_HEAD_TO_TAIL));
 }
+
+namespace {
 
 _TRACEINSTANCE* FindByNameLocked(const char* pszName) {
     return static_cast<_TRACEINSTANCE*>(gpTraceInstanceList->FindFirst(const_cast<char*>(pszName), LIST_TYPE_PZISTR,
@@ -251,28 +253,17 @@ _TRACEINSTANCE* FindByNameLocked(const char* pszName) {
                                                                        nullptr, LIST_DIRECTION_HEAD_TO_TAIL));
 }
 
-/// The instance list, locked for a scope; false when trace does not run.
-class LockedTrace {
-public:
-    LockedTrace() : m_pass(gTraceGate), m_lock(m_pass ? gpTraceInstanceList : nullptr) {}
-    explicit operator bool() const { return static_cast<bool>(m_pass); }
-
-private:
-    tq_GatePass m_pass;
-    tq_ListLock m_lock;
-};
-
 /// One instance, under the list's lock for a scope; false when trace does not run or the handle is unknown.
 class LockedInstance {
 public:
     explicit LockedInstance(unsigned int hTraceInstance)
-        : m_pInstance(m_trace ? FindByHandleLocked(hTraceInstance) : nullptr) {}
+        : m_pInstance(m_trace ? tq_FindTraceInstanceLocked(hTraceInstance) : nullptr) {}
     explicit operator bool() const { return m_pInstance != nullptr; }
     _TRACEINSTANCE* operator->() const { return m_pInstance; }
     _TRACEINSTANCE* Get() const { return m_pInstance; }
 
 private:
-    LockedTrace m_trace;
+    tq_LockedTrace m_trace;
     _TRACEINSTANCE* m_pInstance;
 };
 
@@ -467,6 +458,22 @@ void WriteToStandardOutput(_TRACEINSTANCE* pInstance, const TraceLine& line, va_
 
 void WriteToStandardError(_TRACEINSTANCE* pInstance, const TraceLine& line, va_list args) {
     PrintLine(stderr, pInstance, line, args);
+}
+
+void WriteToViewers(_TRACEINSTANCE* pInstance, const TraceLine& line, va_list args) {
+    if (!pInstance->pNetTrace) {
+        return;
+    }
+    char text[1024]; // a viewer gets what fits, and always a terminator
+    const int length =
+        snprintf(text, sizeof(text), "%s%s(%s) %s", line.stamp, line.threads, pInstance->pszTracingName, line.pszTag);
+    const size_t prefix = length < 0 ? 0 : static_cast<size_t>(length);
+    if (prefix < sizeof(text)) {
+        text[prefix] = '\0';
+        vsnprintf(text + prefix, sizeof(text) - prefix, line.pszFormat, args);
+    }
+    text[sizeof(text) - 1] = '\0';
+    pInstance->pNetTrace->SendTrace(text);
 }
 
 int SystemLogPriorityOf(int level) {
@@ -734,7 +741,7 @@ bool ConvertStringToLevel(const char* pszText, int* pLevel) {
 }
 
 unsigned int tq_TraceGetHandleFromName(const char* pszName) {
-    LockedTrace trace;
+    tq_LockedTrace trace;
     const _TRACEINSTANCE* pInstance = trace && pszName ? FindByNameLocked(pszName) : nullptr;
     return pInstance ? static_cast<unsigned int>(pInstance->handle) : 0;
 }
@@ -865,6 +872,7 @@ struct InstanceDefaults {
 };
 
 void FreeInstance(_TRACEINSTANCE* pInstance) {
+    tq_NetTraceFreeSender(pInstance);
     if (pInstance->handle) {
         tq_HandleRelease(static_cast<unsigned int>(pInstance->handle));
     }
@@ -918,7 +926,9 @@ bool RegisterLocked(_TRACEINSTANCE* pInstance) {
     return gpTraceInstanceList->NodeCount() != before;
 }
 
-void OpenDestinationsLocked(_TRACEINSTANCE* pInstance, InstanceSettings& settings, const InstanceDefaults& defaults,
+/// Opens those destinations that take nothing but the instance list's lock.
+/// @return whether the network is wanted, too
+bool OpenDestinationsLocked(_TRACEINSTANCE* pInstance, InstanceSettings& settings, const InstanceDefaults& defaults,
                             const char* pszFilename, unsigned int line) {
     char path[512];
     settings.Text("LogToFile", defaults.Has(TQ_TRACE_DEST_FILE) ? defaults.fileName : "", path);
@@ -927,14 +937,17 @@ void OpenDestinationsLocked(_TRACEINSTANCE* pInstance, InstanceSettings& setting
         const int maxBytes = settings.Integer("MaxBytesPerFile", defaults.maxBytesPerFile);
         EnableFileLocked(pInstance, path, maxFiles, maxBytes, pszFilename, line);
     }
+    int wanted = 0;
     for (const Destination& row : kDestinations) {
         if (row.pszInstanceKey && settings.Switch(row.pszInstanceKey, defaults.Has(row.bit))) {
-            pInstance->Flags |= row.bit;
+            wanted |= row.bit;
         }
     }
+    pInstance->Flags |= wanted & ~TQ_TRACE_DEST_MULTICAST;
+    return (wanted & TQ_TRACE_DEST_MULTICAST) != 0;
 }
 
-unsigned int OpenInstanceLocked(const char* pszName, const char* pszFilename, unsigned int line) {
+unsigned int OpenInstanceLocked(const char* pszName, const char* pszFilename, unsigned int line, bool* pbMulticast) {
     InstanceSettings settings(pszName, pszFilename, line);
     _TRACEINSTANCE* pInstance = settings ? NewInstance(pszName, pszFilename, line) : nullptr;
     if (!pInstance) {
@@ -946,7 +959,7 @@ unsigned int OpenInstanceLocked(const char* pszName, const char* pszFilename, un
         FreeInstance(pInstance);
         return 0;
     }
-    OpenDestinationsLocked(pInstance, settings, defaults, pszFilename, line);
+    *pbMulticast = OpenDestinationsLocked(pInstance, settings, defaults, pszFilename, line);
     pInstance->bSuppressTimeStamps = settings.Switch("SuppressTimestamp", gbDefaultSuppressTimestamp);
     pInstance->bShowThreadID = settings.Switch("ShowThreadID", gbDefaultShowThreadID);
     return static_cast<unsigned int>(pInstance->handle);
@@ -961,19 +974,29 @@ int CountClose(unsigned int hTraceInstance, _TRACEINSTANCE** ppLast) {
     });
 }
 
-} // namespace
-
-unsigned int tq__TraceInitInstance(const char* pszName, const char* pszFilename, unsigned int line) {
-    LockedTrace trace;
+/// Opens the instance or counts one more opening. The network, if it is wanted, is left to the caller.
+unsigned int OpenOrCount(const char* pszName, const char* pszFilename, unsigned int line, bool* pbMulticast) {
+    tq_LockedTrace trace;
     if (!trace || !pszName) {
         return 0;
     }
     _TRACEINSTANCE* pInstance = FindByNameLocked(pszName);
     if (!pInstance) {
-        return OpenInstanceLocked(pszName, pszFilename, line);
+        return OpenInstanceLocked(pszName, pszFilename, line, pbMulticast);
     }
     ++pInstance->instanceCount;
     return static_cast<unsigned int>(pInstance->handle);
+}
+
+} // namespace
+
+unsigned int tq__TraceInitInstance(const char* pszName, const char* pszFilename, unsigned int line) {
+    bool bMulticast = false;
+    const unsigned int handle = OpenOrCount(pszName, pszFilename, line, &bMulticast);
+    if (bMulticast) { // with the list's lock left: this starts threads, which may trace before they run
+        tq_TraceEnableMulticast(handle);
+    }
+    return handle;
 }
 
 int tq_TraceTermInstance(unsigned int hTraceInstance) {
@@ -1041,7 +1064,7 @@ bool AddCopiesLocked(tq_List* pList) {
 } // namespace
 
 tq_List* tq_TraceGetInstanceList() {
-    LockedTrace trace;
+    tq_LockedTrace trace;
     if (!trace || gpTraceInstanceList->NodeCount() == 0) {
         return nullptr;
     }
@@ -1168,7 +1191,7 @@ char* DetailsLocked(const char* pszArgument) {
         if (handle == 0) {
             return tq_newString("Requires a Trace Instance!\r\n");
         }
-        pInstance = FindByHandleLocked(handle);
+        pInstance = tq_FindTraceInstanceLocked(handle);
     }
     if (!pInstance) {
         return tq_newString("Could not find specified Trace Instance!\r\n");
@@ -1188,7 +1211,7 @@ void tq_ShowTrace(char** pszResponse, unsigned int uiFlags, const char* pszArgum
     if (!pszResponse) {
         return;
     }
-    LockedTrace trace;
+    tq_LockedTrace trace;
     if (!trace) {
         *pszResponse = tq_newString("Tracing Subsystem not initialized!\r\n");
         return;
@@ -1243,5 +1266,6 @@ void tq_TraceTerminate() {
     while (void* pNode = gpTraceInstanceList->RemoveHead()) {
         FreeInstance(static_cast<_TRACEINSTANCE*>(pNode));
     }
+    tq_NetTraceTerminate();
     FreeState();
 }

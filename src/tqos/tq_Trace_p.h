@@ -56,6 +56,20 @@ extern std::atomic<bool> bTraceInitialized; ///< cleared by the first step of te
 extern tq_Gate gTraceGate;
 extern tq_List* gpTraceInstanceList; ///< its lock guards every field of every instance
 
+/// The instance list, locked for a scope; false when trace does not run.
+class tq_LockedTrace {
+public:
+    tq_LockedTrace() : m_pass(gTraceGate), m_lock(m_pass ? gpTraceInstanceList : nullptr) {}
+    explicit operator bool() const { return static_cast<bool>(m_pass); }
+
+private:
+    tq_GatePass m_pass;
+    tq_ListLock m_lock;
+};
+
+/// The instance of this handle, or null. The list is locked.
+_TRACEINSTANCE* tq_FindTraceInstanceLocked(unsigned int hTraceInstance);
+
 extern tq_SemCritSec* pTimeLock; ///< guards the next two; taken inside the instance list's lock
 extern bool gbShowTimeDeltas;
 extern unsigned int guiLastTimeStampInMS; ///< 0 until the first delta is printed
