@@ -119,6 +119,33 @@ void Line(unsigned int handle, const std::string& text) {
     tq_Trace(handle, TQ_TRACE_LEVEL_WARNING, 1, true, "%s", text.c_str());
 }
 
+// Tracked memory; other threads allocate meanwhile
+
+unsigned int AllocatedBytes() {
+    myCritSecLock lock(MemoryTrackingCritSec);
+    return gRequestedMemoryAllocations;
+}
+
+/// What a library is to be started with where a test uses Cap.
+constexpr unsigned int kCappedBytes = 4u << 20;
+const std::string kCapped =
+    "[Memory]\nEnableMemoryTracking=yes\nMemoryCapInBytes=" + std::to_string(kCappedBytes) + "\n";
+
+/// Leaves tracked memory so many bytes while the object lives. The cap itself stands from the start: it is read by all
+/// threads, and no change of it would be seen by them in order.
+class Cap {
+public:
+    explicit Cap(unsigned int room) : m_pBallast(tq_malloc(kCappedBytes - AllocatedBytes() - room)) {
+        EXPECT_NE(nullptr, m_pBallast);
+    }
+    ~Cap() { tq_free(m_pBallast); }
+    Cap(const Cap&) = delete;
+    Cap& operator=(const Cap&) = delete;
+
+private:
+    void* m_pBallast;
+};
+
 // Viewers
 
 class Viewer {
@@ -341,9 +368,10 @@ unsigned int EnableWithEverMoreMemory(unsigned int handle) {
     unsigned int failures = 0;
     int result = 1;
     for (unsigned int room = 1; result != 0 && room < 100000; room += 16) {
-        gMemoryCapInBytes = gRequestedMemoryAllocations + room;
-        result = tq_TraceEnableMulticast(handle);
-        gMemoryCapInBytes = 0;
+        {
+            Cap cap(room);
+            result = tq_TraceEnableMulticast(handle);
+        }
         if (result != 0) {
             ++failures;
             EXPECT_EQ("-----", TypeOf(handle));
@@ -356,21 +384,20 @@ unsigned int EnableWithEverMoreMemory(unsigned int handle) {
 }
 
 TEST(NetTrace, WithoutMemoryItStaysOffAndNothingIsLost) {
-    Library library("[Trace]\ntqos_Level=None\nT_Level=All\n[Memory]\nEnableMemoryTracking=yes\n"
-                    "[Sem]\nTracking=yes\n");
+    Library library("[Trace]\ntqos_Level=None\nT_Level=All\n[Sem]\nTracking=yes\n" + kCapped);
     const unsigned int handle = tq_TraceInitInstance("T");
     EXPECT_EQ(0, tq_TraceEnableMulticast(handle)); // sockets, timers and the queue run from now on
     EXPECT_EQ(0, tq_TraceDisableMulticast(handle));
     EXPECT_LT(4u, EnableWithEverMoreMemory(handle));
     EXPECT_TRUE(WaitUntil([handle] { // other threads may still be starting; what is lost is lost every time
-        const unsigned int before = gRequestedMemoryAllocations;
+        const unsigned int before = AllocatedBytes();
         EnableWithEverMoreMemory(handle);
-        return gRequestedMemoryAllocations == before;
+        return AllocatedBytes() == before;
     }));
 }
 
 TEST(NetTrace, WithoutMemoryForTheQueueItStaysOff) {
-    Library library("[Trace]\ntqos_Level=None\nT_Level=All\n[Memory]\nEnableMemoryTracking=yes\n");
+    Library library("[Trace]\ntqos_Level=None\nT_Level=All\n" + kCapped);
     const unsigned int handle = tq_TraceInitInstance("T");
     EXPECT_NE(0u, tq_SocketGetInterfaceCount()); // the sockets layer runs from now on
     EXPECT_LT(4u, EnableWithEverMoreMemory(handle));
@@ -492,13 +519,14 @@ TEST(NetTrace, ANameLongerThanALineLeavesItTerminated) {
 }
 
 TEST(NetTrace, TracingToViewersTakesNoMemory) {
-    Library library(std::string(kIni) + "[Memory]\nEnableMemoryTracking=yes\n");
+    Library library(kIni + kCapped);
     const unsigned int handle = tq_TraceInitInstance("T");
     Subscribed viewer(handle);
     EXPECT_TRUE(WaitUntil([] { return CountOf(Timers(), "TqTrace Keepalive") == 1; }));
-    gMemoryCapInBytes = 1; // every allocation is refused
-    Line(handle, "without memory\n");
-    gMemoryCapInBytes = 0;
+    {
+        Cap cap(0); // every allocation is refused
+        Line(handle, "without memory\n");
+    }
     EXPECT_EQ(Wire("[<ms>]: (T) WRN: without memory\n"), Shown(viewer.NextLine()));
 }
 
@@ -863,11 +891,11 @@ TEST(NetTrace, AFloodOfRequestsOnSeveralInstancesStaysBoundedAndIsSurvived) {
             }
         });
     }
-    const unsigned int before = gRequestedMemoryAllocations;
+    const unsigned int before = AllocatedBytes();
     unsigned int most = before;
     for (int i = 0; i < 3000 || sent < 100u << 20; ++i) { // meanwhile the device traces
         Line(handles[static_cast<size_t>(i) % 3], "line\n");
-        most = std::max<unsigned int>(most, gRequestedMemoryAllocations);
+        most = std::max(most, AllocatedBytes());
     }
     bStop = true;
     for (std::thread& flooder : flooders) {
@@ -924,7 +952,7 @@ TEST(NetTrace, LeavesNothingBehind) {
     tq_TraceTerminate();
     ASSERT_EQ(0u, tq_TraceInitialize());
     EXPECT_TRUE(WaitUntil([] { // threads that have just ended give back what they have
-        const unsigned int before = gRequestedMemoryAllocations;
+        const unsigned int before = AllocatedBytes();
         const unsigned int handle = tq_TraceInitInstance("T");
         {
             Subscribed viewer(handle);
@@ -932,7 +960,7 @@ TEST(NetTrace, LeavesNothingBehind) {
         }
         tq_TraceTerminate();
         EXPECT_EQ(0u, tq_TraceInitialize());
-        return gRequestedMemoryAllocations == before;
+        return AllocatedBytes() == before;
     }));
 }
 
