@@ -1,7 +1,10 @@
 #include "tq_Telnet_p.h"
 
+#include <algorithm>
 #include <atomic>
 #include <mutex>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <stdarg.h>
 #include <stddef.h>
 #include <string.h>
@@ -13,7 +16,6 @@
 #include "tq_HeldLocks_p.h"
 #include "tq_Lifecycle_p.h"
 #include "tq_Memory.h"
-#include "tq_MsgQ_p.h"
 #include "tq_Socket.h"
 #include "tq_Time.h"
 #include "tq_Timer.h"
@@ -72,7 +74,6 @@ char* gpszPassword = nullptr;
 
 // Guarded by the lock of the list of sessions.
 unsigned int gListenSocket = 0;
-unsigned int gTelnetListenPort = 0;
 unsigned int gTelnetSrcIP = 0;
 bool gbReopenTimerSet = false;
 bool gbStopping = false; // no session is taken any more, and the listening socket stays closed
@@ -83,6 +84,7 @@ unsigned int guiScriptDepth = 0;
 
 // What other threads ask for at any time.
 std::atomic<unsigned int> gTelnetQueueHandle{0};
+std::atomic<unsigned int> gTelnetListenPort{0};
 
 } // namespace
 
@@ -544,9 +546,7 @@ void TelnetClose(TELNET_INSTANCE* pTelnetInstance) {
 namespace {
 
 bool ListenLocked(unsigned int port) {
-    // A port number that does not exist would be cut down to one that does.
-    gListenSocket =
-        port <= kLastPort ? tq_SocketOpenTCPServer(gpTelnetMsgQueue->GetHandle(), port, 0, gTelnetSrcIP) : 0;
+    gListenSocket = tq_SocketOpenTCPServer(gpTelnetMsgQueue->GetHandle(), port, 0, gTelnetSrcIP);
     if (gListenSocket == 0) {
         return false;
     }
@@ -556,7 +556,9 @@ bool ListenLocked(unsigned int port) {
 
 void CloseListenerLocked() {
     if (gListenSocket != 0) {
-        tq_SocketClose(gListenSocket);
+        // Shut down first: the sockets thread may be waiting on the descriptor, and the port would be taken until it
+        // has come back.
+        tq_SocketFlushAndClose(gListenSocket, TQ_SOCKET_FLUSH_OUT);
         gListenSocket = 0;
     }
 }
@@ -568,11 +570,14 @@ void SetReopenTimerLocked(unsigned int ms) {
 
 /// Finds a port to listen on, from the first one upwards; false when there is none.
 bool FindPortLocked(unsigned int first) {
-    const unsigned int last = (first < kFirstFreePort ? kFirstFreePort : first) + kPortWindow;
+    if (first > kLastPort) { // it would be cut down to one that exists
+        return false;
+    }
+    const unsigned int last = std::min((first < kFirstFreePort ? kFirstFreePort : first) + kPortWindow, kLastPort);
     unsigned int port = first;
     while (!ListenLocked(port)) {
         port = port < kFirstFreePort ? kFirstFreePort : port + 1;
-        if (port > last || port > kLastPort) {
+        if (port > last) {
             return false;
         }
     }
@@ -635,6 +640,8 @@ void OnNewConnection(const MSG_COMMON& msg) {
     pSession->bHideEcho = gbRequirePassword;
     pSession->bLoggedIn = !gbRequirePassword;
     tq_SocketSetName(socket, "Telnet instance");
+    const int noDelay = 1; // the many small pieces of an answer do not wait for each other to be acknowledged
+    tq_SocketSetOpt(static_cast<int>(socket), IPPROTO_TCP, TCP_NODELAY, &noDelay, sizeof(noDelay));
     Greet(*pSession);
     gpTelnetInstanceList->AddToTail(pSession);
 }
@@ -663,15 +670,6 @@ void OnNewInterfaces(const MSG_COMMON&) {
     }
 }
 
-/// A copy of a queue's name; null when there is no such queue or it has none.
-char* QueueName(unsigned int hQueue) {
-    tq_ListLock lock(gpListOfQs); // stays for as long as there are workers, this one too
-    const QUEUE_DETAILS* pDetails = static_cast<QUEUE_DETAILS*>(gpListOfQs->FindFirst(
-        tq_ListKey(hQueue), LIST_TYPE_U32BITS, offsetof(QUEUE_DETAILS, hSource), nullptr, LIST_DIRECTION_HEAD_TO_TAIL));
-    const char* pszName = pDetails ? tq_MsgQInside::Name(*pDetails->pMsgQ) : nullptr;
-    return pszName ? tq_newString(pszName) : nullptr;
-}
-
 void OnResponse(const MSG_COMMON& msg) {
     const char* pText = reinterpret_cast<const TELNET_TEXT&>(msg).text;
     const size_t length = msg.size - sizeof(MSG_COMMON);
@@ -679,7 +677,7 @@ void OnResponse(const MSG_COMMON& msg) {
         return;
     }
     const bool bTellFromWhom = (msg.flags & TQ_TELNET_NO_RECEIVED_LINE) == 0;
-    char* pszName = bTellFromWhom ? QueueName(msg.hSource) : nullptr;
+    char* pszName = bTellFromWhom ? tq_MsgQGetNameFromId(msg.hSource) : nullptr;
     {
         tq_ListLock lock(gpTelnetInstanceList);
         if (const TELNET_INSTANCE* pSession = FindSessionLocked(msg.instance)) {
@@ -877,7 +875,6 @@ unsigned int tq_TelnetInitialize(unsigned int port, unsigned int srcIP, const ch
         return 0;
     }
     gInstanceCount += 1;
-    tq_ListLock sessions(gpTelnetInstanceList);
     return gTelnetListenPort;
 }
 

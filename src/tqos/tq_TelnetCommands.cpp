@@ -9,6 +9,8 @@
 
 #include "tq_ConsoleResponse_p.h"
 #include "tq_Dir.h"
+#include "tq_Handle.h"
+#include "tq_List.h"
 #include "tq_Memory.h"
 #include "tq_Report_p.h"
 #include "tq_SemMutex.h"
@@ -132,6 +134,13 @@ FUNCTION_RC ShowReport(TELNET_INSTANCE*, char* pszArguments, unsigned int, char*
     return FUNCTION_RC::SUCCESS;
 }
 
+/// A report that is sent to the session in pieces of its own.
+template <void (*Report)(unsigned int)>
+FUNCTION_RC ReportToSession(TELNET_INSTANCE* pTelnetInstance, char*, unsigned int, char**) {
+    Report(pTelnetInstance->socket);
+    return FUNCTION_RC::SUCCESS;
+}
+
 } // namespace
 
 // SHow
@@ -150,6 +159,111 @@ FUNCTION_RC ShowSummary(TELNET_INSTANCE* pTelnetInstance, char* pszArguments, un
     request.instance = pTelnetInstance->socket;
     request.flags = uiFlags;
     tq_MsgQSendToNamed(pszId ? Number(pszId) : 0, &request);
+    return FUNCTION_RC::SUCCESS;
+}
+
+FUNCTION_RC ShowSockets(TELNET_INSTANCE*, char* pszArguments, unsigned int uiFlags, char** ppszResponse) {
+    if (*pszArguments != '\0' && (uiFlags & kFlagDetail) == 0) {
+        return FUNCTION_RC::ERROR;
+    }
+    const bool bHasHandle = tq_SocketShowSockets(ppszResponse, uiFlags, pszArguments) == 0 || *ppszResponse;
+    return bHasHandle ? FUNCTION_RC::SUCCESS : Answer(ppszResponse, "Missing socket handle.\r\n");
+}
+
+FUNCTION_RC ShowInterfaces(TELNET_INSTANCE*, char*, unsigned int, char** ppszResponse) {
+    tq_SocketShowInterfaces(ppszResponse);
+    return FUNCTION_RC::SUCCESS;
+}
+
+FUNCTION_RC ShowQueues(TELNET_INSTANCE* pTelnetInstance, char* pszArguments, unsigned int uiFlags,
+                       char** ppszResponse) {
+    tq_MsgQShowQueues(pTelnetInstance->socket, ppszResponse, uiFlags, pszArguments);
+    return FUNCTION_RC::SUCCESS;
+}
+
+// Deliberate: a reader would expect any abbreviation of a sort word. Five characters are compared, the end of the text
+// among them, so "count" and "name" must be whole while "maxco" and "handl" will do.
+constexpr size_t kSortCharacters = 5;
+constexpr const char* kSortWords[] = {"count", "maxcount", "name", "handle"}; // their codes count from 1
+
+struct ListOptions {
+    int start = 1;
+    unsigned int max = 0; // all
+    unsigned int sort = 0;
+    bool bReverse = false;
+    const char* pszSearch = nullptr;
+};
+
+bool ReadSortWord(const char* pszWord, ListOptions& options) {
+    options.bReverse = *pszWord == '-';
+    options.sort = 0;
+    for (const char* pszSort : kSortWords) {
+        options.sort += 1;
+        if (strncasecmp(pszWord + (options.bReverse ? 1 : 0), pszSort, kSortCharacters) == 0) {
+            return true;
+        }
+    }
+    return false;
+}
+
+/// False when a word is not understood.
+bool ReadListOptions(char* pszArguments, ListOptions& options) {
+    static constexpr char kStart[] = "start=";
+    static constexpr char kMax[] = "max=";
+    static constexpr char kSort[] = "sort=";
+    while (const char* pszWord = tq_TelnetGetNextToken(&pszArguments)) {
+        if (BeginsWith(pszWord, kStart)) {
+            options.start = SignedNumber(pszWord + strlen(kStart));
+        } else if (BeginsWith(pszWord, kMax)) {
+            options.max = Number(pszWord + strlen(kMax));
+        } else if (!BeginsWith(pszWord, kSort)) {
+            options.pszSearch = pszWord;
+        } else if (!ReadSortWord(pszWord + strlen(kSort), options)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+template <bool bHashedOnly>
+FUNCTION_RC ShowLists(TELNET_INSTANCE* pTelnetInstance, char* pszArguments, unsigned int, char** ppszResponse) {
+    ListOptions options;
+    if (!ReadListOptions(pszArguments, options)) {
+        return FUNCTION_RC::ERROR;
+    }
+    if (options.start <= 0) {
+        return Answer(ppszResponse, "start must contain a value greater than 0!\r\n");
+    }
+    tq_ListShowLists(pTelnetInstance->socket, ppszResponse, static_cast<unsigned int>(options.start), options.max,
+                     options.pszSearch, bHashedOnly, options.sort, options.bReverse);
+    return FUNCTION_RC::SUCCESS;
+}
+
+FUNCTION_RC ShowHashes(TELNET_INSTANCE* pTelnetInstance, char* pszArguments, unsigned int uiFlags,
+                       char** ppszResponse) {
+    const char* pszList = tq_TelnetGetNextToken(&pszArguments);
+    const char* pszHash = tq_TelnetGetNextToken(&pszArguments);
+    if (!pszList) {
+        return Answer(ppszResponse, "Missing List Handle!");
+    }
+    const unsigned int hList = IsNumber(pszList) ? Number(pszList) : 0;
+    if (hList == 0) {
+        return Answer(ppszResponse, "Invalid List Handle!");
+    }
+    if (!pszHash && (uiFlags & kFlagDetail)) {
+        return Answer(ppszResponse, "Missing Hash Index!");
+    }
+    tq_ListShowHashes(hList, pszHash ? Number(pszHash) : 0, pTelnetInstance->socket, uiFlags);
+    return FUNCTION_RC::SUCCESS;
+}
+
+FUNCTION_RC MemoryHelp(const TELNET_INSTANCE* pTelnetInstance);
+
+FUNCTION_RC ShowMemory(TELNET_INSTANCE* pTelnetInstance, char* pszArguments, unsigned int uiFlags, char**) {
+    if (strcmp(pszArguments, "?") == 0) {
+        return MemoryHelp(pTelnetInstance);
+    }
+    tq_ShowMemory(pTelnetInstance->socket, uiFlags, pszArguments);
     return FUNCTION_RC::SUCCESS;
 }
 
@@ -230,9 +344,54 @@ FUNCTION_RC ShowCurrentTime(TELNET_INSTANCE*, char*, unsigned int, char** ppszRe
 
 } // namespace
 
+// SEnd
+
+namespace {
+
+/// The queue that a word names, by number or by name; 0 when there is none. 0 itself is no queue: sending to it would
+/// reach them all.
+unsigned int QueueOf(const char* pszQueue) {
+    const unsigned int hQueue = IsNumber(pszQueue) ? Number(pszQueue) : 0;
+    return hQueue != 0 ? hQueue : tq_MsgQGetIdFromName(pszQueue);
+}
+
+FUNCTION_RC SendCustom(TELNET_INSTANCE* pTelnetInstance, char* pszArguments, unsigned int uiFlags, char**) {
+    const char* pszQueue = tq_TelnetGetNextToken(&pszArguments);
+    const unsigned int hQueue = pszQueue ? QueueOf(pszQueue) : 0;
+    if (hQueue == 0 || *pszArguments == '\0') {
+        return FUNCTION_RC::ERROR;
+    }
+    const unsigned int length = static_cast<unsigned int>(strlen(pszArguments));
+    const unsigned int bytes = length + sizeof(TELNET_TEXT);
+    TELNET_TEXT* pRequest = static_cast<TELNET_TEXT*>(tq_calloc(1, bytes));
+    if (!pRequest) {
+        return FUNCTION_RC::ERROR;
+    }
+    pRequest->msg = {tq_ConsoleQueueHandle(), hQueue, bytes, MSG_TELNET_CUSTOM, pTelnetInstance->socket, 0, uiFlags};
+    memcpy(pRequest->text, pszArguments, length);
+    tq_MsgQSendToNamed(hQueue, pRequest); // a copy
+    tq_free(pRequest);
+    return FUNCTION_RC::SUCCESS;
+}
+
+} // namespace
+
 // SET
 
 namespace {
+
+FUNCTION_RC SetMemory(TELNET_INSTANCE*, char* pszArguments, unsigned int, char**) {
+    if (*pszArguments != '\0') {
+        return FUNCTION_RC::ERROR;
+    }
+    tq_MemoryMarkPools();
+    return FUNCTION_RC::SUCCESS;
+}
+
+FUNCTION_RC SetHistory(TELNET_INSTANCE* pTelnetInstance, char* pszArguments, unsigned int, char**) {
+    tq_MsgqSetHistory(pTelnetInstance->socket, pszArguments);
+    return FUNCTION_RC::SUCCESS;
+}
 
 FUNCTION_RC SetSemaphores(TELNET_INSTANCE*, char* pszArguments, unsigned int, char**) {
     const char* pszSwitch = tq_TelnetGetNextToken(&pszArguments);
@@ -576,6 +735,37 @@ constexpr char kHelpSet[] =
     "           Enables the tracking of the messages that a queue handles.\r\n"
     "           depth is 100 at most, 0 turns the tracking off.\r\n";
 
+constexpr char kHelpMemory[] =
+    "  SHow [DETail] MEMory [options]\r\n"
+    "           Displays the statistics of each memory pool and the totals, with the\r\n"
+    "           changes since the last time. Without pools, the totals alone.\r\n"
+    "           With DETail, displays the memory blocks that are in use: size, address,\r\n"
+    "           file and line that allocated it, first bytes. \"SET MEMory\" hides those of now.\r\n"
+    "           DETail needs memory pooling and tracking, as do the options for it.\r\n"
+    "    pool=<n>\r\n"
+    "           Only pool n (1 is the first).\r\n"
+    "    filter=<text>\r\n"
+    "           DETail: only blocks from files whose names contain the text.\r\n"
+    "    filterout=<text>\r\n"
+    "           DETail: only blocks from files whose names do not contain the text.\r\n"
+    "    size=<n>\r\n"
+    "           DETail: only blocks of exactly n bytes.\r\n"
+    "    line=<n>\r\n"
+    "           DETail: only blocks that line n of their file allocated.\r\n"
+    "    group\r\n"
+    "           DETail: one line for all blocks of the same file and line.\r\n"
+    "    group=[-]alpha|bytes|count|ratio\r\n"
+    "           DETail: the same, sorted by file name, total bytes, number of blocks or\r\n"
+    "           bytes per block, the least first. A \"-\" reverses the order.\r\n"
+    "    histogram\r\n"
+    "           Displays how many blocks of each size are and were allocated (if enabled).\r\n"
+    "           Only format= and file= go with it.\r\n"
+    "    format=numeric|graphic|combo|ini\r\n"
+    "           histogram: as numbers, as bars (default), as both, or as a [Memory]\r\n"
+    "           section for tqos.ini with pools that suit what was allocated.\r\n"
+    "    file=<filename>\r\n"
+    "           Writes the report to a file.\r\n";
+
 const char* const kGeneralHelp[] = {
     kHelpIntroduction, kHelpHeader, kHelpShowLine,  kHelpCheck, kHelpSetLine, kHelpSend,
     kHelpReset,        kHelpClose,  kHelpRunScript, kHelpEcho,  kHelpRest,
@@ -583,6 +773,7 @@ const char* const kGeneralHelp[] = {
 const char* const kScriptHelp[] = {kHelpHeader, kHelpReset, kHelpClose, kHelpRunScript};
 const char* const kShowHelp[] = {kHelpHeader, kHelpShow};
 const char* const kSetHelp[] = {kHelpHeader, kHelpSet};
+const char* const kMemoryHelp[] = {kHelpHeader, kHelpMemory};
 
 template <size_t N> FUNCTION_RC SendHelp(const TELNET_INSTANCE* pTelnetInstance, const char* const (&pieces)[N]) {
     for (const char* pszPiece : pieces) {
@@ -600,6 +791,10 @@ FUNCTION_RC ShowHelp(TELNET_INSTANCE* pTelnetInstance, char*, unsigned int, char
     return SendHelp(pTelnetInstance, kShowHelp);
 }
 
+FUNCTION_RC MemoryHelp(const TELNET_INSTANCE* pTelnetInstance) {
+    return SendHelp(pTelnetInstance, kMemoryHelp);
+}
+
 FUNCTION_RC SetHelp(TELNET_INSTANCE* pTelnetInstance, char*, unsigned int, char**) {
     return SendHelp(pTelnetInstance, kSetHelp);
 }
@@ -610,8 +805,8 @@ FUNCTION_RC tq_TelnetScriptHelp(TELNET_INSTANCE* pTelnetInstance, char*, unsigne
     return SendHelp(pTelnetInstance, kScriptHelp);
 }
 
-// The tables. The first row that matches counts: "t" is Timers because TICks and THreads and TRace need more letters,
-// and "se" is SEnd because it stands before SET.
+// The tables. The first row that matches counts: "t" is Timers, since TICks, THreads and TRace need more letters, and
+// "se" is SEnd, since it stands before SET.
 
 namespace {
 
@@ -619,10 +814,18 @@ namespace {
 constexpr TOKEN_PARSER kShowCommands[] = {
     { "DETail",     nullptr,                          kFlagDetail, nullptr },
     { "SUMmary",    ShowSummary,                      0, nullptr },
+    { "SOckets",    ShowSockets,                      0, nullptr },
+    { "INterfaces", ShowInterfaces,                   0, nullptr },
+    { "Queues",     ShowQueues,                       0, nullptr },
+    { "Lists",      ShowLists<false>,                 0, nullptr },
+    { "HLists",     ShowLists<true>,                  0, nullptr },
+    { "HAShes",     ShowHashes,                       0, nullptr },
+    { "MEMory",     ShowMemory,                       0, nullptr },
     { "TICks",      ShowReport<tq_TimeShowMSPerTick>, 0, nullptr },
     { "Timers",     ShowReport<tq_TimerShowTimers>,   0, nullptr },
     { "THreads",    ShowReport<tq_ShowThreads>,       0, nullptr },
     { "SEMaphores", ShowReport<tq_ShowSemaphores>,    0, nullptr },
+    { "HANdles",    ReportToSession<tq_ShowHandles>,  0, nullptr },
     { "TRace",      ShowTrace,                        0, nullptr },
     { "ENdian",     ShowEndian,                       0, nullptr },
     { "DIR",        ShowDirectory,                    0, nullptr },
@@ -633,26 +836,39 @@ constexpr TOKEN_PARSER kShowCommands[] = {
 };
 
 constexpr TOKEN_PARSER kSetTraceCommands[] = {
-    { "ENable",    nullptr,                                                            kFlagEnable,  nullptr },
-    { "DISable",   nullptr,                                                            kFlagDisable, nullptr },
-    { "STDOut",    SetTraceSwitch<tq_TraceEnableSTDOUT, tq_TraceDisableSTDOUT>,        0, nullptr },
-    { "STDErr",    SetTraceSwitch<tq_TraceEnableSTDERR, tq_TraceDisableSTDERR>,        0, nullptr },
-    { "MULticast", SetTraceSwitch<tq_TraceEnableMulticast, tq_TraceDisableMulticast>,  0, nullptr },
-    { "DEVstudio", SetTraceSwitch<tq_TraceEnableDevStudio, tq_TraceDisableDevStudio>,  0, nullptr },
-    { "FILE",      SetTraceFile,                                                       0, nullptr },
-    { "TIMestamp", SetTraceSwitch<ShowTimestamps, HideTimestamps>,                     0, nullptr },
-    { "THReadid",  SetTraceSwitch<ShowThreadIds, HideThreadIds>,                       0, nullptr },
-    { "DELtatime", SetTraceDeltaTime,                                                  0, nullptr },
-    { "LEVel",     SetTraceLevel,                                                      0, nullptr },
-    { "CATegory",  SetTraceCategory,                                                   0, nullptr },
-    { nullptr,     nullptr,                                                            0, nullptr },
+    { "ENable",    nullptr,                                                           kFlagEnable,  nullptr },
+    { "DISable",   nullptr,                                                           kFlagDisable, nullptr },
+    { "STDOut",    SetTraceSwitch<tq_TraceEnableSTDOUT, tq_TraceDisableSTDOUT>,       0, nullptr },
+    { "STDErr",    SetTraceSwitch<tq_TraceEnableSTDERR, tq_TraceDisableSTDERR>,       0, nullptr },
+    { "MULticast", SetTraceSwitch<tq_TraceEnableMulticast, tq_TraceDisableMulticast>, 0, nullptr },
+    { "DEVstudio", SetTraceSwitch<tq_TraceEnableDevStudio, tq_TraceDisableDevStudio>, 0, nullptr },
+    { "FILE",      SetTraceFile,                                                      0, nullptr },
+    { "TIMestamp", SetTraceSwitch<ShowTimestamps, HideTimestamps>,                    0, nullptr },
+    { "THReadid",  SetTraceSwitch<ShowThreadIds, HideThreadIds>,                      0, nullptr },
+    { "DELtatime", SetTraceDeltaTime,                                                 0, nullptr },
+    { "LEVel",     SetTraceLevel,                                                     0, nullptr },
+    { "CATegory",  SetTraceCategory,                                                  0, nullptr },
+    { nullptr,     nullptr,                                                           0, nullptr },
 };
 
 constexpr TOKEN_PARSER kSetCommands[] = {
+    { "MEMory",     SetMemory,     0, nullptr },
     { "SEMaphores", SetSemaphores, 0, nullptr },
     { "TRace",      nullptr,       0, kSetTraceCommands },
+    { "HIStory",    SetHistory,    0, nullptr },
     { "?",          SetHelp,       0, nullptr },
     { nullptr,      nullptr,       0, nullptr },
+};
+
+constexpr TOKEN_PARSER kCheckCommands[] = {
+    { "MEMory",  ReportToSession<tq_CheckMemoryPoolsFromTelnet>, 0, nullptr },
+    { "HANdles", ReportToSession<tq_CheckForDuplicateHandles>,   0, nullptr },
+    { nullptr,   nullptr,                                        0, nullptr },
+};
+
+constexpr TOKEN_PARSER kResetCommands[] = {
+    { "HISTogram", ReportToSession<tq_MemoryClearHistogram>, 0, nullptr },
+    { nullptr,     nullptr,                                  0, nullptr },
 };
 
 constexpr TOKEN_PARSER kCloseCommands[] = {
@@ -665,7 +881,10 @@ constexpr TOKEN_PARSER kCloseCommands[] = {
 
 const TOKEN_PARSER kTopCommands[] = {
     { "SHow",      nullptr,     0, kShowCommands },
+    { "SEnd",      SendCustom,  0, nullptr },
     { "SET",       nullptr,     0, kSetCommands },
+    { "CHeck",     nullptr,     0, kCheckCommands },
+    { "REset",     nullptr,     0, kResetCommands },
     { "CLose",     nullptr,     0, kCloseCommands },
     { "RUNscript", RunScript,   0, nullptr },
     { "Echo",      SetEcho,     0, nullptr },

@@ -1,0 +1,532 @@
+#include "tq_Telnet_p.h"
+
+#include <atomic>
+#include <functional>
+#include <list>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "ConsoleFixture.h"
+
+namespace {
+
+using test::Console;
+using test::ConsoleClient;
+
+// Words
+
+struct WordsRow {
+    const char* pszLine;
+    std::vector<std::string> words;
+};
+
+TEST(TelnetWords, AreCutAtBlanksAndQuotes) {
+    const WordsRow rows[] = {
+        {"", {}},
+        {" \t ", {}},
+        {"one", {"one"}},
+        {"  one\ttwo  three ", {"one", "two", "three"}},
+        {"\"one two\" three", {"one two", "three"}},
+        {"\"one\"two", {"one", "two"}},
+        {"\"one two", {"one two"}},
+        {"one\"two three", {"one\"two", "three"}},
+        {"\"\" x", {"", "x"}},
+        {"\"", {""}},
+        {"\"\"\"\"", {"", ""}},
+        {"\xe4\xff \x01", {"\xe4\xff", "\x01"}},
+    };
+    for (const WordsRow& row : rows) {
+        std::string line = row.pszLine;
+        char* pszLine = &line[0];
+        std::vector<std::string> words;
+        while (const char* pszWord = tq_TelnetGetNextToken(&pszLine)) {
+            words.push_back(pszWord);
+        }
+        EXPECT_EQ(row.words, words) << row.pszLine;
+        EXPECT_EQ('\0', *pszLine) << row.pszLine;
+    }
+    EXPECT_EQ(nullptr, tq_TelnetGetNextToken(nullptr));
+    char* pszNone = nullptr;
+    EXPECT_EQ(nullptr, tq_TelnetGetNextToken(&pszNone));
+    EXPECT_EQ(nullptr, tq_NextConsoleWord(&pszNone));
+}
+
+TEST(TelnetWords, TheRestOfTheLineBeginsWithTheNextWord) {
+    char line[] = "send  door   a  b ";
+    char* pszRest = line;
+    EXPECT_STREQ("send", tq_TelnetGetNextToken(&pszRest));
+    EXPECT_STREQ("door   a  b ", pszRest);
+    EXPECT_STREQ("door", tq_NextConsoleWord(&pszRest));
+    EXPECT_STREQ("a  b ", pszRest);
+}
+
+// The parser, with the console's own tables: each command is replaced by one that says which it is
+
+std::string gReached;
+
+constexpr int kMaxRows = 64;
+std::vector<std::string> gNames;
+
+template <int Row>
+FUNCTION_RC Reached(TELNET_INSTANCE*, char* pszArguments, unsigned int uiFlags, char** ppszResponse) {
+    gReached = gNames[Row] + (uiFlags ? " flags " + std::to_string(uiFlags) : "") +
+               (*pszArguments ? " with " + std::string(pszArguments) : "");
+    (void)ppszResponse;
+    return FUNCTION_RC::SUCCESS;
+}
+
+template <int... Rows> PFN_TELNET_COMMAND ReachedOf(int row, std::integer_sequence<int, Rows...>) {
+    static const PFN_TELNET_COMMAND kReached[] = {Reached<Rows>...};
+    return kReached[row];
+}
+
+std::list<std::vector<TOKEN_PARSER>> gTables;
+
+const TOKEN_PARSER* CopyOf(const TOKEN_PARSER* pTable, const std::string& path) {
+    gTables.emplace_back();
+    std::vector<TOKEN_PARSER>& copy = gTables.back();
+    for (; pTable->pszToken; ++pTable) {
+        TOKEN_PARSER row = *pTable;
+        if (row.pfnFunction) {
+            row.pfnFunction = ReachedOf(static_cast<int>(gNames.size()), std::make_integer_sequence<int, kMaxRows>());
+            gNames.push_back(path + row.pszToken);
+        }
+        if (row.pNextTokenStruct) {
+            row.pNextTokenStruct = CopyOf(row.pNextTokenStruct, path + row.pszToken + " ");
+        }
+        copy.push_back(row);
+    }
+    copy.push_back(*pTable);
+    return copy.data();
+}
+
+/// The command that a line leads to, its flags and the rest of the line; empty when it leads to none.
+std::string CommandOf(std::string line) {
+    static const TOKEN_PARSER* pTables = CopyOf(kTopCommands, "");
+    gReached.clear();
+    char* pszResponse = nullptr;
+    const FUNCTION_RC result = ProcessNextToken(nullptr, &line[0], &pszResponse, 0, pTables);
+    EXPECT_EQ(gReached.empty() ? FUNCTION_RC::ERROR : FUNCTION_RC::SUCCESS, result) << line;
+    return gReached;
+}
+
+struct CommandRow {
+    const char* pszLine;
+    const char* pszCommand;
+};
+
+constexpr CommandRow kAbbreviations[] = {
+    {"s", ""},
+    {"sh", ""},
+    {"sh t", "SHow Timers"},
+    {"shO t", "SHow Timers"},
+    {"show t", "SHow Timers"},
+    {"SHOW T", "SHow Timers"},
+    {"shows t", ""},
+    {"se", "SEnd"},
+    {"sen", "SEnd"},
+    {"send", "SEnd"},
+    {"sends", ""},
+    {"set ?", "SET ?"},
+    {"se ?", "SEnd with ?"},
+    {"h", "Help"},
+    {"help", "Help"},
+    {"?", "?"},
+    {"??", ""},
+    {"q", "Quit"},
+    {"quit x", "Quit with x"},
+    {"e", "Echo"},
+    {"ec", "Echo"},
+    {"ex", "EXit"},
+    {"exi", "EXit"},
+    {"ru x", ""},
+    {"run x", "RUNscript with x"},
+    {"runs x", "RUNscript with x"},
+    {"c m", ""},
+    {"ch mem", "CHeck MEMory"},
+    {"ch han", "CHeck HANdles"},
+    {"cl so 1", "CLose SOcket with 1"},
+    {"cl t 1 2", "CLose Timer with 1 2"},
+    {"r hist", ""},
+    {"re hist", "REset HISTogram"},
+    {"re his", ""},
+    {"sh sum", "SHow SUMmary"},
+    {"sh su", ""},
+    {"sh s", ""},
+    {"sh so", "SHow SOckets"},
+    {"sh in", "SHow INterfaces"},
+    {"sh q 5", "SHow Queues with 5"},
+    {"sh l", "SHow Lists"},
+    {"sh hl", "SHow HLists"},
+    {"sh has", "SHow HAShes"},
+    {"sh han", "SHow HANdles"},
+    {"sh ha", ""},
+    {"sh h", ""},
+    {"sh mem", "SHow MEMory"},
+    {"sh me", ""},
+    {"sh mem ?", "SHow MEMory with ?"},
+    {"sh ti", "SHow Timers"},
+    {"sh tic", "SHow TICks"},
+    {"sh th", "SHow THreads"},
+    {"sh thr", "SHow THreads"},
+    {"sh thx", ""},
+    {"sh tr", "SHow TRace"},
+    {"sh sem", "SHow SEMaphores"},
+    {"sh en", "SHow ENdian"},
+    {"sh di", ""},
+    {"sh dir", "SHow DIR"},
+    {"sh up", "SHow UPtime"},
+    {"sh cu", ""},
+    {"sh cur", "SHow CURtime"},
+    {"sh ?", "SHow ?"},
+    {"sh det tr tqos", "SHow TRace flags 1 with tqos"},
+    {"sh det det tr", "SHow TRace flags 1"},
+    {"sh tr det", "SHow TRace with det"},
+    {"sh det", ""},
+    {"det sh tr", ""},
+    {"set mem", "SET MEMory"},
+    {"set sem on", "SET SEMaphores with on"},
+    {"set his x 5", "SET HIStory with x 5"},
+    {"set tr en stdo x", "SET TRace STDOut flags 2 with x"},
+    {"set tr dis stde x", "SET TRace STDErr flags 4 with x"},
+    {"set tr en dis dev x", "SET TRace DEVstudio flags 6 with x"},
+    {"set tr en mul x", "SET TRace MULticast flags 2 with x"},
+    {"set tr en file x", "SET TRace FILE flags 2 with x"},
+    {"set tr en fil x", ""},
+    {"set tr dis tim x", "SET TRace TIMestamp flags 4 with x"},
+    {"set tr dis thr x", "SET TRace THReadid flags 4 with x"},
+    {"set tr en del", "SET TRace DELtatime flags 2"},
+    {"set tr lev 1 x", "SET TRace LEVel with 1 x"},
+    {"set tr cat +1 x", "SET TRace CATegory with +1 x"},
+    {"\"sh\" \"t\"", "SHow Timers"},
+    {"\"sh t\"", ""},
+    {"\"\"", ""},
+    {"sh \"\"", ""},
+    {"", ""},
+};
+
+TEST(TelnetParser, AcceptsWhatHasTheCapitalsOfAKeywordAtLeast) {
+    for (const CommandRow& row : kAbbreviations) {
+        EXPECT_EQ(row.pszCommand, CommandOf(row.pszLine)) << row.pszLine;
+    }
+}
+
+FUNCTION_RC SayFlags(TELNET_INSTANCE*, char*, unsigned int uiFlags, char** ppszResponse) {
+    *ppszResponse = tq_newString(std::to_string(uiFlags).c_str());
+    return FUNCTION_RC::FAILED_LOGIN;
+}
+
+TEST(TelnetParser, PassesOverARowThatLeadsNowhere) {
+    const TOKEN_PARSER table[] = {
+        {"One", nullptr, 0, nullptr},
+        {"Flag", nullptr, 8, nullptr},
+        {"ONce", SayFlags, 0, nullptr},
+        {nullptr, nullptr, 0, nullptr},
+    };
+    char* pszResponse = nullptr;
+    char line[] = "on";
+    EXPECT_EQ(FUNCTION_RC::FAILED_LOGIN, ProcessNextToken(nullptr, line, &pszResponse, 16, table));
+    EXPECT_STREQ("16", pszResponse);
+    tq_free(pszResponse);
+    char flagged[] = "flag once";
+    EXPECT_EQ(FUNCTION_RC::FAILED_LOGIN, ProcessNextToken(nullptr, flagged, &pszResponse, 16, table));
+    EXPECT_STREQ("24", pszResponse);
+    tq_free(pszResponse);
+    char alone[] = "o";
+    EXPECT_EQ(FUNCTION_RC::ERROR, ProcessNextToken(nullptr, alone, &pszResponse, 0, table));
+}
+
+TEST(TelnetParser, EveryKeywordHasCapitalsOrIsAQuestionMark) {
+    std::vector<const TOKEN_PARSER*> tables = {kTopCommands};
+    for (size_t i = 0; i < tables.size(); ++i) {
+        for (const TOKEN_PARSER* pRow = tables[i]; pRow->pszToken; ++pRow) {
+            EXPECT_TRUE(isupper(pRow->pszToken[0]) || std::string("?") == pRow->pszToken) << pRow->pszToken;
+            EXPECT_EQ(1,
+                      (pRow->pfnFunction != nullptr) + (pRow->uiFlagValue != 0) + (pRow->pNextTokenStruct != nullptr));
+            if (pRow->pNextTokenStruct) {
+                tables.push_back(pRow->pNextTokenStruct);
+            }
+        }
+    }
+}
+
+// Commands, in sessions
+
+class CommandSession : public testing::TestWithParam<const char*> {};
+
+TEST_P(CommandSession, RunsAsWritten) {
+    const bool bMemory = std::string(GetParam()) == "memory";
+    Console console(
+        nullptr, bMemory ? "[Memory]\nEnableMemoryPooling=Yes\nEnableMemoryTracking=Yes\nEnableHistogram=Yes\n" : "");
+    test::Values values = console.TheValues();
+    values["directory"] = console.TheLibrary().Path();
+    tq_TimerSet(console.Door().GetHandle(), 1000000, 7, 8, 9, 0, "door closes", false);
+    ConsoleClient client = console.Connect();
+    values["console"] = std::to_string(tq_ConsoleQueueHandle());
+    values["port"] = std::to_string(console.Port());
+    values["self"] = std::to_string(console.SocketOf(client));
+    ASSERT_TRUE(test::WaitUntil([] { return tqOS_uptime() != 0; })); // the clock's first tick
+    test::RunSession(client, test::SessionFile(GetParam()), values);
+}
+
+INSTANTIATE_TEST_SUITE_P(Telnet, CommandSession,
+                         testing::Values("help", "show", "control", "trace", "memory", "lists", "queues", "sockets"),
+                         [](const auto& name) { return std::string(name.param); });
+
+TEST(TelnetCommands, TheScriptHelpIsTheGeneralOnesPartOfIt) {
+    Console console;
+    ConsoleClient client = console.Connect();
+    TELNET_INSTANCE session = {};
+    session.socket = console.SocketOf(client);
+    char noArguments[] = "";
+    EXPECT_EQ(FUNCTION_RC::SUCCESS, tq_TelnetScriptHelp(&session, noArguments, 0, nullptr));
+    EXPECT_TRUE(client.Expect("Command Summary:\r\n  [] optional parameter      <> required parameter\r\n"
+                              "  a | b - either a or b may be supplied\r\n"
+                              "  short names in CAPS (eg \"sh\" for \"SHow\" or \"q\" for \"Quit\"\r\n\r\n"
+                              "  REset HISTogram - Resets memory allocation histogram data (if enabled).\r\n\r\n"
+                              "  CLose\r\n    SOcket <socket handle> - Closes the specified socket instance.\r\n"
+                              "    Timer <MsgQ> <instance> [userparm=0] [flags=0]\r\n"
+                              "         - Kills the associated timer (all parms must match).\r\n\r\n"
+                              "  RUNscript <script file>\r\n"
+                              "         - Runs the telnet interpreter on the contents of <script file>.\r\n\r\n"
+                              "\r\n"));
+}
+
+TEST(TelnetCommands, ADirectoryThatIsTooLongIsNotShown) {
+    Console console;
+    ConsoleClient client = console.Connect();
+    const std::string name(100, 'd');
+    for (int i = 0; i < 3; ++i) {
+        ASSERT_EQ(0, mkdir(name.c_str(), 0700));
+        ASSERT_EQ(0, chdir(name.c_str()));
+    }
+    client.Send("sh dir\r");
+    EXPECT_TRUE(client.Expect("sh dir\r\nFailed to acquire the current working directory.\r\n>"));
+}
+
+TEST(TelnetCommands, TraceGoesToTheFileThatIsNamed) {
+    Console console(nullptr, "[Trace]\nDefaultLevel=Warning\n");
+    ConsoleClient client = console.Connect();
+    client.Send("set tr en file tqos \"my trace.log\" 0 0\r");
+    client.ReadTo("tqos\r\n\r\n\r\n>");
+    tq_Trace(tq_TraceGetHandleFromName("tqos"), TQ_TRACE_LEVEL_CRITICAL, 1, false, "a line %d\n", 5);
+    client.Send("set tr dis file tqos\r");
+    client.ReadTo("tqos\r\n\r\n\r\n>");
+    EXPECT_NE(std::string::npos, test::ReadFile("my trace.log").find("(tqos) CRT: a line 5\n"));
+}
+
+TEST(TelnetCommands, TimestampsAndThreadIdsComeAndGo) {
+    Console console(nullptr, "[Trace]\nDefaultLevel=Warning\n");
+    ConsoleClient client = console.Connect();
+    const unsigned int hTrace = tq_TraceInitInstance("mine");
+    const auto lineAfter = [&](const std::string& command) {
+        client.Send(command + " mine\r");
+        client.ReadTo("mine\r\n\r\n\r\n>");
+        tq_TraceEnableFile(hTrace, "mine.log", 0, 0);
+        tq_Trace(hTrace, TQ_TRACE_LEVEL_CRITICAL, 1, true, "line\n");
+        tq_TraceDisableFile(hTrace);
+        return test::ReadFile("mine.log");
+    };
+    EXPECT_EQ('[', lineAfter("set tr dis tim")[0]);
+    EXPECT_NE('[', lineAfter("set tr en tim")[0]);
+    EXPECT_NE(std::string::npos, lineAfter("set tr en thr").find("TID:"));
+    EXPECT_EQ(std::string::npos, lineAfter("set tr dis thr").find("TID:"));
+}
+
+TEST(TelnetCommands, TheInterfacesAreThoseOfTheMachine) {
+    Console console;
+    ConsoleClient client = console.Connect();
+    char* pszReport = nullptr;
+    tq_SocketShowInterfaces(&pszReport);
+    ASSERT_NE(nullptr, pszReport);
+    client.Send("sh in\r");
+    EXPECT_TRUE(client.Expect("sh in\r\n\r\n" + std::string(pszReport) + "\r\n\r\n>"));
+    tq_free(pszReport);
+}
+
+// What is deliberately not as one would expect
+
+/// What a line is answered with, the echo and the last prompt included.
+std::string Ask(ConsoleClient& client, const std::string& line) {
+    client.Send(line + "\r");
+    return client.ReadTo("\r\n>");
+}
+
+TEST(TelnetCommands, AnyWordThatBeginsLikeALevelCounts) {
+    Console console;
+    ConsoleClient client = console.Connect();
+    const unsigned int hTrace = tq_TraceInitInstance("mine");
+    const std::pair<const char*, int> rows[] = {{"debugging", TQ_TRACE_LEVEL_DEBUG},
+                                                {"SEVen", TQ_TRACE_LEVEL_SEVERE},
+                                                {"nobody", TQ_TRACE_LEVEL_NONE},
+                                                {"lowest", TQ_TRACE_LEVEL_DEBUG_LOW},
+                                                {"alligator", TQ_TRACE_LEVEL_ALL}};
+    for (const auto& row : rows) {
+        Ask(client, std::string("set tr lev ") + row.first + " mine");
+        EXPECT_EQ(row.second, tq_TraceGetLevel(hTrace)) << row.first;
+    }
+}
+
+TEST(TelnetCommands, ALevelForANumberThatIsNoInstanceIsAnswered) {
+    Console console;
+    ConsoleClient client = console.Connect();
+    EXPECT_NE(std::string::npos, Ask(client, "set tr lev 10000 4000").find("Warning"));
+    EXPECT_NE(std::string::npos, Ask(client, "set tr cat 1 4000").find("Syntax error."));
+}
+
+TEST(TelnetCommands, AWordThatIsNoCategoryCountsAsZero) {
+    Console console;
+    ConsoleClient client = console.Connect();
+    const unsigned int hTrace = tq_TraceInitInstance("mine");
+    tq_TraceSetCategoryName(hTrace, 4, "Doors");
+    Ask(client, "set tr cat doors mine");
+    EXPECT_EQ(4, tq_TraceGetCatMask(hTrace));
+    Ask(client, "set tr cat windows mine");
+    EXPECT_EQ(0, tq_TraceGetCatMask(hTrace));
+}
+
+TEST(TelnetCommands, SortWordsAreComparedOverFiveCharacters) {
+    Console console;
+    ConsoleClient client = console.Connect();
+    for (const char* pszWord : {"coun", "maxc", "nam", "names", "hand", "--count", "-", ""}) {
+        EXPECT_NE(std::string::npos, Ask(client, std::string("sh l sort=") + pszWord).find("Syntax error.")) << pszWord;
+    }
+    for (const char* pszWord : {"count", "counted", "maxco", "name", "handl", "-count", "-name", "-handles"}) {
+        ConsoleClient other = console.Connect(); // the report comes behind the prompt
+        const std::string line = std::string("sh l max=1 sort=") + pszWord;
+        other.Send(line + "\r");
+        EXPECT_TRUE(other.Expect(line + "\r\n>Index Handle")) << pszWord;
+    }
+}
+
+TEST(TelnetCommands, TheMillisecondIsSpeltAsItAlwaysWas) {
+    Console console;
+    ConsoleClient client = console.Connect();
+    EXPECT_NE(std::string::npos, Ask(client, "sh cur").find("Current System milliseond time: "));
+}
+
+// Reports while the device works
+
+/// Runs a step over and over until it is told to stop.
+class Busy {
+public:
+    Busy(std::atomic<bool>& stop, std::function<void()> step)
+        : m_thread([&stop, step] {
+              while (!stop) {
+                  step();
+              }
+          }) {}
+    ~Busy() { m_thread.join(); }
+
+private:
+    std::thread m_thread;
+};
+
+void RunEveryReport(ConsoleClient& client, unsigned int door) {
+    const std::string handle = std::to_string(door);
+    int mark = 0;
+    const std::vector<std::string> commands = {"sh sum",
+                                               "sh det sum",
+                                               "sh so",
+                                               "sh det so " + handle,
+                                               "sh in",
+                                               "sh q",
+                                               "sh det q " + handle,
+                                               "sh l",
+                                               "sh l sort=-maxcount",
+                                               "sh l sort=name -tqos",
+                                               "sh hl",
+                                               "sh has 1",
+                                               "sh mem",
+                                               "sh mem pool=1",
+                                               "sh det mem group=-bytes",
+                                               "sh det mem size=28",
+                                               "sh mem histogram",
+                                               "sh mem histogram format=ini",
+                                               "sh t",
+                                               "sh th",
+                                               "sh sem",
+                                               "sh han",
+                                               "sh tr",
+                                               "sh det tr tqos",
+                                               "ch mem",
+                                               "ch han",
+                                               "set mem",
+                                               "re hist",
+                                               "set his door 10",
+                                               "send door " + std::string(500, 'x')};
+    for (const std::string& command : commands) {
+        const std::string end = "mark" + std::to_string(++mark);
+        client.Send(command + "\r" + end + "\r");
+        client.ReadTo("Syntax error.\r\n\r\n>");
+    }
+}
+
+TEST(TelnetCommands, EveryReportHoldsWhileTheDeviceWorks) {
+    Console console(nullptr, "[Memory]\nEnableMemoryPooling=Yes\nEnableMemoryTracking=Yes\nEnableHistogram=Yes\n"
+                             "[Sem]\nTracking=Yes\n[MsgQ]\nDefaultHistory=20\n");
+    const unsigned int door = console.Door().GetHandle();
+    std::atomic<bool> stop{false};
+    {
+        Busy sending(stop, [door] {
+            tq_MsgCreateCommonAndSend(0, door, MSG_USER, 1, 2, 3, false, 1);
+            tq_MsgCreateCommonAndSend(0, door, MSG_USER, 1, 2, 3, true, 3);
+            std::this_thread::yield();
+        });
+        Busy timing(stop, [door] {
+            for (unsigned int instance = 100; instance < 110; ++instance) {
+                tq_TimerSet(door, 10 + instance, instance, 0, 0, instance % 2, "busy", true);
+            }
+            for (unsigned int instance = 100; instance < 110; ++instance) {
+                tq_TimerKill(door, instance, 0, 0);
+            }
+        });
+        Busy opening(stop, [door] {
+            const unsigned int socket = tq_SocketOpenUDP(door, test::Loopback(), 9, 0, test::Loopback(), 0);
+            tq_SocketSetName(socket, "a name that is longer than the column of the report that shows it");
+            tq_SocketClose(socket);
+        });
+        Busy listing(stop, [] {
+            tq_List list(LIST_FLAGS_SORT_ASCENDING, LIST_TYPE_U32BITS, 0,
+                         "a list with a name that is longer than the column of the report that shows it");
+            unsigned int keys[20];
+            for (unsigned int i = 0; i < 20; ++i) {
+                keys[i] = i;
+                list.AddNode(&keys[i]);
+            }
+            while (list.RemoveHead()) {
+            }
+        });
+        Busy queueing(stop, [] {
+            test::AnsweringQueue queue("a queue with a name that is longer than the column of the report");
+            tq_MsgCreateCommonAndSend(0, queue.GetHandle(), MSG_USER, 0, 0, 0, false, 2);
+        });
+        {
+            std::vector<ConsoleClient> clients;
+            std::vector<std::thread> sessions;
+            for (int i = 0; i < 3; ++i) {
+                clients.push_back(console.Connect());
+            }
+            for (ConsoleClient& client : clients) {
+                sessions.emplace_back([&client, door] {
+                    for (int round = 0; round < 3; ++round) {
+                        RunEveryReport(client, door);
+                    }
+                });
+            }
+            for (std::thread& session : sessions) {
+                session.join();
+            }
+            for (ConsoleClient& client : clients) {
+                client.Send("quit\r");
+                test::ReadToEnd(client.Descriptor());
+            }
+        }
+        stop = true;
+    }
+}
+
+} // namespace
