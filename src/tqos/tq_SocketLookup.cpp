@@ -150,7 +150,9 @@ SrvIter::SrvIter(const char* pszQuery) {
 }
 
 SrvIter::SrvIter(const void* pAnswer, unsigned int length) {
-    memcpy(answer, pAnswer, length < sizeof(answer) ? length : sizeof(answer));
+    if (length > 0) { // of nothing there may be no address either
+        memcpy(answer, pAnswer, length < sizeof(answer) ? length : sizeof(answer));
+    }
     Begin(static_cast<int>(length < INT32_MAX ? length : INT32_MAX));
 }
 
