@@ -6,6 +6,7 @@
 #include <atomic>
 #include <errno.h>
 #include <map>
+#include <mutex>
 #include <netdb.h>
 #include <resolv.h>
 #include <stdlib.h>
@@ -112,7 +113,6 @@ public:
         _res.nsaddr_list[0] = m_previous;
     }
 
-    /// Before the first lookup.
     void AddHost(const std::string& name, const Strings& addresses) {
         for (const std::string& address : addresses) {
             Add(name, kTypeA, Record(Name(name), kTypeA, 5, U32(ntohl(inet_addr(address.c_str())))));
@@ -125,6 +125,7 @@ public:
 
 private:
     void Add(const std::string& name, unsigned int type, const std::string& record) {
+        const std::lock_guard<std::mutex> lock(m_mutex);
         m_records[Name(name) + U16(type) + U16(1)].push_back(record);
     }
 
@@ -147,7 +148,8 @@ private:
         }
     }
 
-    std::string Reply(const std::string& query) const {
+    std::string Reply(const std::string& query) {
+        const std::lock_guard<std::mutex> lock(m_mutex);
         const size_t nameEnd = query.find('\0', kDnsHeaderBytes);
         const std::string question = query.substr(kDnsHeaderBytes, nameEnd + 5 - kDnsHeaderBytes);
         const auto found = m_records.find(question);
@@ -163,6 +165,7 @@ private:
 
     Fd m_socket;
     struct sockaddr_in m_previous;
+    std::mutex m_mutex;
     std::map<std::string, Strings> m_records; ///< by question
     std::atomic<bool> m_bStop{false};
     std::atomic<unsigned int> m_queries{0};

@@ -323,6 +323,9 @@ TEST(SocketReport, LongNamesAreShownWhole) {
 TEST(SocketReport, WithoutMemoryThereIsNoReport) {
     Library library("[Memory]\nEnableMemoryTracking=yes\n");
     ASSERT_EQ(0u, tq_SocketInitialize());
+    tq_SocketStopWorkerThread(); // which allocates too
+    tq_ListLock lock(pListOfSockets);
+    ForeignRecord record(SOCKET_TYPE_TCP, SOCKET_STATE_CLOSED);
     gMemoryCapInBytes = 1;
     const Report report = Show(kSummary);
     gMemoryCapInBytes = 0;
