@@ -734,7 +734,7 @@ TEST(Timer, NothingIsLeftOfTimersThatTheStopFindsArmed) {
     test::Library library(kTracking);
     const auto bytes = [] {
         tq_ThreadWaitForEndingThreads();
-        return gRequestedMemoryAllocations;
+        return gRequestedMemoryAllocations.load();
     };
     ASSERT_EQ(0u, tq_TimerInitialize());
     tq_TimerTerminate();

@@ -22,7 +22,7 @@ unsigned int gMemoryAlignment = 0;
 unsigned int gMemoryAlignmentUnit = 0;
 unsigned int gMemoryAlignmentMask = 0;
 bool gbMemoryAlignmentCheck = false;
-unsigned int gMemoryCapInBytes = 0;
+std::atomic<unsigned int> gMemoryCapInBytes{0};
 bool gbUseMemoryHistogram = false;
 unsigned int gMemoryHistogramMaxSize = 0;
 unsigned int gTotalMemoryHeader = 0;
@@ -33,10 +33,10 @@ bool gbTelnetShowMemoryCalled = false;
 // State
 
 myCritSec MemoryTrackingCritSec;
-unsigned int gRequestedMemoryAllocations = 0;
-unsigned int gTotalMemoryAllocations = 0;
-unsigned int gMaxRequestedMemoryAllocations = 0;
-unsigned int gMaxTotalMemoryAllocations = 0;
+std::atomic<unsigned int> gRequestedMemoryAllocations{0};
+std::atomic<unsigned int> gTotalMemoryAllocations{0};
+std::atomic<unsigned int> gMaxRequestedMemoryAllocations{0};
+std::atomic<unsigned int> gMaxTotalMemoryAllocations{0};
 unsigned int* gpMemoryHistogram = nullptr;
 unsigned int* gpMemoryHistogramMax = nullptr;
 
@@ -54,7 +54,6 @@ const tq_IniSwitch kLayoutKeys[] = {
     {"EnableMemoryPooling", false, &gbUseMemoryPooling},
 };
 const tq_IniSwitch kAlignmentCheckKeys[] = {{"MemoryAlignmentCheck", false, &gbMemoryAlignmentCheck}};
-const tq_IniInteger kCapKeys[] = {{"MemoryCapInBytes", 0, &gMemoryCapInBytes}};
 const tq_IniSwitch kHistogramKeys[] = {{"EnableHistogram", false, &gbUseMemoryHistogram}};
 const tq_IniInteger kHistogramSizeKeys[] = {{"HistogramMaxSize", 512000, &gMemoryHistogramMaxSize}};
 
@@ -124,7 +123,7 @@ void ReportCorruption(const Message& message) {
 [[gnu::cold, gnu::noinline]] void ReportCapReached(unsigned int size, const CallSite& site, int level) {
     Message message;
     message.Append("Exceeded defined memory cap of %u bytes\n    size: %u bytes from:\n    line %u in file: %s\n",
-                   gMemoryCapInBytes, size, site.line, NameOrUnknown(site.pszFilename));
+                   gMemoryCapInBytes.load(), size, site.line, NameOrUnknown(site.pszFilename));
     LogCriticalError(message.Text(), false, level, kCategoryMemory);
 }
 
@@ -242,21 +241,29 @@ void ClearStrayMarks(char* pHeap, unsigned int prefixBytes) {
 
 // Counting
 
-/// Counts bytes that are now in use; MemoryTrackingCritSec is held.
-void CountBytesLocked(unsigned int requested, unsigned int allocated) {
-    gRequestedMemoryAllocations += requested;
-    if (gRequestedMemoryAllocations > gMaxRequestedMemoryAllocations) {
-        gMaxRequestedMemoryAllocations = gRequestedMemoryAllocations;
-    }
-    gTotalMemoryAllocations += allocated;
-    if (gTotalMemoryAllocations > gMaxTotalMemoryAllocations) {
-        gMaxTotalMemoryAllocations = gTotalMemoryAllocations;
+/// A counter has one writer at a time, the holder of MemoryTrackingCritSec, so no addition has to be one step.
+void AddLocked(std::atomic<unsigned int>& counter, unsigned int difference) {
+    counter.store(counter.load(std::memory_order_relaxed) + difference, std::memory_order_relaxed);
+}
+
+void RaiseLocked(std::atomic<unsigned int>& most, const std::atomic<unsigned int>& counter) {
+    const unsigned int now = counter.load(std::memory_order_relaxed);
+    if (now > most.load(std::memory_order_relaxed)) {
+        most.store(now, std::memory_order_relaxed);
     }
 }
 
+/// Counts bytes that are now in use; MemoryTrackingCritSec is held.
+void CountBytesLocked(unsigned int requested, unsigned int allocated) {
+    AddLocked(gRequestedMemoryAllocations, requested);
+    RaiseLocked(gMaxRequestedMemoryAllocations, gRequestedMemoryAllocations);
+    AddLocked(gTotalMemoryAllocations, allocated);
+    RaiseLocked(gMaxTotalMemoryAllocations, gTotalMemoryAllocations);
+}
+
 void UncountBytesLocked(unsigned int requested, unsigned int allocated) {
-    gRequestedMemoryAllocations -= requested;
-    gTotalMemoryAllocations -= allocated;
+    AddLocked(gRequestedMemoryAllocations, 0 - requested);
+    AddLocked(gTotalMemoryAllocations, 0 - allocated);
 }
 
 /// The size comes from a header, which may have been run over.
@@ -265,11 +272,12 @@ bool IsInHistogramLocked(unsigned int size) {
 }
 
 bool IsUnderCap(unsigned int size) {
-    if (gMemoryCapInBytes == 0) {
+    const unsigned int cap = gMemoryCapInBytes.load(std::memory_order_relaxed);
+    if (cap == 0) {
         return true;
     }
     myCritSecLock lock(MemoryTrackingCritSec);
-    return static_cast<unsigned long long>(gRequestedMemoryAllocations) + size <= gMemoryCapInBytes;
+    return static_cast<unsigned long long>(gRequestedMemoryAllocations) + size <= cap;
 }
 
 void CountNewBlock(unsigned int size, unsigned int allocated) {
@@ -828,7 +836,8 @@ void ReadINIFile() {
         tq_ReadIniTable(kSection, kAlignmentCheckKeys);
     }
     if (gbUseMemoryTracking) {
-        tq_ReadIniTable(kSection, kCapKeys);
+        gMemoryCapInBytes =
+            static_cast<unsigned int>(tq_GetINIFileInt(kSection, "MemoryCapInBytes", 0, psz_tqos_ini_file));
         tq_ReadIniTable(kSection, kHistogramKeys);
     }
     if (gbUseMemoryHistogram) {

@@ -133,7 +133,7 @@ extern unsigned int gMemoryAlignment;     ///< as configured, 0 for none
 extern unsigned int gMemoryAlignmentUnit; ///< what is kept: a multiple of gMemoryAlignment and kMemoryUserAlignment
 extern unsigned int gMemoryAlignmentMask; ///< the unit less 1 when that is a power of two, otherwise 0
 extern bool gbMemoryAlignmentCheck;
-extern unsigned int gMemoryCapInBytes; ///< 0: no cap
+extern std::atomic<unsigned int> gMemoryCapInBytes; ///< 0: no cap; read by every allocation
 extern bool gbUseMemoryHistogram;
 extern unsigned int gMemoryHistogramMaxSize;
 extern unsigned int gTotalMemoryHeader;   ///< from the block to the user data
@@ -142,12 +142,12 @@ extern unsigned int gTotalMemoryOverhead; ///< the block less the user data
 /// False from initialisation until the first memory report, whose changes then count from 0.
 extern bool gbTelnetShowMemoryCalled;
 
-// Guarded by MemoryTrackingCritSec; kept only while tracking.
+// Guarded by MemoryTrackingCritSec; kept only while tracking. A single counter may be read without the lock.
 extern myCritSec MemoryTrackingCritSec;
-extern unsigned int gRequestedMemoryAllocations;    ///< bytes that callers asked for and have not freed
-extern unsigned int gTotalMemoryAllocations;        ///< bytes taken for them, overhead included
-extern unsigned int gMaxRequestedMemoryAllocations; ///< high-water marks
-extern unsigned int gMaxTotalMemoryAllocations;
+extern std::atomic<unsigned int> gRequestedMemoryAllocations;    ///< bytes that callers asked for and have not freed
+extern std::atomic<unsigned int> gTotalMemoryAllocations;        ///< bytes taken for them, overhead included
+extern std::atomic<unsigned int> gMaxRequestedMemoryAllocations; ///< high-water marks
+extern std::atomic<unsigned int> gMaxTotalMemoryAllocations;
 extern unsigned int* gpMemoryHistogram;    ///< live blocks by size (entry 0: 1 byte); null while there is no histogram
 extern unsigned int* gpMemoryHistogramMax; ///< the most there ever were of each
 
