@@ -11,10 +11,10 @@
 #include <gtest/gtest.h>
 
 #include "ConsoleSession.h"
+#include "MemoryCap.h"
 #include "TestSupport.h"
 #include "tq_Handle_p.h"
 #include "tq_List_p.h"
-#include "tq_Memory_p.h"
 #include "tqos.h"
 
 namespace {
@@ -35,12 +35,12 @@ struct ShowLists {
 
 class ListReport : public testing::Test {
 protected:
-    test::Library m_library{"[Memory]\nEnableMemoryTracking=yes\n"};
+    explicit ListReport(const std::string& ini = "[Memory]\nEnableMemoryTracking=yes\n") : m_library(ini) {}
+
+    test::Library m_library;
     test::ConsoleSession m_session;
     std::vector<std::unique_ptr<tq_List>> m_lists;
     int m_node = 0;
-
-    void TearDown() override { gMemoryCapInBytes = 0; }
 
     /// A list of a given handle, so that the report's text is known whole.
     tq_List* Make(const char* pszName, int handle, unsigned int nodes = 0, unsigned int most = 0) {
@@ -78,6 +78,12 @@ protected:
         }
         return names;
     }
+};
+
+/// The same with a library whose memory can be made short.
+class CappedListReport : public ListReport {
+protected:
+    CappedListReport() : ListReport(test::kCapped) {}
 };
 
 std::string Row(unsigned int number, unsigned int handle, unsigned int nodes, unsigned int most, unsigned int hashes,
@@ -210,19 +216,18 @@ TEST_F(ListReport, NamesLongerThanTheirColumnAreShownWhole) {
     EXPECT_EQ(Row(1, 900001, 0, 0, 0, name), Show({"Probe", 1, 1, false, 4})[2]);
 }
 
-TEST_F(ListReport, WithoutMemoryTheReportEndsWhereItIs) {
-#ifdef __SANITIZE_THREAD__
-    GTEST_SKIP() << "the test itself changes the memory cap while the console's thread runs";
-#endif
+TEST_F(CappedListReport, WithoutMemoryTheReportEndsWhereItIs) {
     for (int i = 0; i < 45; ++i) {
         Make("Probe", 900045 - i);
     }
-    gMemoryCapInBytes = 1;
     char* pszResponse = nullptr;
-    tq_ListShowLists(m_session.Instance(), &pszResponse, 0, 0, "Probe", false, 0, false);
-    tq_ListShowLists(m_session.Instance(), &pszResponse, 0, 0, "Probe", false, 1, false);
-    tq_ListShowLists(m_session.Instance(), nullptr, 0, 0, "Probe", false, 0, false);
-    gMemoryCapInBytes = 0;
+    ASSERT_TRUE(test::WaitUntilOthersSleep());
+    {
+        const test::Cap cap(0); // every allocation is refused
+        tq_ListShowLists(m_session.Instance(), &pszResponse, 0, 0, "Probe", false, 0, false);
+        tq_ListShowLists(m_session.Instance(), &pszResponse, 0, 0, "Probe", false, 1, false);
+        tq_ListShowLists(m_session.Instance(), nullptr, 0, 0, "Probe", false, 0, false);
+    }
     EXPECT_EQ(nullptr, pszResponse);
     EXPECT_EQ(Responses{}, m_session.ResponsesTo([](unsigned int) {}));
     EXPECT_EQ(3u, Show().size());
@@ -411,12 +416,9 @@ TEST_F(ListReport, EveryLineOfTheSummaryIsAboutTheFirstHash) {
               m_session.ResponsesTo([](unsigned int instance) { tq_ListShowHashes(900001, 2, instance, 1); }));
 }
 
-TEST_F(ListReport, WithoutMemoryForTheCountsNothingIsSaid) {
-#ifdef __SANITIZE_THREAD__
-    GTEST_SKIP() << "the test itself changes the memory cap while the console's thread runs";
-#endif
+TEST_F(CappedListReport, WithoutMemoryForTheCountsNothingIsSaid) {
     Make("Probe", 900001)->HashCreate(LIST_TYPE_U32BITS, 0, 100000, nullptr, nullptr);
-    gMemoryCapInBytes = gRequestedMemoryAllocations + 100000;
+    const test::Cap cap(100000); // the counts take 400000; the console has to say that it was asked for no more
     EXPECT_EQ(Responses{}, m_session.ResponsesTo([](unsigned int instance) {
         tq_ListShowHashes(900001, 1, instance, 1);
         tq_ListShowHashes(900001, 0, instance, 0);

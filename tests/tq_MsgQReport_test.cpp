@@ -15,8 +15,8 @@
 #include <gtest/gtest.h>
 
 #include "ConsoleSession.h"
+#include "MemoryCap.h"
 #include "TestSupport.h"
-#include "tq_Memory_p.h"
 #include "tqos.h"
 
 namespace {
@@ -328,16 +328,12 @@ TEST(QueueTable, NamesLongerThanTheirColumnsAreShownWhole) {
 }
 
 TEST(QueueTable, WithoutMemoryThereIsNone) {
-#ifdef __SANITIZE_THREAD__
-    GTEST_SKIP() << "the test itself changes the memory cap while the console's thread runs";
-#endif
-    test::Library library("[Memory]\nEnableMemoryTracking=yes\n");
+    test::Library library(test::kCapped);
     CountingQueue queue;
     queue.CreateAndWait();
-    gMemoryCapInBytes = 1;
-    const std::string text = Summary();
-    gMemoryCapInBytes = 0;
-    EXPECT_EQ("(null)", text);
+    ASSERT_TRUE(test::WaitUntilOthersSleep());
+    const test::Cap cap(0); // every allocation is refused
+    EXPECT_EQ("(null)", Summary());
 }
 
 // One queue
@@ -512,18 +508,16 @@ TEST(QueueRegistry, AQueueIsFoundByItsHandleAmongOthersOfTheSameBucket) {
 }
 
 TEST(QueueRegistry, AQueueIsNotCreatedWithoutMemoryForAnyPartOfItsEntry) {
-#ifdef __SANITIZE_THREAD__
-    GTEST_SKIP() << "the test itself changes the memory cap while the console's thread runs";
-#endif
-    test::Library library("[Memory]\nEnableMemoryTracking=yes\n");
+    test::Library library(test::kCapped);
     CountingQueue first;
     first.CreateAndWait();
     bool bCreated = false;
     for (unsigned int bytes = 0; !bCreated && bytes < 4096; bytes += 8) {
         CountingQueue queue;
-        gMemoryCapInBytes = gRequestedMemoryAllocations + bytes;
-        queue.Create(0);
-        gMemoryCapInBytes = 0;
+        {
+            const test::Cap cap(bytes);
+            queue.Create(0);
+        }
         const unsigned int handle = queue.GetHandle();
         bCreated = handle != 0;
         const tq_ListLock held(gpListOfQs);
@@ -534,20 +528,18 @@ TEST(QueueRegistry, AQueueIsNotCreatedWithoutMemoryForAnyPartOfItsEntry) {
 }
 
 TEST(QueueRegistry, WithoutMemoryForTheRegistryOrItsHashThereIsNone) {
-#ifdef __SANITIZE_THREAD__
-    GTEST_SKIP() << "the test itself changes the memory cap while the console's thread runs";
-#endif
-    test::Library library("[Memory]\nEnableMemoryTracking=yes\n");
+    test::Library library(test::kCapped);
     tq_MsgQRegistryClose();
-    const unsigned int before = gRequestedMemoryAllocations;
+    const unsigned int before = test::AllocatedBytes();
     bool bOpen = false;
     unsigned int refused = 0;
     for (unsigned int bytes = 0; !bOpen && bytes < 0x100000; bytes += bytes < 1024 ? 32 : 2048) {
-        gMemoryCapInBytes = before + bytes;
-        bOpen = tq_MsgQRegistryOpen();
-        gMemoryCapInBytes = 0;
+        {
+            const test::Cap cap(bytes);
+            bOpen = tq_MsgQRegistryOpen();
+        }
         ASSERT_EQ(bOpen, gpListOfQs != nullptr);
-        ASSERT_TRUE(bOpen || gRequestedMemoryAllocations == before);
+        ASSERT_TRUE(bOpen || test::AllocatedBytes() == before);
         refused += bOpen ? 0 : 1;
     }
     EXPECT_TRUE(bOpen);

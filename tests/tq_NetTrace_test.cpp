@@ -18,6 +18,7 @@
 
 #include <gtest/gtest.h>
 
+#include "MemoryCap.h"
 #include "SocketPeers.h"
 #include "TestSupport.h"
 #include "tq_Base.h"
@@ -30,8 +31,11 @@
 
 namespace {
 
+using test::AllocatedBytes;
+using test::Cap;
 using test::CountOf;
 using test::Fd;
+using test::kCapped;
 using test::Library;
 using test::WaitReadable;
 using test::WaitUntil;
@@ -118,33 +122,6 @@ void Forge(unsigned int hSocket, const std::string& bytes, unsigned int ip, unsi
 void Line(unsigned int handle, const std::string& text) {
     tq_Trace(handle, TQ_TRACE_LEVEL_WARNING, 1, true, "%s", text.c_str());
 }
-
-// Tracked memory; other threads allocate meanwhile
-
-unsigned int AllocatedBytes() {
-    myCritSecLock lock(MemoryTrackingCritSec);
-    return gRequestedMemoryAllocations;
-}
-
-/// What a library is to be started with where a test uses Cap.
-constexpr unsigned int kCappedBytes = 4u << 20;
-const std::string kCapped =
-    "[Memory]\nEnableMemoryTracking=yes\nMemoryCapInBytes=" + std::to_string(kCappedBytes) + "\n";
-
-/// Leaves tracked memory so many bytes while the object lives. The cap itself stands from the start: it is read by all
-/// threads, and no change of it would be seen by them in order.
-class Cap {
-public:
-    explicit Cap(unsigned int room) : m_pBallast(tq_malloc(kCappedBytes - AllocatedBytes() - room)) {
-        EXPECT_NE(nullptr, m_pBallast);
-    }
-    ~Cap() { tq_free(m_pBallast); }
-    Cap(const Cap&) = delete;
-    Cap& operator=(const Cap&) = delete;
-
-private:
-    void* m_pBallast;
-};
 
 // Viewers
 
