@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <atomic>
 #include <functional>
+#include <future>
 #include <memory>
 #include <new>
 #include <random>
@@ -14,6 +15,7 @@
 
 #include <gtest/gtest.h>
 
+#include "MemoryCap.h"
 #include "TestSupport.h"
 #include "tq_Handle_p.h"
 #include "tq_HeldLocks_p.h"
@@ -1535,6 +1537,29 @@ TEST_F(List, AListWithoutAHandleGivesNoneBack) {
     EXPECT_EQ(inUse, gAllocatedHandles);
     for (unsigned int handle : handles) {
         tq_HandleRelease(handle);
+    }
+}
+
+TEST_F(List, AHandleIsTakenAndGivenBackWithoutTheRegistrysSection) {
+    std::unique_ptr<tq_List> list;
+    const std::function<void()> steps[] = {[&list] { list = std::make_unique<tq_List>("made and unmade"); },
+                                           [&list] { list.reset(); }};
+    for (const std::function<void()>& step : steps) {
+        std::promise<void> held;
+        std::promise<void> letGo;
+        std::thread holder([&held, &letGo] {
+            const tq_ListLock lock(gpHandleList);
+            held.set_value();
+            letGo.get_future().wait();
+        });
+        held.get_future().wait();
+        std::thread waiter(step); // for its handle, or to give it back
+        EXPECT_TRUE(test::WaitUntilOthersSleep());
+        std::future<void> entered = std::async(std::launch::async, [] { tq_CritSecLock lock(gpListOfListsCritSec); });
+        EXPECT_EQ(std::future_status::ready, entered.wait_for(std::chrono::seconds(30)));
+        letGo.set_value();
+        holder.join();
+        waiter.join();
     }
 }
 
