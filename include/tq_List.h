@@ -84,9 +84,8 @@ TQ_API char* tq_stristr(const char* string, const char* strSearch);
 
 /// Reports the lists of the process to a console session: handle, nodes now and at most, hashes and name of each.
 /// @param instance         the session
-/// @param pszResponse      set to null, or to "No Lists currently exist...", which the caller frees with tq_free; may
-/// be
-///                         null
+/// @param pszResponse      set to null, or to "No Lists currently exist...", which the caller frees with tq_free. May
+///                         itself be null
 /// @param StartingIndex    number of the first row shown, from 1 (0: 1)
 /// @param Max              rows shown at most; 0, or more than there are lists: all
 /// @param pszSearchString  only lists whose name contains it, upper and lower case the same; beginning with "-", only
@@ -104,8 +103,7 @@ TQ_API void tq_ListShowLists(unsigned int instance, char** pszResponse, unsigned
 /// @param ListHandle  the list's handle, as tq_ListShowLists() shows it
 /// @param HashHandle  the hash instance, from 1, for details; not used otherwise
 /// @param instance    the session
-/// @param uiFlags     0: for each hash a line of the largest and the smallest buckets, all of them about the first
-/// hash;
+/// @param uiFlags     0: for each hash a line of the largest and the smallest buckets, all of them about the first one;
 ///                    else every bucket of one hash
 /// What cannot be reported is answered with a line that says why; without memory nothing is.
 /// Threads: any, with no lock of the library held.
@@ -330,9 +328,8 @@ public:
     /// @param type       LIST_TYPE_ of the key
     /// @param offset     where the key lies, in bytes
     /// @param hashRange  number of buckets
-    /// @return the bucket, below hashRange; 0 when hashRange is below 1, `data` is null, the text is null or the type
-    /// is
-    ///         LIST_TYPE_CUSTOM or unknown
+    /// @return the bucket, below hashRange; 0 when hashRange is below 1, `data` is null, the text is null, or the type
+    ///         is LIST_TYPE_CUSTOM or unknown
     /// Threads: any; no lock is needed.
     unsigned int HashValueFromDataDefault(void* data, int type, unsigned int offset, int hashRange);
 

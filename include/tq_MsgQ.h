@@ -145,8 +145,7 @@ public:
     /// Puts a message in the place of the first one with the same command, looking from the head: so that at most one
     /// of a kind waits (one pending redraw, for instance).
     /// @param pMsg            the new message; the queue's when it is placed or added. Its hDest is written only when
-    /// it
-    ///                        is added
+    ///                        it is added
     /// @param iPriority       where to look: as PeekHead() chooses
     /// @param bAddIfNotFound  when there is none with its command, Send(pMsg, false, iPriority)
     /// @return the message that was replaced, now the caller's to free; null when none was. pMsg is then the caller's
@@ -274,8 +273,7 @@ TQ_API unsigned int tq_MsgQGetIdFromName(const char* pszQueueName);
 TQ_API char* tq_MsgQGetNameFromId(unsigned int id);
 
 /// Bytes that translate_command() and DumpMsgToBuf() write at the most, the end of the text included.
-#define TQ_MSG_LABEL_BYTES 64
-#define TQ_MSG_DUMP_BYTES 256
+enum { TQ_MSG_LABEL_BYTES = 64, TQ_MSG_DUMP_BYTES = 256 };
 
 /// Writes a command's label: "  command:  " and its name (as MSG_TIMER), its number where it has none, or, from
 /// MSG_USER on, "MSG_USER+" and the rest.
@@ -297,9 +295,8 @@ TQ_API void DumpMsgToBuf(MSG_COMMON* pMsg, char* buf);
 ///                     null when there is no memory, and for one queue. May be null; there is no table then
 /// @param uiFlags      1: one queue
 /// @param pszCommand   for one queue: begins with its handle (a name is not accepted); words are cut out of it in
-/// place.
-///                     The session is told when the handle is missing, 0, unknown, or the console's own queue, whose
-///                     messages are not shown: the report would add to them
+///                     place. The session is told when the handle is missing, 0, unknown, or the console's own queue,
+///                     whose messages are not shown: the report would add to them
 TQ_API void tq_MsgQShowQueues(unsigned int instance, char** pszResponse, unsigned int uiFlags, char* pszCommand);
 
 /// Sets how many commands a queue remembers, and tells a console session of it, or that there is no such queue.
