@@ -94,6 +94,14 @@ prepare_to_test() {
     install_packages ${packages[@]+"${packages[@]}"}
 }
 
+# prepare_to_show: what only the demo needs.
+prepare_to_show() {
+    local -a packages=()
+    have telnet || packages+=(telnet)
+    have script || packages+=(bsdutils)
+    install_packages ${packages[@]+"${packages[@]}"}
+}
+
 # The presets that can be built here, one a line.
 known_presets() {
     sed -n '/"buildPresets"/,/\]/s/.*"name": "\([^"]*\)".*/\1/p' CMakePresets.json

@@ -33,3 +33,8 @@ std::vector<Sample> History::Newest(unsigned int count) {
     std::reverse(samples.begin(), samples.end());
     return samples;
 }
+
+unsigned int History::Count() {
+    tq_ListLock lock(m_samples);
+    return static_cast<unsigned int>(m_samples.NodeCount());
+}

@@ -25,6 +25,10 @@ public:
     /// Copies of the newest samples, oldest first; fewer than asked for when there are not so many.
     std::vector<Sample> Newest(unsigned int count);
 
+    /// How many samples there are, and how many there can be.
+    unsigned int Count();
+    unsigned int Depth() const { return m_depth; }
+
 private:
     tq_List m_samples; // of Sample, oldest at the head
     const unsigned int m_depth;

@@ -49,22 +49,6 @@ size_t SplitWords(std::string_view line, Words* pWords) {
     return count;
 }
 
-bool SameWord(std::string_view word, const char* pszWord) {
-    return word.size() == strlen(pszWord) && strncasecmp(word.data(), pszWord, word.size()) == 0;
-}
-
-bool ParseNumber(std::string_view word, unsigned int least, unsigned int most, unsigned int* pNumber) {
-    unsigned long long number = 0;
-    for (const char digit : word) {
-        if (digit < '0' || digit > '9' || number > most) {
-            return false;
-        }
-        number = number * 10 + static_cast<unsigned int>(digit - '0');
-    }
-    *pNumber = static_cast<unsigned int>(number);
-    return number >= least && number <= most;
-}
-
 /// Whether the words after the verb are what this row asks for.
 bool RestMatches(const Syntax& syntax, const Words& words, size_t count, unsigned int* pNumber) {
     if (syntax.pszObject) {
@@ -86,6 +70,22 @@ __attribute__((format(printf, 1, 2))) std::string Line(const char* pszFormat, ..
 }
 
 } // namespace
+
+bool SameWord(std::string_view word, const char* pszWord) {
+    return word.size() == strlen(pszWord) && strncasecmp(word.data(), pszWord, word.size()) == 0;
+}
+
+bool ParseNumber(std::string_view word, unsigned int least, unsigned int most, unsigned int* pNumber) {
+    unsigned long long number = 0;
+    for (const char digit : word) {
+        if (digit < '0' || digit > '9' || number > most) {
+            return false;
+        }
+        number = number * 10 + static_cast<unsigned int>(digit - '0');
+    }
+    *pNumber = static_cast<unsigned int>(number);
+    return !word.empty() && number >= least && number <= most;
+}
 
 LineBuffer::Result LineBuffer::Next(std::string_view* pLine) {
     while (m_begin < m_end) {
@@ -181,4 +181,9 @@ std::string ErrorLine(const char* pszWhat) {
 
 std::string NumberLine(const char* pszWord, unsigned int number) {
     return Line("%s %u", pszWord, number);
+}
+
+std::string WithoutLineEnd(std::string line) {
+    line.resize(line.find_last_not_of("\r\n") + 1);
+    return line;
 }

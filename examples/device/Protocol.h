@@ -64,4 +64,12 @@ std::string ErrorLine(const char* pszWhat);
 /// A word and a number: "END 10", "WATCHING 500".
 std::string NumberLine(const char* pszWord, unsigned int number);
 
+/// A reply line for a place that ends lines itself.
+std::string WithoutLineEnd(std::string line);
+
+/// Whether the two are the same but for the case of their letters.
+bool SameWord(std::string_view word, const char* pszWord);
+/// A decimal number of digits alone, within the limits; false, and *pNumber of no meaning, for anything else.
+bool ParseNumber(std::string_view word, unsigned int least, unsigned int most, unsigned int* pNumber);
+
 #endif // DEVICE_PROTOCOL_H

@@ -5,10 +5,11 @@
 
 #include <tqos.h>
 
+#include "ConsoleQueue.h"
 #include "History.h"
 #include "Sample.h"
 
-class SamplerQueue : public tq_MsgQ {
+class SamplerQueue : public ConsoleQueue {
 public:
     /// The history outlives the queue. hListener is the handle of the queue that is sent a DEVICE_SAMPLE each time.
     SamplerQueue(History& history, unsigned int periodMs, unsigned int hListener);
@@ -16,15 +17,30 @@ public:
 
     void MessageHandler(MSG_COMMON* pMsg) override;
 
+protected:
+    std::string Summary(bool bDetail) override;
+
 private:
-    void StartSampling();
+    static const ConsoleCommand kCommands[];
+
+    bool StartSampling();
     void StopSampling();
-    void TakeOne();
+    bool TakeOne();
     void Publish(const Sample& sample);
+    std::string NewestLine();
+
+    std::string AnswerPeriod(std::string_view argument);
+    std::string AnswerSample(std::string_view argument);
+    std::string AnswerFail(std::string_view argument);
 
     History& m_history;
-    const unsigned int m_periodMs;
     const unsigned int m_hListener;
+
+    // This queue's own thread alone uses these.
+    unsigned int m_periodMs;
+    unsigned int m_taken = 0;
+    unsigned int m_failed = 0;
+    unsigned int m_toFail = 0; // so many samples are yet to fail, as somebody wished
 };
 
 #endif // DEVICE_SAMPLER_QUEUE_H

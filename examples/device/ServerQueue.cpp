@@ -1,6 +1,8 @@
 #include "ServerQueue.h"
 
+#include <limits.h>
 #include <netinet/in.h>
+#include <stdio.h>
 
 #include "DeviceMessages.h"
 #include "DeviceTrace.h"
@@ -16,6 +18,10 @@ constexpr int kOpenTimeoutMs = 30000;
 /// User values of the listeners; the clients of each inherit its own.
 enum { kTcpClient = 1, kLocalClient = 2 };
 
+const char* From(bool bTcp) {
+    return bTcp ? "TCP" : "local";
+}
+
 } // namespace
 
 const ServerQueue::Handler ServerQueue::kHandlers[] = {
@@ -29,8 +35,15 @@ const ServerQueue::Handler ServerQueue::kHandlers[] = {
     {MSG_TIMER, &ServerQueue::OnWatchTimer},
 };
 
+const ServerQueue::ConsoleCommand ServerQueue::kCommands[] = {
+    {"clients", nullptr, "lists them", AnswerOf(&ServerQueue::AnswerClients)},
+    {"drop", "<client>", "closes a client's connection, as a broken line would; all: every one's",
+     AnswerOf(&ServerQueue::AnswerDrop)},
+    {nullptr, nullptr, nullptr, nullptr},
+};
+
 ServerQueue::ServerQueue(const Settings& settings, History& history)
-    : tq_MsgQ("Server", "answers the line protocol"), m_settings(settings), m_history(history),
+    : ConsoleQueue("Server", "answers the line protocol", kCommands), m_settings(settings), m_history(history),
       m_listenersDone(/*bManualReset=*/1, /*bInitialState=*/0),
       m_clients(LIST_FLAGS_LOCK_DISABLE, LIST_TYPE_U32BITS, 0, "Device: Clients") {}
 
@@ -43,6 +56,10 @@ bool ServerQueue::WaitUntilOpen() {
 }
 
 void ServerQueue::MessageHandler(MSG_COMMON* pMsg) {
+    if (AnswerConsole(pMsg)) {
+        tq_free(pMsg);
+        return;
+    }
     for (const Handler& row : kHandlers) {
         if (row.command == pMsg->command) {
             (this->*row.handle)(pMsg);
@@ -83,7 +100,7 @@ void ServerQueue::OnDestroy(const MSG_COMMON*) {
 
 void ServerQueue::OnNewConnection(const MSG_COMMON* pMsg) {
     const unsigned int hSocket = reinterpret_cast<const SOCKET_NEW_CONNECTION*>(pMsg)->new_socket;
-    Client* pClient = tq_newObject<Client>(hSocket);
+    Client* pClient = tq_newObject<Client>(hSocket, pMsg->userparm == kTcpClient);
     if (!pClient) {
         tq_SocketClose(hSocket);
         return;
@@ -95,7 +112,7 @@ void ServerQueue::OnNewConnection(const MSG_COMMON* pMsg) {
     tq_SocketSetWritePercentageNotification(hSocket, kWriteableAtPercent);
     tq_SocketSetSendBufSize(hSocket, kKernelSendBytes);
     tq_Trace(ghDeviceTrace, TQ_TRACE_LEVEL_INFORMATIONAL, DEVICE_CAT_SERVER, true, "client %u has come (%s)\n", hSocket,
-             pMsg->userparm == kTcpClient ? "TCP" : "local");
+             From(pClient->bTcp));
 }
 
 void ServerQueue::OnData(const MSG_COMMON* pMsg) {
@@ -122,7 +139,8 @@ void ServerQueue::OnClosed(const MSG_COMMON* pMsg) {
 
 void ServerQueue::OnWatchTimer(const MSG_COMMON* pMsg) {
     Client* pClient = FindClient(pMsg->instance);
-    if (pClient && pClient->bWatching && !pClient->IsHeld()) { // one who does not read misses a line, and costs nothing
+    if (pClient && pClient->watchMs != 0 &&
+        !pClient->IsHeld()) { // one who does not read misses a line, and costs nothing
         Reply(pClient, OneSample(LoadLine));
     }
 }
@@ -179,6 +197,8 @@ void ServerQueue::AnswerLines(Client* pClient) {
 static_assert(kMaxLine == 128, "the error above names it");
 
 void ServerQueue::Answer(Client* pClient, std::string_view line) {
+    ++pClient->answered;
+    ++m_answered;
     Command command;
     if (const char* pszWrong = ParseCommand(line, &command)) {
         Reply(pClient, ErrorLine(pszWrong));
@@ -225,14 +245,15 @@ void ServerQueue::SendUnsent(Client* pClient) {
 /// client's own, and setting it again replaces it.
 void ServerQueue::Watch(Client* pClient, unsigned int periodMs) {
     if (periodMs == 0) {
-        if (pClient->bWatching) {
+        if (pClient->watchMs != 0) {
             tq_TimerKill(GetHandle(), pClient->hSocket, 0, 0);
         }
-        pClient->bWatching = false;
+        pClient->watchMs = 0;
         return;
     }
-    pClient->bWatching = tq_TimerSet(GetHandle(), periodMs, pClient->hSocket, 0, 0, TQ_TIMER_REPEATING, "Watch",
-                                     /*bAllowSkew=*/false) == 0;
+    const bool bSet = tq_TimerSet(GetHandle(), periodMs, pClient->hSocket, 0, 0, TQ_TIMER_REPEATING, "Watch",
+                                  /*bAllowSkew=*/false) == 0;
+    pClient->watchMs = bSet ? periodMs : 0;
 }
 
 std::string ServerQueue::OneSample(std::string (*format)(const Sample& sample)) {
@@ -247,4 +268,51 @@ std::string ServerQueue::HistoryLines(unsigned int count) {
         lines += SampleLine(sample);
     }
     return lines + NumberLine("END", static_cast<unsigned int>(samples.size()));
+}
+
+std::string ServerQueue::Summary(bool bDetail) {
+    std::string text = bDetail ? "Server: " : "";
+    text += "clients: " + std::to_string(m_clients.NodeCount()) + "; lines answered: " + std::to_string(m_answered);
+    if (bDetail) {
+        text += "\r\n  TCP: 127.0.0.1 port " + std::to_string(m_tcpPort) + "\r\n  local: " + m_settings.socketPath;
+        text += ClientTable();
+    }
+    return text;
+}
+
+/// Each line after a line end. Nothing at all without clients.
+std::string ServerQueue::ClientTable() {
+    std::string table = m_clients.NodeCount() > 0 ? "\r\n    Client  From   Lines     Watch(ms) Unsent" : "";
+    for (void* pNode = m_clients.GetHead(); pNode; pNode = m_clients.GetNext()) {
+        const Client& client = *static_cast<const Client*>(pNode);
+        char row[80];
+        snprintf(row, sizeof(row), "\r\n%10u  %-5s  %-8u  %-8u  %zu", client.hSocket, From(client.bTcp),
+                 client.answered, client.watchMs, client.unsent.size());
+        table += row;
+    }
+    return table;
+}
+
+std::string ServerQueue::AnswerClients(std::string_view) {
+    return "clients: " + std::to_string(m_clients.NodeCount()) + ClientTable();
+}
+
+std::string ServerQueue::AnswerDrop(std::string_view argument) {
+    if (SameWord(argument, "all")) {
+        const std::string count = std::to_string(m_clients.NodeCount());
+        while (Client* pClient = static_cast<Client*>(m_clients.GetHead())) {
+            CloseClient(pClient, 0);
+        }
+        return "clients dropped: " + count;
+    }
+    unsigned int hSocket;
+    if (!ParseNumber(argument, 1, UINT_MAX, &hSocket)) {
+        return "drop takes the number of a client, or all";
+    }
+    Client* pClient = FindClient(hSocket);
+    if (!pClient) {
+        return "there is no client " + std::to_string(hSocket);
+    }
+    CloseClient(pClient, 0);
+    return "clients dropped: 1";
 }

@@ -17,11 +17,12 @@
 
 #include <tqos.h>
 
+#include "ConsoleQueue.h"
 #include "History.h"
 #include "Protocol.h"
 #include "Settings.h"
 
-class ServerQueue : public tq_MsgQ {
+class ServerQueue : public ConsoleQueue {
 public:
     /// The history outlives the queue.
     ServerQueue(const Settings& settings, History& history);
@@ -34,15 +35,20 @@ public:
 
     void MessageHandler(MSG_COMMON* pMsg) override;
 
+protected:
+    std::string Summary(bool bDetail) override;
+
 private:
     struct Client {
-        explicit Client(unsigned int handle) : hSocket(handle) {}
+        Client(unsigned int handle, bool bOverTcp) : hSocket(handle), bTcp(bOverTcp) {}
         bool IsHeld() const { return !unsent.empty(); }
 
         unsigned int hSocket; // first: clients are found by it
         LineBuffer lines;
         std::string unsent; // the rest of a reply that the socket had no room for
-        bool bWatching = false;
+        unsigned int answered = 0;
+        unsigned int watchMs = 0; // 0: it does not watch
+        bool bTcp;
         bool bQuitting = false;
     };
 
@@ -51,6 +57,7 @@ private:
         void (ServerQueue::*handle)(const MSG_COMMON* pMsg);
     };
     static const Handler kHandlers[];
+    static const ConsoleCommand kCommands[];
 
     void OnCreate(const MSG_COMMON* pMsg);
     void OnDestroy(const MSG_COMMON* pMsg);
@@ -73,6 +80,10 @@ private:
     std::string OneSample(std::string (*format)(const Sample& sample));
     std::string HistoryLines(unsigned int count);
 
+    std::string ClientTable();
+    std::string AnswerClients(std::string_view argument);
+    std::string AnswerDrop(std::string_view argument);
+
     const Settings m_settings;
     History& m_history;
     tq_SemEvent m_listenersDone; // set when m_bOpen and m_tcpPort are
@@ -80,7 +91,8 @@ private:
     unsigned int m_tcpPort = 0;
     unsigned int m_hTcpListener = 0;
     unsigned int m_hLocalListener = 0;
-    tq_List m_clients; // of Client; this queue's own thread alone uses it
+    unsigned int m_answered = 0; // lines, of all clients that ever came
+    tq_List m_clients;           // of Client; this queue's own thread alone uses it
 };
 
 #endif // DEVICE_SERVER_QUEUE_H

@@ -1,8 +1,9 @@
 // device [-d DIRECTORY] [-p PORT]
 //
-// The demo device: starts the library, its three queues, and waits for SIGINT or SIGTERM.
+// The demo device: starts the library, its three queues and the console, and waits for SIGINT or SIGTERM.
 //   -d DIRECTORY  where its tqos.ini is read and its files are written; without it, the program's own directory
 //   -p PORT       of the line protocol, instead of the one in tqos.ini; 0 takes any free one
+#include <netinet/in.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -61,12 +62,33 @@ sigset_t EndingSignals() {
     return signals;
 }
 
-void PrintWhereToConnect(const Settings& settings, unsigned int port) {
+/// The diagnostic console: there while the object is.
+class Console {
+public:
+    explicit Console(const Settings& settings)
+        : m_port(tq_TelnetInitialize(settings.consolePort, htonl(INADDR_LOOPBACK), settings.consolePassword)) {}
+    ~Console() {
+        if (m_port != 0) {
+            tq_TelnetTerminate();
+        }
+    }
+    Console(const Console&) = delete;
+    Console& operator=(const Console&) = delete;
+
+    /// The one that is listened on, whatever was asked for; 0: there is no console.
+    unsigned int Port() const { return m_port; }
+
+private:
+    const unsigned int m_port;
+};
+
+void PrintWhereToConnect(const Settings& settings, unsigned int port, unsigned int consolePort) {
     printf("device: TCP on 127.0.0.1 port %u\n", port);
     printf("device: local-domain socket %s\n", settings.socketPath);
     if (settings.statusPort != 0) {
         printf("device: status datagrams to 127.0.0.1 port %u\n", settings.statusPort);
     }
+    printf("device: console on 127.0.0.1 port %u\n", consolePort);
     printf("device: ready\n");
     fflush(stdout);
 }
@@ -91,7 +113,13 @@ bool RunDevice(const Settings& settings) {
         fprintf(stderr, "device: cannot listen on port %u and %s; see tqos.log\n", settings.port, settings.socketPath);
         return false;
     }
-    PrintWhereToConnect(settings, server.TcpPort());
+    const Console console(settings); // last: whom it asks is there before it and after it
+    if (console.Port() == 0) {
+        fprintf(stderr, "device: no console on port %u or the hundred after it; see tqos_error.log\n",
+                settings.consolePort);
+        return false;
+    }
+    PrintWhereToConnect(settings, server.TcpPort(), console.Port());
 
     const sigset_t signals = EndingSignals();
     int signal = 0;
