@@ -82,6 +82,8 @@ TQ_API int tq_WriteINIFileString(const char* pszSection, const char* pszKey, con
                                  const char* pszFilename);
 
 /// Writes a number in decimal, as tq_WriteINIFileString() does.
+/// @return as tq_WriteINIFileString()
+/// Threads: any, one a file.
 TQ_API int tq_WriteINIFileInt(const char* pszSection, const char* pszKey, int iValue, const char* pszFilename);
 
 // ---- What the settings are read with
@@ -105,9 +107,8 @@ TQ_API bool FindSection(FILE* hFile, const char* pszSection, FILE* hFileOut);
 /// - pszKey and hFileOut null: lists the names of the section's keys, one after the other, each with its zero byte, and
 ///   one more zero byte at the end; returns the number of bytes, 0 for no key. A name that does not fit is left out.
 ///   With pszKeyValue null it returns the number of bytes alone.
-/// - hFileOut given: copies the rest of the file to it with the key's line replaced, or added at the end of the
-/// section,
-///   pszKeyValue being the new value; returns that value's length.
+/// - hFileOut given: copies the rest of the file to it with the key's line replaced, or a line for it added at the end
+///   of the section. pszKeyValue is the new value; returns its length.
 /// @return as above; 0 when hFile is null, or hFileOut is given and pszKey or pszKeyValue is null
 /// Threads: any, one a file.
 TQ_API int FindKey(FILE* hFile, const char* pszKey, char* pszKeyValue, unsigned int nKeyValueSize, FILE* hFileOut);
@@ -178,8 +179,7 @@ TQ_API bool tq_RemoveFile(const char* name);
 ///                        shell's wildcards
 /// @param pFileinfo       receives the first entry; the search goes on with the same record
 /// @return the search, to be ended with tq_FindClose(); (void*)-1 when the directory cannot be opened (errno is
-/// EINVAL),
-///         no name matches (errno is ENOENT), or an argument is null
+///         EINVAL), no name matches (errno is ENOENT), or an argument is null
 /// Threads: any.
 TQ_API void* tq_FindFirstFile(const char* pszFilePattern, _TQ_FINDFILE_STRUCT* pFileinfo);
 

@@ -199,6 +199,7 @@ TQ_API unsigned int tq_GetMemoryAlignment();
 TQ_API bool tq_CheckMemoryPools();
 
 /// The same, to a console session.
+/// @param instance  the session; 0: nothing is looked at
 TQ_API void tq_CheckMemoryPoolsFromTelnet(unsigned int instance);
 
 /// Behind both.
@@ -240,6 +241,7 @@ TQ_API unsigned int WhichPool(unsigned int size);
 TQ_API void* PoolListTake(MEM_POOL_LIST* pList);
 
 /// Appends a slot to the free ones.
+/// @param pAddress       the slot's start
 /// @param bAdjustCounts  the slot was in use
 /// @return 0; 1 when there is no memory for the ring, or no room in it
 TQ_API int PoolListReturn(MEM_POOL_LIST* pList, void* pAddress, bool bAdjustCounts);
@@ -268,9 +270,8 @@ TQ_API void tq_ShowMemory(unsigned int instance, unsigned int uiFlags, char* psz
 /// @param hFile        to this file
 /// @param pool         from 1; 0: all. A number that no pool has is answered
 /// @param bGroupNames  grouped; the remaining arguments, too, concern the detailed report alone
-/// @param pszNameFilter,pszNameFilterOut  only blocks whose source file name contains the one, and not the other (in
-/// any
-///                     letter case; an empty text is contained in no name); null: any
+/// @param pszNameFilter,pszNameFilterOut  only blocks whose source file name contains the one, and not the other, in
+///                     any letter case; an empty text is contained in no name; null: any
 /// @param eSortType,bReverseSort  the order of the groups: ascending, or descending
 /// @param bFixedSize,size  only blocks of this size
 /// @param line         only blocks allocated at this line; 0: any
@@ -279,18 +280,26 @@ TQ_API void tq_ShowMemoryPools(unsigned int instance, unsigned int uiFlags, bool
                                TQ_MEM_SORT_FORMATS eSortType, bool bReverseSort, bool bFixedSize, int size,
                                unsigned int line);
 
-/// Reports the counters and their changes since the last report to a console session.
+/// Reports the counters and their changes since the last report to a console session. Without tracking they are 0.
+/// @param instance  the session
 TQ_API void tq_ShowMemoryTrackingOnly(unsigned int instance);
 
-/// Shows how many blocks of each size are and at most were in use; sizes whose bar would be empty are left out.
-/// @param hFile  to this file; null: to the console session
+/// Shows how many blocks of each size are and at most were in use; sizes whose bar would be empty are left out. While
+/// there is no histogram, "Memory Histogram tracking not enabled!\r\n" is the answer, here and in the next two.
+/// @param instance  a console session, unless a file is given
+/// @param hFile     to this file, which stays open; null: to the console session
+/// @param eFormat   the form; INI: as tq_MemoryGenerateINIPoolingSection()
 TQ_API void tq_MemoryShowHistogram(unsigned int instance, FILE* hFile, TQ_MEM_HISTOGRAM_FORMATS eFormat);
 
-/// Starts the histogram again from nothing.
+/// Starts the histogram again from nothing. A block that was counted before still takes one off its size when it is
+/// freed, as long as there is one.
+/// @param instance  the console session that is told when there is no histogram
 TQ_API void tq_MemoryClearHistogram(unsigned int instance);
 
-/// Writes a section for tqos.ini whose pools serve the most blocks that the histogram ever saw in use.
-/// @param hFile  to this file; null: to the console session
+/// Writes a section for tqos.ini whose pools serve the most blocks that the histogram ever saw in use, with a fifth to
+/// spare. It takes the place of the [Memory] section, of which the first counts; other keys can be added to it.
+/// @param instance  a console session, unless a file is given
+/// @param hFile     to this file, which stays open; null: to the console session
 TQ_API void tq_MemoryGenerateINIPoolingSection(unsigned int instance, FILE* hFile);
 
 /// Puts out one piece of a memory report.
@@ -303,7 +312,9 @@ TQ_API void tq_MemoryRespond(const char* pszResponse, bool bPrintf, FILE* hFile,
 
 /// Sends a text to a console session as a message of its own, on heap memory, never on a slot of a pool. Nothing is
 /// sent for a null or empty text, nor while no console runs. To be called without a lock.
-/// @param flags  1: without the line that says who answers
+/// @param pResponse  copied
+/// @param instance   the session
+/// @param flags      1: without the line that says who answers
 TQ_API void tq_MemoryTelnetSendResponse(const char* pResponse, unsigned int instance, unsigned int flags);
 
 } // extern "C"

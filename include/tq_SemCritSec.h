@@ -22,10 +22,9 @@ class TQ_API tq_SemCritSec {
 public:
     /// Makes a section that nobody holds. Without memory, or when the system has no room for it, it is entered and left
     /// without any locking.
-    /// @param bRecursive  true: its owner may enter it again. Sections built on a tq_SemMutex can always be entered
-    /// again;
-    ///                    on a plain mutex, a thread that enters a non-recursive section twice waits for itself for
-    ///                    ever.
+    /// @param bRecursive  true: its owner may enter it again, as it always may where sections are built on a
+    ///                    tq_SemMutex. On a plain mutex, a thread that enters a non-recursive section twice waits for
+    ///                    itself for ever.
     explicit tq_SemCritSec(bool bRecursive);
     ~tq_SemCritSec();
     tq_SemCritSec(const tq_SemCritSec&) = delete;

@@ -35,13 +35,13 @@ enum {
 
 /// One tracking record. The records belong to the library; read them only between LockSemList() and unLockSemList().
 typedef struct _SemListNode {
-    unsigned int ThreadId; ///< tq_GetThreadId() of the thread that waits or owns
-    void* Sem;             ///< identity of the lock; for a sleep, the thread's id
-    unsigned int Line;     ///< the caller's source line
-    unsigned int State;    ///< SEM_TRACK_STATE_...
-    unsigned int Type;     ///< SEM_TRACK_TYPE_...
-    char* pszFile;         ///< copy of the caller's source file name; null when it passed none
-    struct _SemListNode* pNext;
+    unsigned int ThreadId;      ///< tq_GetThreadId() of the thread that waits or owns
+    void* Sem;                  ///< identity of the lock; for a sleep, the thread's id
+    unsigned int Line;          ///< the caller's source line
+    unsigned int State;         ///< SEM_TRACK_STATE_...
+    unsigned int Type;          ///< SEM_TRACK_TYPE_...
+    char* pszFile;              ///< copy of the caller's source file name; null when it passed none
+    struct _SemListNode* pNext; ///< the next older record; null: none
 } SemListNode;
 
 /// A mutex that its owner may take again, with waits that can be limited in time.
@@ -54,9 +54,8 @@ typedef struct _SemListNode {
 class TQ_API tq_SemMutex {
 public:
     /// Makes a free mutex. Without memory, or when the system has no room for it, every operation on it fails.
-    /// @param bCritSec  true when it serves a critical section that was asked to be non-recursive; it may be taken
-    /// again
-    ///                  by its owner all the same
+    /// @param bCritSec  true when it serves a critical section that was asked to be non-recursive; its owner may take
+    ///                  it again all the same
     explicit tq_SemMutex(bool bCritSec);
     ~tq_SemMutex();
     tq_SemMutex(const tq_SemMutex&) = delete;
@@ -69,7 +68,7 @@ public:
     /// @param uiLine       the caller's source line, for tracking
     /// @param pszFilename  the caller's source file, for tracking; copied; may be null
     /// @return 1 the caller owns the mutex; 0 the time is up, the clock could not be read, or the mutex could not be
-    /// made
+    ///         made
     ///
     /// With tracking on, a wait that timed out is listed as owned until its thread next calls Release() on the mutex.
     BOOL _WaitForMutexWithTimeout(int msTimeOut, unsigned int uiLine, const char* pszFilename);
@@ -122,12 +121,10 @@ TQ_API void unLockSemList();
 /// @param pNode    the record
 /// @param pState   receives the text of its state ("Unknown" for one that is never stored); a constant
 /// @param pType    receives the text of its type (" ??? " for an unknown one); a constant
-/// @param pFormat  receives the row's format, for the lock's identity as an unsigned int, ThreadId, the state's text,
-/// the
-///                 type's text, Line and Name; a constant
+/// @param pFormat  receives the row's format, for the lock's identity as an unsigned int, ThreadId, the texts of state
+///                 and type, Line and Name; a constant
 /// @param Name     receives the file name, or its last nameLen characters when it is longer, or "(unknown)" when there
-/// is
-///                 none. Holds nameLen + 1 characters, and 10 at least.
+///                 is none. Holds nameLen + 1 characters, and 10 at least.
 /// @param nameLen  most characters of a file name; below 0 counts as 0
 TQ_API void getSemInfo(SemListNode* pNode, const char** pState, const char** pType, const char** pFormat, char* Name,
                        int nameLen);

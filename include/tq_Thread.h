@@ -42,9 +42,8 @@ TQ_API void tq_ThreadTerminate(bool bWaitForThreads);
 ///                       default instead; one that it cannot provide is a failure.
 /// @param start_address  the thread's function
 /// @param arglist        its argument
-/// @param thrdaddr       receives the new thread's id before its function runs; 0 when the system does not start it;
-/// left
-///                       alone when there is no memory to start it; may be null
+/// @param thrdaddr       receives the new thread's id before its function runs, or 0 when the system does not start it;
+///                       left alone when there is no memory to start it; may be null
 /// @param priority       TQ_THREAD_PRIORITY_...
 /// @param pszFilename    the caller's source file; copied; the thread's name until it is given another one
 /// @param line           the caller's source line
@@ -72,8 +71,7 @@ TQ_API void tq_ThreadSetName(unsigned int tid, const char* pszName);
 
 /// Gets a tracked thread's name.
 /// @param pszName  receives the name: padded with zeros to len - 1 characters when it is shorter than that, else its
-/// first
-///                 len - 1 characters, NOT ended by a zero (put one in the buffer's last character before the call).
+///                 first len - 1 characters, NOT ended by a zero (put one in the buffer's last character before).
 ///                 Empty without a record or a name; untouched while there are no records at all.
 /// @param len      size of the buffer; 0 does nothing
 /// @param tid      the thread's id; 0 means the calling thread

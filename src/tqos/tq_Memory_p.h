@@ -15,11 +15,9 @@
 /// - The bytes of a heap block belong to the thread that allocates, frees or reallocates it; no lock is held while they
 ///   are read or written.
 /// - The header and the check bytes of a pool's slot are written with the pool's lock held, since marks and reports
-/// walk
-///   over all slots. Whoever holds a block may read them without, but for the flags, which a mark changes.
-/// - MemoryTrackingCritSec guards the counters and the histogram and nothing else. A pool's lock may be held while it
-/// is
-///   taken. Neither is held while anything is reported or sent: rows are collected in plain memory and sent afterwards.
+///   walk over all slots. Whoever holds a block may read them without, but for the flags, which a mark changes.
+/// - MemoryTrackingCritSec guards the counters and the histogram and nothing else. It may be taken with a pool's lock
+///   held. Neither is held while anything is reported or sent: rows are collected in plain memory and sent afterwards.
 #ifndef TQ_MEMORY_P_H
 #define TQ_MEMORY_P_H
 
