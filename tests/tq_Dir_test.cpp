@@ -3,8 +3,10 @@
 #include <algorithm>
 #include <errno.h>
 #include <fcntl.h>
+#include <functional>
 #include <set>
 #include <signal.h>
+#include <stdarg.h>
 #include <stdlib.h>
 #include <string.h>
 #include <string>
@@ -12,8 +14,10 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
+#include <sys/syscall.h>
 #include <sys/un.h>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -32,6 +36,10 @@ using test::ScratchDirectory;
 using test::WriteFile;
 
 const char kIni[] = "a.ini";
+
+/// What happens before the library opens a configuration file; the files it opens are counted from 1.
+std::function<void(int)> gBeforeOpening;
+int gOpenings = 0;
 
 /// A value as tq_GetINIFileString() gives it without a default: "3:abc" is its result and the text.
 std::string Value(const char* pszSection, const char* pszKey, unsigned int bytes = 512) {
@@ -96,7 +104,28 @@ std::string WorkingDirectory() {
     return tq_GetWorkingDirectory(path, sizeof(path)) ? path : "";
 }
 
+/// A hook for the library's opening of files, for a scope.
+struct BeforeOpening {
+    explicit BeforeOpening(std::function<void(int)> hook) {
+        gOpenings = 0;
+        gBeforeOpening = std::move(hook);
+    }
+    ~BeforeOpening() { gBeforeOpening = nullptr; }
+};
+
 } // namespace
+
+/// In place of the C library's, for the whole program: another process may change files between two steps of a call.
+extern "C" int open64(const char* pszPath, int flags, ...) {
+    if (gBeforeOpening) {
+        gBeforeOpening(++gOpenings);
+    }
+    va_list args;
+    va_start(args, flags);
+    const mode_t mode = va_arg(args, mode_t);
+    va_end(args);
+    return static_cast<int>(syscall(SYS_openat, AT_FDCWD, pszPath, flags | O_LARGEFILE, mode));
+}
 
 // ---- Lines
 
@@ -676,6 +705,28 @@ TEST(IniWrite, LeavesTheFileWhenTheTemporaryOneCannotHoldIt) {
     });
     EXPECT_EQ(0, child.code);
     EXPECT_EQ(before, ReadFile(kIni));
+    EXPECT_EQ(Names({kIni}), NamesIn("*[!.]*"));
+}
+
+TEST(IniWrite, AppendsASectionThatVanishesMeanwhile) {
+    ScratchDirectory directory;
+    const BeforeOpening hook([](int opening) {
+        if (opening == 2) { // the key was looked up; now the file is opened to be rewritten
+            WriteFile(kIni, "[T]\nx=1\n");
+        }
+    });
+    EXPECT_EQ("[T]\nx=1\n\r\n[S]\r\n  k=2\r\n", Written("[S]\nk=1\n", "S", "k", "2"));
+    EXPECT_EQ(Names({kIni}), NamesIn("*[!.]*"));
+}
+
+TEST(IniWrite, MakesAFileThatVanishesMeanwhileAnew) {
+    ScratchDirectory directory;
+    const BeforeOpening hook([](int opening) {
+        if (opening == 2) {
+            remove(kIni);
+        }
+    });
+    EXPECT_EQ("\r\n[S]\r\n  k=2\r\n", Written("[S]\nk=1\n", "S", "k", "2"));
     EXPECT_EQ(Names({kIni}), NamesIn("*[!.]*"));
 }
 
