@@ -11,7 +11,9 @@
 #include <gtest/gtest.h>
 
 #include "TestSupport.h"
+#include "tq_Handle_p.h"
 #include "tq_Lifecycle_p.h"
+#include "tq_Memory_p.h"
 #include "tq_Thread_p.h"
 
 #ifdef __SANITIZE_THREAD__
@@ -54,6 +56,19 @@ void ReadUnmappedMemory() {
     static_cast<void>(*pUnmapped);
 }
 
+/// Whether the random generator stands as if it had been seeded from the millisecond clock in the last minute.
+bool WasJustSeededFromTheClock() {
+    const int first = rand();
+    const unsigned int now = tq_GetTimeInMS();
+    for (unsigned int ago = 0; ago <= 60000; ++ago) {
+        srand(now - ago);
+        if (rand() == first) {
+            return true;
+        }
+    }
+    return false;
+}
+
 siginfo_t InfoOf(int sig, int code) {
     siginfo_t info;
     memset(&info, 0, sizeof(info));
@@ -88,6 +103,23 @@ TEST(Lifecycle, ASecondInitializeOnlyCountsAndTheLastTerminateTearsDown) {
     tqOS_Terminate(false, true);
     EXPECT_EQ(0u, tqosTraceHandle.load());
     EXPECT_EQ(0u, tq_HandleGet());
+}
+
+TEST(Lifecycle, TheStartSeedsTheRandomGeneratorFromTheClock) {
+    srand(1);
+    EXPECT_FALSE(WasJustSeededFromTheClock());
+    Library library;
+    EXPECT_TRUE(WasJustSeededFromTheClock());
+}
+
+TEST(Lifecycle, AFailedStartSeedsTheRandomGeneratorToo) {
+    ScratchDirectory directory;
+    WriteFile("tqos.ini", "[Memory]\r\nEnableMemoryTracking=yes\r\nMemoryCapInBytes=1\r\n");
+    tq_TimeInitialize(); // a start that fails this early has not set the clock's unit yet
+    srand(1);
+    EXPECT_NE(0u, tqOS_Initialize());
+    EXPECT_TRUE(WasJustSeededFromTheClock());
+    tqOS_Terminate(false, true);
 }
 
 TEST(Lifecycle, ASecondInitializeDoesNotReseedTheRandomGenerator) {
@@ -160,6 +192,26 @@ TEST(Lifecycle, AFailedStepIsReportedKeepsTheCountAndTerminatesCleanly) {
     EXPECT_EQ(0u, tqOS_Initialize());
     EXPECT_NE(0u, tqosTraceHandle.load());
     tqOS_Terminate(false, true);
+}
+
+// Trace goes down before the handles: what is found damaged there has no instance left to be traced on.
+TEST(Lifecycle, WhatGoesWrongAfterTheTraceHasEndedStandsInTheErrorLogAlone) {
+    ScratchDirectory directory;
+    WriteFile("tqos.ini", std::string(kTraceToStandardError) + "[Memory]\r\nEnableMemoryTracking=yes\r\n");
+    const ChildResult result = RunInChild([] {
+        if (tqOS_Initialize() != 0) {
+            _exit(90);
+        }
+        LogCriticalError("while the trace is there\n", false, TQ_TRACE_LEVEL_SEVERE, TQ_TRACE_CAT_SYSTEM);
+        reinterpret_cast<char*>(gpHandleList)[sizeof(tq_List)] ^= 1; // the first byte behind the list
+        tqOS_Terminate(false, true);
+    });
+    EXPECT_EQ(0, result.code);
+    const std::string log = test::ReadFile("tqos_error.log");
+    EXPECT_TRUE(Contains(log, "while the trace is there\n")) << log;
+    EXPECT_TRUE(Contains(log, "Corrupted Tail bytes on memory free...\n")) << log;
+    EXPECT_TRUE(Contains(result.standardError, "SEV: while the trace is there\n")) << result.standardError;
+    EXPECT_FALSE(Contains(result.standardError, "Corrupted")) << result.standardError;
 }
 
 TEST(Lifecycle, EveryFirstRefusedAllocationOfTheStartEndsInACleanTermination) {
@@ -262,6 +314,9 @@ TEST(Signals, TheFiveSignalsGetTheReporterWithoutFurtherFlags) {
             if (action.sa_sigaction != tqos_SignalHandler || (action.sa_flags & ~SA_SIGINFO & 0xFFFF) != 0) {
                 _exit(91);
             }
+            if (!sigisemptyset(&action.sa_mask)) {
+                _exit(92);
+            }
         }
     });
     EXPECT_EQ(0, result.code);
@@ -332,6 +387,37 @@ TEST(CrashReport, TheThreadListIsPartOfTheReport) {
     EXPECT_EQ(0, result.code);
     EXPECT_TRUE(Contains(result.standardError, "TQOS Initialization: perhaps main?")) << result.standardError;
     EXPECT_TRUE(Contains(result.standardError, "crashing thread")) << result.standardError;
+}
+
+TEST(CrashReport, AThreadListThatMemoryIsRefusedForIsSaidToBeMissing) {
+    const std::string tracking = "[Memory]\r\nEnableMemoryTracking=yes\r\n";
+    const ChildResult result = RunWithLibrary(kTraceToStandardError + tracking, [] {
+        gMemoryCapInBytes = 1;
+        ReadUnmappedMemory();
+    });
+    EXPECT_TRUE(result.exited);
+    EXPECT_EQ(0, result.code);
+    EXPECT_TRUE(Contains(result.standardError, "ms\ntqos Thread list:\nCould not get tqos thread list!\n"))
+        << result.standardError;
+}
+
+TEST(CrashReport, IsTracedAtLevelCriticalInTheCategorySystem) {
+    struct Row {
+        int level;
+        int categories;
+        bool bTraced;
+    };
+    for (const Row& row : {Row{50000, 16, true}, Row{50000, ~16, false}, Row{50001, 16, false}}) {
+        const ChildResult result = RunWithLibrary(kTraceToStandardError, [&row] {
+            tq_TraceSetLevel(tqosTraceHandle, row.level);
+            tq_TraceSetCatMask(tqosTraceHandle, row.categories);
+            ReadUnmappedMemory();
+        });
+        EXPECT_EQ(0, result.code);
+        EXPECT_EQ(row.bTraced, Contains(result.standardError, "\nSignal: segmentation violation\n"));
+        EXPECT_EQ(row.bTraced, Contains(result.standardError, "(tqos) CRT: 0x")) << "the return addresses";
+        EXPECT_NE("", result.standardOut) << "the backtrace does not go through the trace";
+    }
 }
 
 TEST(CrashReport, TheReportAlsoGoesToTheTraceFile) {
@@ -430,6 +516,32 @@ TEST(CrashReport, AReportThatHangsOnALockIsEndedByTheWatchdog) {
                 return nullptr;
             },
             nullptr, &tid, 0, "holder", 1);
+        held.WaitForEvent(-1);
+        raise(SIGSEGV);
+    });
+    EXPECT_TRUE(result.exited);
+    EXPECT_EQ(0, result.code);
+    EXPECT_EQ("tqos: the crash report did not finish in time\n", result.standardError);
+}
+
+TEST(CrashReport, AReportThatHangsInTheAllocatorIsEndedByTheWatchdog) {
+#ifdef __SANITIZE_THREAD__
+    GTEST_SKIP() << "the thread sanitizer holds the watchdog's signal back while the thread waits inside the C library";
+#endif
+    const std::string tracking = "[Memory]\r\nEnableMemoryTracking=yes\r\n";
+    const ChildResult result = RunWithLibrary(kTraceToStandardError + tracking, [] {
+        static tq_SemEvent held(1, 0);
+        tq__beginthread(
+            0,
+            [](void*) -> void* {
+                MemoryTrackingCritSec.EnterCritSec(); // the thread list of the report will wait for this
+                held.Set();
+                for (;;) {
+                    pause();
+                }
+                return nullptr;
+            },
+            nullptr, nullptr, 0, "holder", 1);
         held.WaitForEvent(-1);
         raise(SIGSEGV);
     });
