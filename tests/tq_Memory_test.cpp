@@ -1,9 +1,13 @@
 #include <algorithm>
 #include <malloc.h>
+#include <signal.h>
 #include <stdint.h>
 #include <string.h>
 #include <string>
+#include <sys/mman.h>
 #include <thread>
+#include <ucontext.h>
+#include <unistd.h>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -1051,6 +1055,72 @@ TEST(Memory, ADamagedPrefixFailsARealloc) {
     *(pUserData - prefix) = '7';
     tq_free(pUserData);
 }
+
+// The assertion hook
+
+#if defined(__i386__) || defined(__x86_64__)
+// A developer's breakpoint on the hook, as a debugger sets it: the first byte of its code becomes a trap.
+
+volatile sig_atomic_t gStops = 0;
+
+void Nothing() {}
+
+void OnTrap(int, siginfo_t*, void* pContext) {
+    gStops = gStops + 1;
+#if defined(__i386__)
+    const int kProgramCounter = REG_EIP;
+#else
+    const int kProgramCounter = REG_RIP;
+#endif
+    ucontext_t* pStopped = static_cast<ucontext_t*>(pContext);
+    pStopped->uc_mcontext.gregs[kProgramCounter] = reinterpret_cast<greg_t>(Nothing); // goes on as if the hook returned
+}
+
+void StopAtAssert() {
+    struct sigaction action = {};
+    action.sa_sigaction = OnTrap;
+    action.sa_flags = SA_SIGINFO;
+    const uintptr_t code = reinterpret_cast<uintptr_t>(tq_Assert);
+    const uintptr_t page = static_cast<uintptr_t>(sysconf(_SC_PAGESIZE));
+    void* pPage = reinterpret_cast<void*>(code / page * page);
+    if (sigaction(SIGTRAP, &action, nullptr) != 0 || mprotect(pPage, page, PROT_READ | PROT_WRITE | PROT_EXEC) != 0) {
+        _exit(1);
+    }
+    *reinterpret_cast<unsigned char*>(code) = 0xCC;
+}
+
+TEST(Memory, TheAssertionHookFollowsEveryReportButThatOfTheCap) {
+    const ChildResult result = RunInChild([] {
+        Memory memory(
+            "EnableMemoryTracking=yes\nMemoryCapInBytes=1000\nMemoryAlignment=16\nMemoryAlignmentCheck=yes\n");
+        StopAtAssert();
+        const auto report = [](const char* pszWhat, int stops) {
+            if (gStops != stops) {
+                printf("%s: stopped %d times\n", pszWhat, static_cast<int>(gStops));
+            }
+            gStops = 0;
+        };
+        EXPECT_EQ(nullptr, tq_malloc(1001));
+        report("the cap", 0);
+        EXPECT_EQ(nullptr, tq_malloc(0x80000001u));
+        report("a huge request", 1);
+        EXPECT_EQ(nullptr, tq_realloc(tq_malloc(1), 0));
+        report("a realloc that fails", 1);
+        tq_free(AllocClean(1, TQ_MEM_TYPE_NEW, "new.cpp", 1));
+        report("the other family", 1);
+        char* pUserData = static_cast<char*>(tq_malloc(1));
+        pUserData[1] = 0;
+        tq_free(pUserData);
+        report("a tail run over", 1);
+        pUserData = static_cast<char*>(tq_malloc(1));
+        *(BlockOf(pUserData) - PrefixOf(pUserData)) = 'x';
+        tq_free(pUserData);
+        report("a damaged prefix", 1);
+    });
+    EXPECT_EQ(0, result.code);
+    EXPECT_EQ("", result.standardOut);
+}
+#endif
 
 // Names in reports
 
