@@ -683,6 +683,42 @@ std::vector<void*> Load() {
     return blocks;
 }
 
+/// Queues, messages, timers, lists and their hashes, and blocks of an application beside them, until it ends.
+class LibraryAtWork {
+public:
+    LibraryAtWork() : m_list("at work"), m_blocks(Load()) {
+        const unsigned int hash = m_list.HashCreate(LIST_TYPE_ZSTR, 0, 500, nullptr, nullptr);
+        EXPECT_NE(0u, hash);
+        for (void* pUserData : m_blocks) {
+            if (pUserData) {
+                memcpy(pUserData, "", 1);
+                m_list.AddNode(pUserData);
+            }
+        }
+        for (unsigned int i = 0; i < 300; ++i) {
+            tq_MsgCreateCommonAndSend(0, m_queue.GetHandle(), MSG_USER, i, 0, 0, false, 1 + i % 3);
+            EXPECT_EQ(0u, tq_TimerSet(m_queue.GetHandle(), 3600000, i, 0, 0, TQ_TIMER_ONE_SHOT, "an hour", false));
+        }
+        EXPECT_TRUE(m_queue.WaitFor(MSG_USER, 0, 300));
+    }
+    ~LibraryAtWork() {
+        for (void* pUserData : m_blocks) {
+            tq_free(pUserData);
+        }
+    }
+
+    bool IsServedByPools() const {
+        return std::all_of(m_blocks.begin(), m_blocks.end(), [](void* pUserData) {
+            return !pUserData || tq_MemoryPoolOf(BlockOf(pUserData)) < TotalPools;
+        });
+    }
+
+private:
+    RecordingQueue m_queue;
+    tq_List m_list;
+    std::vector<void*> m_blocks;
+};
+
 } // namespace
 
 // From the histogram of a load to pools that serve it, through the configuration as anybody would paste it.
@@ -711,6 +747,37 @@ TEST(MemoryReport, TheGeneratedPoolsServeTheSameLoadWithoutTheHeap) {
     }
     EXPECT_EQ(0u, gRequestedMemoryAllocations);
     EXPECT_EQ("", Reports());
+}
+
+// The same from tqos.ini to tqos.ini with the whole library at work, as an engineer does it: the section as it was
+// shown takes the place of the section that it was measured with.
+TEST(MemoryReport, TheGeneratedSectionStandsInPlaceOfTheMemorySectionAndServesTheWholeLibrary) {
+    std::string section;
+    {
+        Library library(std::string("[Memory]\n") + kHistogram);
+        LibraryAtWork work;
+        section = ShowHistogram("format=ini");
+    }
+    const size_t pools = CountOf(section, "BlockSize");
+    ASSERT_EQ(0u, section.find("[Memory]\n  EnableMemoryPooling=Yes\n"));
+    EXPECT_LT(10u, pools);
+    {
+        Library library(section + "EnableMemoryTracking=yes\n");
+        EXPECT_TRUE(gbUseMemoryPooling && gbUseMemoryTracking);
+        EXPECT_EQ(pools, TotalPools);
+        LibraryAtWork work;
+        EXPECT_TRUE(work.IsServedByPools());
+        // A thread of the library may be between the two counts of one block; all of them come to rest.
+        EXPECT_TRUE(WaitUntil([] {
+            return CountOf(Show(""), "     Bytes requested from the heap:         0     ") == 1 &&
+                   CountOf(Show(""), "      Bytes allocated from the heap:         0     ") == 1;
+        })) << Show("");
+    }
+    Library library(section);
+    EXPECT_TRUE(gbUseMemoryPooling && !gbUseMemoryTracking);
+    EXPECT_EQ(pools, TotalPools);
+    LibraryAtWork work;
+    EXPECT_TRUE(work.IsServedByPools());
 }
 
 TEST(MemoryReport, AGroupHasRoomForAllItsMaximaAtOnce) {
