@@ -136,11 +136,6 @@ ChildResult RunInChild(const std::function<void()>& body, unsigned int seconds) 
         return result;
     }
     fflush(nullptr);
-    // A library that ran in this process before lets ended children vanish: their status would be lost.
-    struct sigaction keepStatus = {};
-    struct sigaction before = {};
-    keepStatus.sa_handler = SIG_DFL;
-    sigaction(SIGCHLD, &keepStatus, &before);
     const pid_t child = fork();
     if (child == 0) {
         dup2(outPipe[1], 1);
@@ -167,7 +162,6 @@ ChildResult RunInChild(const std::function<void()>& body, unsigned int seconds) 
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
-    sigaction(SIGCHLD, &before, nullptr);
     close(outPipe[0]);
     close(errPipe[0]);
     EXPECT_EQ(child, ended);
