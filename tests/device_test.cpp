@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
+#include <pty.h>
 #include <regex>
 #include <signal.h>
 #include <string.h>
@@ -16,6 +17,7 @@
 #include <unistd.h>
 #include <vector>
 
+#include "ConsoleClient.h"
 #include "History.h"
 #include "Protocol.h"
 #include "Sample.h"
@@ -114,6 +116,17 @@ TEST(DeviceProtocol, WritesEachReplyInItsForm) {
               SampleLine(sample));
     EXPECT_EQ("ERROR empty line\r\n", ErrorLine("empty line"));
     EXPECT_EQ("END 3\r\n", NumberLine("END", 3));
+    EXPECT_EQ("END 3", WithoutLineEnd(NumberLine("END", 3)));
+    EXPECT_EQ("", WithoutLineEnd("\r\n"));
+}
+
+TEST(DeviceProtocol, ANumberIsDigitsAloneWithinItsLimits) {
+    unsigned int number = 0;
+    EXPECT_TRUE(ParseNumber("4294967295", 1, 4294967295u, &number));
+    EXPECT_EQ(4294967295u, number);
+    for (const char* pszWrong : {"", "0", "4294967296", "99999999999999999999", "-1", "+1", "1x", "0x1", " 1"}) {
+        EXPECT_FALSE(ParseNumber(pszWrong, 1, 4294967295u, &number)) << pszWrong;
+    }
 }
 
 /// What the buffer makes of the bytes when they come in pieces of this size: lines, and "!" for one that is too long.
@@ -205,6 +218,7 @@ TEST(DeviceHistory, KeepsTheNewestAndGivesThemOldestFirst) {
     const test::Library library;
     History history(3);
     EXPECT_TRUE(history.Newest(5).empty());
+    EXPECT_EQ(0u, history.Count());
     for (unsigned int i = 1; i <= 5; ++i) {
         Sample sample = {};
         sample.uptimeMs = i;
@@ -218,6 +232,8 @@ TEST(DeviceHistory, KeepsTheNewestAndGivesThemOldestFirst) {
     ASSERT_EQ(1u, history.Newest(1).size());
     EXPECT_EQ(5u, history.Newest(1).front().uptimeMs);
     EXPECT_TRUE(history.Newest(0).empty());
+    EXPECT_EQ(3u, history.Count());
+    EXPECT_EQ(3u, history.Depth());
 }
 
 // ---- The program
@@ -319,6 +335,7 @@ public:
     Device& operator=(const Device&) = delete;
 
     unsigned int Port() const { return m_port; }
+    unsigned int ConsolePort() const { return m_consolePort; }
     std::string SocketPath() const { return m_directory.Path() + "/device.sock"; }
     pid_t Pid() const { return m_pid; }
     std::string Output() const { return m_text; }
@@ -383,9 +400,15 @@ private:
             }
             m_text.append(buffer, static_cast<size_t>(count));
         }
-        const char* pszPort = strstr(m_text.c_str(), "TCP on 127.0.0.1 port ");
-        ASSERT_NE(nullptr, pszPort) << m_text;
-        m_port = static_cast<unsigned int>(atoi(pszPort + strlen("TCP on 127.0.0.1 port ")));
+        m_port = PortAfter("device: TCP on 127.0.0.1 port ");
+        m_consolePort = PortAfter("device: console on 127.0.0.1 port ");
+    }
+
+    /// The number behind the words, which have to be there, to the end of their line.
+    unsigned int PortAfter(const std::string& words) const {
+        const size_t at = m_text.find(words);
+        EXPECT_NE(std::string::npos, at) << words << "\n" << m_text;
+        return at == std::string::npos ? 0 : static_cast<unsigned int>(atoi(m_text.c_str() + at + words.size()));
     }
 
     test::ScratchDirectory m_directory;
@@ -393,6 +416,7 @@ private:
     int m_output = -1;
     std::string m_text;
     unsigned int m_port = 0;
+    unsigned int m_consolePort = 0;
 };
 
 bool Matches(const std::string& line, const char* pszPattern) {
@@ -421,6 +445,39 @@ void HoldAConversation(Connection& client) {
     EXPECT_EQ("WATCHING 0", line);
     EXPECT_EQ("BYE", client.Ask("QUIT"));
     EXPECT_EQ("(end)", client.ReadLine());
+}
+
+constexpr char kPassword[] = "lookinside";
+
+/// A session of the device's console, behind its login.
+test::ConsoleClient LogIn(const Device& device) {
+    test::ConsoleClient client(device.ConsolePort());
+    client.ReadTo("\r\n\r\nlogin: ");
+    client.Send(std::string(kPassword) + "\r");
+    client.Expect("**********\r\nWelcome...\r\n\r\n>");
+    return client;
+}
+
+/// What a queue answers to "SEnd".
+std::string AskQueue(test::ConsoleClient& client, const std::string& queue, const std::string& text) {
+    const std::string line = "send " + queue + " " + text;
+    client.Send(line + "\r");
+    client.Expect(line + "\r\n>\r\nResponse received from queue " + queue + ": {time}\r\n");
+    const std::string answer = client.ReadTo("\r\n>");
+    return answer.substr(0, answer.size() - strlen("\r\n>"));
+}
+
+/// What a queue shows for "SHow SUMmary", and for the one with "DETail", which does not say from whom it comes.
+std::string Summary(test::ConsoleClient& client, const std::string& queue, bool bDetail) {
+    client.Send("show queues\r");
+    const std::string queues = client.ReadTo("\r\n\r\n>");
+    std::smatch row;
+    EXPECT_TRUE(std::regex_search(queues, row, std::regex("(\\d+) +\\d+ +\\d+ " + queue + " "))) << queues;
+    const std::string line = (bDetail ? "show detail summary " : "show summary ") + row.str(1);
+    client.Send(line + "\r");
+    client.Expect(line + "\r\n>" + (bDetail ? "" : "\r\nResponse received from queue " + queue + ": {time}\r\n"));
+    const std::string summary = client.ReadTo("\r\n>");
+    return summary.substr(0, summary.size() - strlen("\r\n>"));
 }
 
 TEST(Device, AnswersEveryCommandOverTcp) {
@@ -607,29 +664,48 @@ TEST(Device, AWatchersLinesNeverComeInsideAnotherReply) {
     EXPECT_EQ("(end)", watcher.ReadLine());
 }
 
-TEST(Device, SendsAStatusDatagramForEachSample) {
-    const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    struct sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof(address);
-    ASSERT_EQ(0, bind(fd, reinterpret_cast<struct sockaddr*>(&address), size));
-    ASSERT_EQ(0, getsockname(fd, reinterpret_cast<struct sockaddr*>(&address), &size));
-    const struct timeval limit = {kHangSeconds, 0};
-    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
+/// Somebody to whom the status datagrams go.
+class StatusReader {
+public:
+    StatusReader() : m_fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+        struct sockaddr_in address = {};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t size = sizeof(address);
+        EXPECT_EQ(0, bind(m_fd, reinterpret_cast<struct sockaddr*>(&address), size));
+        EXPECT_EQ(0, getsockname(m_fd, reinterpret_cast<struct sockaddr*>(&address), &size));
+        m_port = std::to_string(ntohs(address.sin_port));
+        const struct timeval limit = {kHangSeconds, 0};
+        setsockopt(m_fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
+    }
+    ~StatusReader() { close(m_fd); }
+    StatusReader(const StatusReader&) = delete;
+    StatusReader& operator=(const StatusReader&) = delete;
 
-    const std::string port = std::to_string(ntohs(address.sin_port));
-    Device device(Device::Changes{{"StatusPort=0", "StatusPort=" + port}});
-    EXPECT_NE(std::string::npos, device.Output().find("device: status datagrams to 127.0.0.1 port " + port + "\n"));
-    for (int i = 0; i < 3; ++i) {
+    const std::string& Port() const { return m_port; }
+
+    void ExpectSample() {
         char datagram[512];
-        const ssize_t length = recv(fd, datagram, sizeof(datagram), 0);
+        const ssize_t length = recv(m_fd, datagram, sizeof(datagram), 0);
         ASSERT_GT(length, 2) << strerror(errno);
         const std::string text(datagram, static_cast<size_t>(length));
         EXPECT_EQ("\r\n", text.substr(text.size() - 2));
         EXPECT_TRUE(Matches(text.substr(0, text.size() - 2), kSampleLine)) << text;
     }
-    close(fd);
+
+private:
+    int m_fd;
+    std::string m_port;
+};
+
+TEST(Device, SendsAStatusDatagramForEachSample) {
+    StatusReader reader;
+    Device device(Device::Changes{{"StatusPort=0", "StatusPort=" + reader.Port()}});
+    EXPECT_NE(std::string::npos,
+              device.Output().find("device: status datagrams to 127.0.0.1 port " + reader.Port() + "\n"));
+    for (int i = 0; i < 3; ++i) {
+        reader.ExpectSample();
+    }
 }
 
 TEST(Device, TracesIntoRotatingFilesOfItsOwn) {
@@ -656,6 +732,9 @@ TEST(Device, ReportsNoCriticalErrorInAWholeLife) {
     {
         Connection client(device.Port());
         HoldAConversation(client);
+        test::ConsoleClient engineer = LogIn(device);
+        EXPECT_EQ("clients: 0", AskQueue(engineer, "Server", "clients"));
+        engineer.Send("show summ"); // and on with it after the end
     }
     device.End(SIGTERM);
     EXPECT_EQ("", test::ReadFile("tqos_error.log"));
@@ -679,6 +758,360 @@ TEST(Device, SigintEndsItWithStatus0WhileClientsAreConnectedAndWaiting) {
     EXPECT_EQ("SAMPLE", slow.ReadLine().substr(0, 6));
     device.End(SIGINT);
     EXPECT_EQ("(end)", idle.ReadLine());
+}
+
+// ---- Its console
+
+/// No sample comes by itself: what is counted is what the test asked for.
+const Device::Changes kNoTimer = {{"SamplePeriodMs=10", "SamplePeriodMs=3600000"}};
+
+TEST(DeviceConsole, AsksForThePasswordOfTheSettings) {
+    Device device(Device::Changes{{"Password=lookinside", "Password=two words"}});
+    test::ConsoleClient client(device.ConsolePort());
+    client.ReadTo("\r\n\r\nlogin: ");
+    client.Send("lookinside\r");
+    client.Expect("**********\r\nInvalid login attempt.\r\n\r\nlogin: ");
+    client.Send("two words\r");
+    client.Expect("*********\r\nWelcome...\r\n\r\n>");
+    client.Send("quit\r");
+    client.Expect("quit\r\n");
+    EXPECT_TRUE(client.IsClosed());
+}
+
+TEST(DeviceConsole, ClosesAfterThreeWrongPasswordsAndAsksTheNextOne) {
+    Device device;
+    test::ConsoleClient client(device.ConsolePort());
+    client.ReadTo("\r\n\r\nlogin: ");
+    client.Send("one\r");
+    client.Expect("***\r\nInvalid login attempt.\r\n\r\nlogin: ");
+    client.Send("two\r");
+    client.Expect("***\r\nInvalid login attempt.\r\n\r\nlogin: ");
+    client.Send("three\r");
+    client.Expect("*****\r\n");
+    EXPECT_TRUE(client.IsClosed());
+    LogIn(device);
+}
+
+TEST(DeviceConsole, WithoutAPasswordWhoeverConnectsIsLoggedIn) {
+    Device device(Device::Changes{{"Password=lookinside", ""}});
+    test::ConsoleClient client(device.ConsolePort());
+    client.ReadTo("\r\n\r\n>");
+    EXPECT_EQ("clients: 0", AskQueue(client, "Server", "clients"));
+}
+
+TEST(DeviceConsole, APortThatIsTakenIsFollowedByOneThatIsNotAndItIsPrinted) {
+    Device first;
+    const unsigned int taken = first.ConsolePort();
+    ASSERT_LT(taken, 65000u);
+    Device second(Device::Changes{{"Port=0\n; All", "Port=" + std::to_string(taken) + "\n; All"}});
+    EXPECT_GT(second.ConsolePort(), taken);
+    EXPECT_LE(second.ConsolePort(), taken + 100);
+    LogIn(second);
+}
+
+TEST(DeviceConsole, WithoutAPortForItTheDeviceEndsWithStatus1) {
+    // The last port there is, in the test's hands or somebody else's: none follows it.
+    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    struct sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(65535);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ASSERT_TRUE(bind(fd, reinterpret_cast<struct sockaddr*>(&address), sizeof(address)) == 0 || errno == EADDRINUSE);
+    listen(fd, 1);
+    Device device(Device::Changes{{"Port=0\n; All", "Port=65535\n; All"}});
+    device.End(0, 1);
+    close(fd);
+    EXPECT_EQ("device: no console on port 65535 or the hundred after it; see tqos_error.log\n", device.Errors());
+    EXPECT_NE(std::string::npos, test::ReadFile("tqos_error.log").find("Failed to initialize Telnet Interface!\n"));
+    EXPECT_EQ("", device.Output());
+}
+
+TEST(DeviceConsole, ASummaryOfAllComesFromEveryQueue) {
+    Device device(kNoTimer);
+    test::ConsoleClient client = LogIn(device);
+    client.Send("show summary\r");
+    client.Expect("show summary\r\n>");
+    std::string text;
+    for (int i = 0; i < 4; ++i) { // each on its own thread: in any order
+        text += client.ReadTo("\r\n>");
+    }
+    for (const char* pszOne :
+         {"Sampler: {line}one sample every 3600000 ms; 0 taken, 0 failed",
+          "Status: {line}datagrams to nobody; 0 sent, 0 lost", "Server: {line}clients: 0; lines answered: 0",
+          "TQOS: Telnet: {line}Telnet Connections: 1"}) {
+        std::string pattern = std::string("\r\nResponse received from queue ") + pszOne + "\r\n>";
+        pattern.replace(pattern.find("{line}"), strlen("{line}"), "[^\r]*\r\n");
+        EXPECT_TRUE(std::regex_search(text, std::regex(pattern))) << pszOne << "\n" << text;
+    }
+}
+
+TEST(DeviceConsole, ADetailedSummaryNamesItsQueueItself) {
+    Device device(kNoTimer);
+    test::ConsoleClient client = LogIn(device);
+    EXPECT_TRUE(Matches(Summary(client, "Sampler", /*bDetail=*/true),
+                        (std::string("Sampler: one sample every 3600000 ms; 0 taken, 0 failed\r\n"
+                                     "  kept: 1 of 600\r\n  yet to fail: 0\r\n  newest: ") +
+                         kSampleLine)
+                            .c_str()));
+    EXPECT_EQ("Status: datagrams to nobody; 0 sent, 0 lost\r\n  socket: 0\r\n  newest: none has been sent yet",
+              Summary(client, "Status", /*bDetail=*/true));
+    EXPECT_EQ("Server: clients: 0; lines answered: 0\r\n  TCP: 127.0.0.1 port " + std::to_string(device.Port()) +
+                  "\r\n  local: device.sock",
+              Summary(client, "Server", /*bDetail=*/true));
+}
+
+struct AnswerRow {
+    const char* pszQueue;
+    const char* pszText;
+    const char* pszAnswer;
+};
+
+constexpr char kSamplerHelp[] = "Sampler knows:\r\n"
+                                "  help            shows this\r\n"
+                                "  period [ms]     shows how often a sample is taken, or changes it: 10 to 3600000\r\n"
+                                "  sample          takes one now\r\n"
+                                "  fail <samples>  lets the next ones fail, up to 1000, as if /proc could not be read; "
+                                "0 ends it";
+constexpr char kServerHelp[] = "Server knows:\r\n"
+                               "  help            shows this\r\n"
+                               "  clients         lists them\r\n"
+                               "  drop <client>   closes a client's connection, as a broken line would; all: every "
+                               "one's";
+constexpr char kStatusHelp[] = "Status knows:\r\n"
+                               "  help            shows this\r\n"
+                               "  port [port]     shows where the datagrams go, or changes it; 0 sends none";
+constexpr char kPeriodRange[] = "period takes 10 to 3600000 milliseconds";
+constexpr char kFailRange[] = "fail takes a number of samples, 0 to 1000";
+constexpr char kDropWhom[] = "drop takes the number of a client, or all";
+constexpr char kPortRange[] = "port takes 0 to 65535";
+
+TEST(DeviceConsole, EveryQueueSaysWhatItKnowsAndWhatIsWrong) {
+    const AnswerRow rows[] = {
+        {"Sampler", "help", kSamplerHelp},
+        {"Sampler", "?", kSamplerHelp},
+        {"Server", "HELP me", kServerHelp},
+        {"Status", "Help", kStatusHelp},
+        {"Sampler", "period", "one sample every 3600000 ms"},
+        {"Sampler", "PERIOD \"\"", "one sample every 3600000 ms"},
+        {"Sampler", "period 9", kPeriodRange},
+        {"Sampler", "period 3600001", kPeriodRange},
+        {"Sampler", "period fast", kPeriodRange},
+        {"Sampler", "period 10 20", "Usage: period [ms]"},
+        {"Sampler", "sample now", "Usage: sample"},
+        {"Sampler", "sample \"\"", "Usage: sample"},
+        {"Sampler", "fail", "Usage: fail <samples>"},
+        {"Sampler", "fail \"\"", "Usage: fail <samples>"},
+        {"Sampler", "fail 1001", kFailRange},
+        {"Sampler", "fail -1", kFailRange},
+        {"Sampler", "fails 1", "Sampler does not know \"fails\"; \"help\" shows what it knows."},
+        {"Sampler", "%s%n %s", "Sampler does not know \"%s%n\"; \"help\" shows what it knows."},
+        {"Sampler", "\"period", "one sample every 3600000 ms"}, // a quote that is left open goes to the end
+        {"Sampler", "\"\" sample", "Sampler does not know \"\"; \"help\" shows what it knows."},
+        {"Server", "clients all", "Usage: clients"},
+        {"Server", "drop", "Usage: drop <client>"},
+        {"Server", "drop 1 2", "Usage: drop <client>"},
+        {"Server", "drop 0", kDropWhom},
+        {"Server", "drop somebody", kDropWhom},
+        {"Server", "drop 4294967296", kDropWhom},
+        {"Server", "drop 4294967295", "there is no client 4294967295"},
+        {"Server", "drop ALL", "clients dropped: 0"},
+        {"Status", "port", "datagrams go to nobody"},
+        {"Status", "port 65536", kPortRange},
+        {"Status", "port x", kPortRange},
+        {"Status", "port 1 2", "Usage: port [port]"},
+        {"Status", "period 10", "Status does not know \"period\"; \"help\" shows what it knows."},
+    };
+    Device device(kNoTimer);
+    test::ConsoleClient client = LogIn(device);
+    for (const AnswerRow& row : rows) {
+        EXPECT_EQ(row.pszAnswer, AskQueue(client, row.pszQueue, row.pszText)) << row.pszQueue << " " << row.pszText;
+    }
+    client.Send("send Sampler\r");
+    client.Expect("send Sampler\r\nSyntax error.\r\n\r\n>");
+    const std::string word(900, 'x');
+    EXPECT_EQ("Server does not know \"" + word + "\"; \"help\" shows what it knows.", AskQueue(client, "Server", word));
+}
+
+TEST(DeviceConsole, SamplesFailAsOftenAsTheyAreToldTo) {
+    Device device(kNoTimer);
+    test::ConsoleClient client = LogIn(device);
+    EXPECT_TRUE(Matches(AskQueue(client, "Sampler", "sample"), kSampleLine));
+    EXPECT_EQ("samples yet to fail: 3", AskQueue(client, "Sampler", "fail 3"));
+    EXPECT_EQ("the sample could not be taken", AskQueue(client, "Sampler", "sample"));
+    EXPECT_EQ("the sample could not be taken", AskQueue(client, "Sampler", "sample"));
+    EXPECT_TRUE(Matches(Summary(client, "Sampler", /*bDetail=*/true),
+                        (std::string("Sampler: one sample every 3600000 ms; 1 taken, 2 failed\r\n"
+                                     "  kept: 2 of 600\r\n  yet to fail: 1\r\n  newest: ") +
+                         kSampleLine)
+                            .c_str()));
+    EXPECT_EQ("samples yet to fail: 0", AskQueue(client, "Sampler", "fail 0"));
+    EXPECT_TRUE(Matches(AskQueue(client, "Sampler", "sample"), kSampleLine));
+    EXPECT_EQ("one sample every 3600000 ms; 2 taken, 2 failed", Summary(client, "Sampler", /*bDetail=*/false));
+    device.End(SIGTERM);
+    const std::string trace = test::ReadFile("device0000.log");
+    EXPECT_EQ(2u, test::CountOf(trace, "(device) WRN: a sample could not be taken\n")) << trace;
+}
+
+TEST(DeviceConsole, TheSamplePeriodChangesWhileItRuns) {
+    Device device(kNoTimer);
+    test::ConsoleClient client = LogIn(device);
+    EXPECT_EQ("one sample every 3600000 ms; 0 taken, 0 failed", Summary(client, "Sampler", /*bDetail=*/false));
+    EXPECT_EQ("one sample every 10 ms", AskQueue(client, "Sampler", "period 10"));
+    EXPECT_TRUE(test::WaitUntil(
+        [&client] {
+            const std::string summary = Summary(client, "Sampler", /*bDetail=*/false);
+            return Matches(summary, R"(one sample every 10 ms; ([3-9]|\d\d+) taken, 0 failed)");
+        },
+        kHangSeconds));
+    client.Send("show timers\r");
+    const std::string timers = client.ReadTo("\r\n\r\n>");
+    EXPECT_EQ(1u, test::CountOf(timers, " Sample ")) << timers; // the same timer, not another one
+}
+
+TEST(DeviceConsole, ListsTheServersClientsAndDropsThem) {
+    Device device(kNoTimer);
+    test::ConsoleClient client = LogIn(device);
+    EXPECT_EQ("clients: 0", AskQueue(client, "Server", "clients"));
+    Connection first(device.Port());
+    EXPECT_EQ("WATCHING 3600000", first.Ask("WATCH 3600000"));
+    Connection second(device.SocketPath());
+    EXPECT_EQ("ERROR empty line", second.Ask(""));
+    EXPECT_EQ("END 1", (second.Ask("HISTORY 1"), second.ReadLine()));
+
+    const std::string table = AskQueue(client, "Server", "clients");
+    std::smatch numbers;
+    ASSERT_TRUE(std::regex_match(table, numbers,
+                                 std::regex("clients: 2\r\n    Client  From   Lines     Watch\\(ms\\) Unsent"
+                                            "\r\n +(\\d+)  TCP    1         3600000   0"
+                                            "\r\n +(\\d+)  local  2         0         0")))
+        << table;
+    EXPECT_EQ("clients: 2; lines answered: 3", Summary(client, "Server", /*bDetail=*/false));
+    const std::string detail = Summary(client, "Server", /*bDetail=*/true);
+    EXPECT_EQ(table.substr(strlen("clients: 2")), detail.substr(detail.find("device.sock") + strlen("device.sock")));
+
+    EXPECT_EQ("clients dropped: 1", AskQueue(client, "Server", "drop " + numbers.str(1)));
+    EXPECT_EQ("(end)", first.ReadLine());
+    EXPECT_EQ("there is no client " + numbers.str(1), AskQueue(client, "Server", "drop " + numbers.str(1)));
+    EXPECT_TRUE(Matches(second.Ask("GET load"), kLoadLine));
+    EXPECT_EQ("clients dropped: 1", AskQueue(client, "Server", "drop all"));
+    EXPECT_EQ("(end)", second.ReadLine());
+    EXPECT_EQ("clients: 0; lines answered: 4", Summary(client, "Server", /*bDetail=*/false));
+    Connection third(device.Port());
+    EXPECT_EQ("BYE", third.Ask("QUIT"));
+}
+
+TEST(DeviceConsole, TheStatusDatagramsGoWhereTheyAreTold) {
+    StatusReader one;
+    StatusReader other;
+    Device device(kNoTimer);
+    test::ConsoleClient client = LogIn(device);
+    EXPECT_EQ("datagrams go to 127.0.0.1 port " + one.Port(), AskQueue(client, "Status", "port " + one.Port()));
+    AskQueue(client, "Sampler", "sample");
+    one.ExpectSample();
+    EXPECT_EQ("datagrams go to 127.0.0.1 port " + other.Port(), AskQueue(client, "Status", "port " + other.Port()));
+    AskQueue(client, "Sampler", "sample");
+    other.ExpectSample();
+    EXPECT_EQ("datagrams to 127.0.0.1 port " + other.Port() + "; 2 sent, 0 lost",
+              Summary(client, "Status", /*bDetail=*/false));
+    EXPECT_EQ("datagrams go to nobody", AskQueue(client, "Status", "port 0"));
+    AskQueue(client, "Sampler", "sample");
+    EXPECT_EQ("datagrams to nobody; 2 sent, 0 lost", Summary(client, "Status", /*bDetail=*/false));
+}
+
+TEST(DeviceConsole, EndsWithTheDeviceWhileSessionsAreOpen) {
+    Device device;
+    test::ConsoleClient atLogin(device.ConsolePort());
+    atLogin.ReadTo("login: ");
+    test::ConsoleClient typing = LogIn(device);
+    typing.Send("show summ");
+    typing.Expect("show summ");
+    test::ConsoleClient asking = LogIn(device);
+    for (int i = 0; i < 200; ++i) {
+        asking.Send("show summary\rsend Sampler sample\r");
+    }
+    device.End(SIGTERM);
+    EXPECT_TRUE(atLogin.IsClosed());
+    EXPECT_TRUE(typing.IsClosed());
+    EXPECT_EQ("", test::ReadFile("tqos_error.log"));
+}
+
+/// The program telnet on a terminal of its own, as under somebody's hands: it sends each key by itself, and the console
+/// echoes.
+class Telnet {
+public:
+    explicit Telnet(unsigned int port) {
+        const std::string text = std::to_string(port);
+        m_pid = forkpty(&m_terminal, nullptr, nullptr, nullptr);
+        if (m_pid == 0) {
+            execlp("telnet", "telnet", "127.0.0.1", text.c_str(), static_cast<char*>(nullptr));
+            _exit(127);
+        }
+    }
+    ~Telnet() {
+        close(m_terminal); // hangs up on it, where it still runs
+        waitpid(m_pid, nullptr, 0);
+    }
+    Telnet(const Telnet&) = delete;
+    Telnet& operator=(const Telnet&) = delete;
+
+    void Type(const std::string& keys) {
+        for (const char key : keys) {
+            ASSERT_EQ(1, write(m_terminal, &key, 1)) << strerror(errno);
+        }
+    }
+
+    /// What comes on the screen until the text has come there.
+    std::string WatchTo(const std::string& text) {
+        const size_t from = m_screen.size();
+        size_t at;
+        while ((at = m_screen.find(text, from)) == std::string::npos) {
+            struct pollfd readable = {m_terminal, POLLIN, 0};
+            char bytes[4096];
+            const ssize_t length =
+                poll(&readable, 1, kHangSeconds * 1000) == 1 ? read(m_terminal, bytes, sizeof(bytes)) : 0;
+            if (length <= 0) {
+                ADD_FAILURE() << "never came: " << test::Shown(text) << "\nscreen:\n" << test::Shown(m_screen);
+                return "";
+            }
+            m_screen.append(bytes, static_cast<size_t>(length));
+        }
+        EXPECT_EQ(m_screen.size(), at + text.size()) << test::Shown(m_screen.substr(at));
+        return m_screen.substr(from);
+    }
+
+    const std::string& Screen() const { return m_screen; }
+
+private:
+    int m_terminal = -1;
+    pid_t m_pid = 0;
+    std::string m_screen;
+};
+
+TEST(DeviceConsole, IsLoggedInToWithTelnetOnATerminal) {
+    Device device(kNoTimer);
+    Telnet telnet(device.ConsolePort());
+    telnet.WatchTo("\r\nlogin: ");
+    telnet.Type("lookinsode\b\b\bide\r"); // a key that was wrong is taken back
+    telnet.WatchTo("\r\n>");
+    EXPECT_NE(std::string::npos, telnet.Screen().find("login: **********\b \b\b \b\b \b***\r\nWelcome...\r\n\r\n>"))
+        << test::Shown(telnet.Screen());
+    EXPECT_EQ(std::string::npos, telnet.Screen().find("look")) << test::Shown(telnet.Screen());
+
+    telnet.Type("send sampler peroid\b\b\biod\r");
+    telnet.WatchTo("one sample every 3600000 ms\r\n>");
+    telnet.Type("sh ti");
+    telnet.WatchTo("sh ti");
+    telnet.Type("\x1b[A"); // up: the half typed line gives way to the one before
+    EXPECT_EQ("\b \b\b \b\b \b\b \b\b \bsend sampler period", telnet.WatchTo("send sampler period"));
+    telnet.Type(" 500\r");
+    EXPECT_NE(std::string::npos,
+              telnet.WatchTo("one sample every 500 ms\r\n>").find("Response received from queue Sampler: "));
+    telnet.Type("\x05");
+    EXPECT_EQ("\r\necho off\r\n\r\n>", telnet.WatchTo("\r\n>"));
+    telnet.Type("\x05");
+    EXPECT_EQ("\r\necho on\r\n\r\n>", telnet.WatchTo("\r\n>"));
+    telnet.Type("quit\r");
+    telnet.WatchTo("quit\r\nConnection closed by foreign host.\r\n");
 }
 
 TEST(Device, ThePortOfTheCommandLineComesBeforeTheOneInTheSettings) {
