@@ -10,6 +10,8 @@
 #include <gtest/gtest.h>
 
 #include "ConsoleFixture.h"
+#include "TerminalProgram.h"
+#include "tq_List_p.h"
 
 namespace {
 
@@ -255,26 +257,97 @@ TEST(TelnetParser, EveryKeywordHasCapitalsOrIsAQuestionMark) {
 
 // Commands, in sessions
 
-class CommandSession : public testing::TestWithParam<const char*> {};
+unsigned int HandleOf(const tq_List& list) {
+    const tq_CritSecLock lock(gpListOfListsCritSec);
+    const LISTOFLISTS* pRecord = gpListOfLists;
+    while (pRecord && pRecord->pList != &list) {
+        pRecord = pRecord->pNext;
+    }
+    return pRecord ? pRecord->handle : 0;
+}
+
+constexpr char kAllOfMemory[] = "[Memory]\nEnableMemoryPooling=Yes\nEnableMemoryTracking=Yes\nEnableHistogram=Yes\n";
+
+/// What the written sessions are about: besides the console's queues a timer, a list with a hash, and blocks of memory.
+class House {
+public:
+    explicit House(const std::string& ini) : m_console(nullptr, ini), m_windows("Windows of the house") {
+        tq_TimerSet(m_console.Door().GetHandle(), 1000000, 7, 8, 9, 0, "door closes", false);
+        m_windows.HashCreate(LIST_TYPE_U32BITS, 0, 8, nullptr, "by number");
+        for (unsigned int& window : m_numbers) {
+            m_windows.AddToTail(&window);
+        }
+        for (void*& pBlock : m_blocks) {
+            const unsigned int row = static_cast<unsigned int>(&pBlock - m_blocks);
+            pBlock = tq__calloc(1, row < 2 ? 100 : 20, row < 2 ? "house/door.cpp" : "house/window.cpp", 70 + row / 2);
+            snprintf(static_cast<char*>(pBlock), 20, "block %u\n\xff%%s%%n", row);
+        }
+        EXPECT_TRUE(test::WaitUntil([] { return tqOS_uptime() != 0; })); // the clock's first tick
+    }
+    ~House() {
+        for (void* pBlock : m_blocks) {
+            tq_free(pBlock);
+        }
+    }
+
+    Console& TheConsole() { return m_console; }
+
+    /// What stands for itself in a session that runs on this connection.
+    test::Values ValuesFor(ConsoleClient& client) {
+        test::Values values = m_console.TheValues();
+        values["directory"] = m_console.TheLibrary().Path();
+        values["port"] = std::to_string(m_console.Port());
+        values["self"] = std::to_string(m_console.SocketOf(client));
+        values["windows"] = std::to_string(HandleOf(m_windows));
+        return values;
+    }
+
+private:
+    Console m_console;
+    tq_List m_windows;
+    unsigned int m_numbers[10] = {2, 3, 11, 19, 4, 12, 20, 6, 14, 7}; // 0 0 1 3 3 0 2 1 to a bucket
+    void* m_blocks[5];
+};
+
+struct HouseSession {
+    const char* pszName;
+    const char* pszIni;
+};
+
+void PrintTo(const HouseSession& session, std::ostream* pStream) {
+    *pStream << session.pszName;
+}
+
+class CommandSession : public testing::TestWithParam<HouseSession> {};
 
 TEST_P(CommandSession, RunsAsWritten) {
-    const bool bMemory = std::string(GetParam()) == "memory";
-    Console console(
-        nullptr, bMemory ? "[Memory]\nEnableMemoryPooling=Yes\nEnableMemoryTracking=Yes\nEnableHistogram=Yes\n" : "");
-    test::Values values = console.TheValues();
-    values["directory"] = console.TheLibrary().Path();
-    tq_TimerSet(console.Door().GetHandle(), 1000000, 7, 8, 9, 0, "door closes", false);
-    ConsoleClient client = console.Connect();
-    values["console"] = std::to_string(tq_ConsoleQueueHandle());
-    values["port"] = std::to_string(console.Port());
-    values["self"] = std::to_string(console.SocketOf(client));
-    ASSERT_TRUE(test::WaitUntil([] { return tqOS_uptime() != 0; })); // the clock's first tick
-    test::RunSession(client, test::SessionFile(GetParam()), values);
+    House house(GetParam().pszIni);
+    ConsoleClient client = house.TheConsole().Connect();
+    const test::Values values = house.ValuesFor(client);
+    test::RunSession(client, test::SessionFile(GetParam().pszName), values);
+}
+
+TEST_P(CommandSession, RunsThroughTheRealClientToo) {
+    if (!test::HaveTelnet()) {
+        GTEST_SKIP() << "this machine has no telnet program";
+    }
+    House house(std::string(GetParam().pszIni) + test::kNoCrashReport);
+    test::TelnetProgram telnet(house.TheConsole().Port());
+    telnet.Terminal().ReadTo("\r\n\r\n>");
+    const test::Values values = house.ValuesFor(telnet.Terminal());
+    test::RunSession(telnet.Terminal(), test::SessionFile(GetParam().pszName), values);
 }
 
 INSTANTIATE_TEST_SUITE_P(Telnet, CommandSession,
-                         testing::Values("help", "show", "control", "trace", "memory", "lists", "queues", "sockets"),
-                         [](const auto& name) { return std::string(name.param); });
+                         testing::Values(HouseSession{"help", ""}, HouseSession{"show", ""},
+                                         HouseSession{"control", ""}, HouseSession{"trace", ""},
+                                         HouseSession{"lists", ""}, HouseSession{"hashes", ""},
+                                         HouseSession{"queues", ""}, HouseSession{"sockets", ""},
+                                         HouseSession{"memory", kAllOfMemory},
+                                         HouseSession{"memory_blocks", kAllOfMemory},
+                                         HouseSession{"memory_tracking", "[Memory]\nEnableMemoryTracking=Yes\n"},
+                                         HouseSession{"memory_none", ""}),
+                         [](const auto& session) { return std::string(session.param.pszName); });
 
 TEST(TelnetCommands, TheScriptHelpIsTheGeneralOnesPartOfIt) {
     Console console;

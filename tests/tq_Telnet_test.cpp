@@ -2,15 +2,14 @@
 
 #include <atomic>
 #include <fcntl.h>
-#include <pty.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <thread>
 
 #include <gtest/gtest.h>
 
 #include "ConsoleFixture.h"
+#include "TerminalProgram.h"
 
 namespace {
 
@@ -45,6 +44,17 @@ TEST_P(ConsoleSession, RunsAsWritten) {
     WriteScripts();
     ConsoleClient client = console.Connect();
     test::RunSession(client, test::SessionFile(GetParam().pszName), console.TheValues());
+}
+
+TEST_P(ConsoleSession, RunsThroughTheRealClientToo) {
+    if (!test::HaveTelnet()) {
+        GTEST_SKIP() << "this machine has no telnet program";
+    }
+    Console console(GetParam().pszPassword, test::kNoCrashReport);
+    WriteScripts();
+    test::TelnetProgram telnet(console.Port());
+    telnet.Terminal().ReadTo(GetParam().pszPassword ? "login: " : "\r\n\r\n>");
+    test::RunSession(telnet.Terminal(), test::SessionFile(GetParam().pszName), console.TheValues());
 }
 
 INSTANTIATE_TEST_SUITE_P(Telnet, ConsoleSession,
@@ -169,7 +179,13 @@ TEST(Telnet, TheHundredAndFirstCommandPushesTheOldestOut) {
 TEST(Telnet, ASessionThatVanishesIsForgotten) {
     Console console;
     ConsoleClient stays = console.Connect();
-    for (const char* pszTyped : {"", "sh ti", "\x1b[", "send door x\r", "sh sum\r", "help\rhelp\rhelp\r"}) {
+    std::string script;
+    for (int i = 0; i < 500; ++i) {
+        script += "sh l\rsh th\rrun nothing\r";
+    }
+    test::WriteFile("long.txt", script);
+    for (const char* pszTyped : {"", "sh ti", "\x1b[", "send door x\r", "sh sum\r", "help\rhelp\rhelp\r",
+                                 "sh l\rsh det mem\rsh mem\rset his door 5\r", "run long.txt\r"}) {
         for (int i = 0; i < 5; ++i) {
             ConsoleClient vanishes(console.Port());
             vanishes.Send(pszTyped);
@@ -507,6 +523,47 @@ TEST(Telnet, StartsAreCounted) {
     tq_TelnetTerminate();
 }
 
+TEST(Telnet, StartsAndStopsOfManyThreadsAreCounted) {
+    test::Library library;
+    const unsigned int port = tq_TelnetInitialize(0, test::Loopback(), nullptr);
+    std::vector<std::thread> users;
+    for (int i = 0; i < 4; ++i) {
+        users.emplace_back([port] {
+            for (int round = 0; round < 50; ++round) {
+                EXPECT_EQ(port, tq_TelnetInitialize(0, 0, "Secret"));
+                tq_TelnetTerminate();
+            }
+        });
+    }
+    for (std::thread& user : users) {
+        user.join();
+    }
+    ConsoleClient client(port);
+    test::RunSession(client, test::SessionFile("greeting"), {{"prompt", ">"}});
+    tq_TelnetTerminate();
+    EXPECT_TRUE(client.IsClosed());
+}
+
+TEST(Telnet, StartsWithAnyOfManyUsersAndStopsWithTheLast) {
+    test::Library library;
+    std::vector<std::thread> users;
+    for (int i = 0; i < 4; ++i) {
+        users.emplace_back([] {
+            for (int round = 0; round < 10; ++round) {
+                const unsigned int port = tq_TelnetInitialize(0, test::Loopback(), nullptr);
+                EXPECT_NE(0u, port);
+                ConsoleClient client(port); // somebody starts it; this one's port is the running one's
+                client.ReadTo(">");
+                tq_TelnetTerminate();
+            }
+        });
+    }
+    for (std::thread& user : users) {
+        user.join();
+    }
+    EXPECT_EQ(0u, tq_ConsoleQueueHandle());
+}
+
 TEST(Telnet, DoesNotStartWithoutTheLibrary) {
     EXPECT_EQ(0u, tq_TelnetInitialize(0, test::Loopback(), nullptr));
     tq_TelnetTerminate();
@@ -616,55 +673,13 @@ TEST(Telnet, AConsoleWithoutMemoryForItDoesNotStart) {
 
 // The real client
 
-/// A program under a terminal of its own.
-class TerminalProgram {
-public:
-    explicit TerminalProgram(std::vector<std::string> arguments) {
-        std::vector<char*> argv;
-        for (std::string& argument : arguments) {
-            argv.push_back(&argument[0]);
-        }
-        argv.push_back(nullptr);
-        struct winsize size = {24, 80, 0, 0};
-        int fd = -1;
-        m_child = forkpty(&fd, nullptr, nullptr, &size);
-        if (m_child == 0) {
-            execvp(argv[0], argv.data());
-            _exit(127);
-        }
-        m_pTerminal.reset(new ConsoleClient(test::Fd(fd)));
-    }
-    ~TerminalProgram() {
-        m_pTerminal->Close(); // the program is hung up on
-        waitpid(m_child, nullptr, 0);
-    }
-
-    ConsoleClient& Terminal() { return *m_pTerminal; }
-
-private:
-    pid_t m_child;
-    std::unique_ptr<ConsoleClient> m_pTerminal;
-};
-
-bool HaveTelnet() {
-    std::istringstream path(getenv("PATH") ? getenv("PATH") : "");
-    std::string directory;
-    while (std::getline(path, directory, ':')) {
-        if (access((directory + "/telnet").c_str(), X_OK) == 0) {
-            return true;
-        }
-    }
-    return false;
-}
-
 TEST(TelnetProgram, ReachesTheConsoleCharacterByCharacter) {
-    if (!HaveTelnet()) {
+    if (!test::HaveTelnet()) {
         GTEST_SKIP() << "this machine has no telnet program";
     }
-    Console console("Secret", "[SignalHandler]\nDisable=yes\n");
-    TerminalProgram telnet({"telnet", "127.0.0.1", std::to_string(console.Port())});
+    Console console("Secret", test::kNoCrashReport);
+    test::TelnetProgram telnet(console.Port());
     ConsoleClient& terminal = telnet.Terminal();
-    terminal.ReadTo("Escape character is '^]'.\r\n");
     EXPECT_NE(std::string::npos, terminal.ReadTo("login: ").find("##########"));
     for (char character : std::string("Secret")) { // not echoed: not by the program, not by the console
         terminal.Send(std::string(1, character));
@@ -703,11 +718,11 @@ TEST(TelnetProgram, ReachesTheConsoleCharacterByCharacter) {
 }
 
 TEST(TelnetProgram, IsClosedAfterThreeWrongPasswords) {
-    if (!HaveTelnet()) {
+    if (!test::HaveTelnet()) {
         GTEST_SKIP() << "this machine has no telnet program";
     }
-    Console console("Secret", "[SignalHandler]\nDisable=yes\n");
-    TerminalProgram telnet({"telnet", "127.0.0.1", std::to_string(console.Port())});
+    Console console("Secret", test::kNoCrashReport);
+    test::TelnetProgram telnet(console.Port());
     ConsoleClient& terminal = telnet.Terminal();
     terminal.ReadTo("login: ");
     terminal.Send("a\r");

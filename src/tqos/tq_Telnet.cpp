@@ -639,11 +639,15 @@ void OnNewConnection(const MSG_COMMON& msg) {
     pSession->bEcho = true;
     pSession->bHideEcho = gbRequirePassword;
     pSession->bLoggedIn = !gbRequirePassword;
+    gpTelnetInstanceList->AddToTail(pSession);
+    if (FindSessionLocked(socket) != pSession) { // there was no memory for its place in the list
+        tq_free(pSession);
+        return;
+    }
     tq_SocketSetName(socket, "Telnet instance");
     const int noDelay = 1; // the many small pieces of an answer do not wait for each other to be acknowledged
     tq_SocketSetOpt(static_cast<int>(socket), IPPROTO_TCP, TCP_NODELAY, &noDelay, sizeof(noDelay));
     Greet(*pSession);
-    gpTelnetInstanceList->AddToTail(pSession);
 }
 
 void OnData(const MSG_COMMON& msg) {

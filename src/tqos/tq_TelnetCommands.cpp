@@ -23,11 +23,16 @@
 
 // Words
 
+namespace {
+
+constexpr char kBlanks[] = " \t";
+
+} // namespace
+
 char* tq_TelnetGetNextToken(char** ppszLine) {
     if (!ppszLine || !*ppszLine) {
         return nullptr;
     }
-    static constexpr char kBlanks[] = " \t";
     char* pszWord = *ppszLine + strspn(*ppszLine, kBlanks);
     if (*pszWord == '\0') {
         *ppszLine = pszWord;
@@ -62,6 +67,12 @@ bool BeginsWith(const char* pszText, const char* pszBeginning) {
 
 bool IsNumber(const char* pszWord) {
     return *pszWord != '\0' && pszWord[strspn(pszWord, "0123456789")] == '\0';
+}
+
+/// Whether a text is this word and nothing else but blanks behind it.
+bool IsOnly(const char* pszText, const char* pszWord) {
+    const size_t length = strlen(pszWord);
+    return strncmp(pszText, pszWord, length) == 0 && pszText[length + strspn(pszText + length, kBlanks)] == '\0';
 }
 
 bool IsHexadecimal(const char* pszWord) {
@@ -260,7 +271,7 @@ FUNCTION_RC ShowHashes(TELNET_INSTANCE* pTelnetInstance, char* pszArguments, uns
 FUNCTION_RC MemoryHelp(const TELNET_INSTANCE* pTelnetInstance);
 
 FUNCTION_RC ShowMemory(TELNET_INSTANCE* pTelnetInstance, char* pszArguments, unsigned int uiFlags, char**) {
-    if (strcmp(pszArguments, "?") == 0) {
+    if (IsOnly(pszArguments, "?")) {
         return MemoryHelp(pTelnetInstance);
     }
     tq_ShowMemory(pTelnetInstance->socket, uiFlags, pszArguments);
@@ -300,13 +311,14 @@ FUNCTION_RC ShowDirectory(TELNET_INSTANCE* pTelnetInstance, char*, unsigned int,
     return FUNCTION_RC::SUCCESS;
 }
 
+constexpr unsigned int kMsPerSecond = 1000;
+
 struct TimeUnit {
     unsigned int ms;
     const char* pszOne;
     const char* pszMany;
 };
 
-constexpr unsigned int kMsPerSecond = 1000;
 constexpr TimeUnit kUnits[] = {
     {24 * 60 * 60 * kMsPerSecond, "day", "days"},
     {60 * 60 * kMsPerSecond, "hour", "hours"},
@@ -314,9 +326,23 @@ constexpr TimeUnit kUnits[] = {
 };
 
 FUNCTION_RC ShowUptime(TELNET_INSTANCE*, char*, unsigned int, char** ppszResponse) {
-    unsigned int ms = tqOS_uptime();
+    *ppszResponse = tq_TelnetUptimeText(tqOS_uptime());
+    return FUNCTION_RC::SUCCESS;
+}
+
+FUNCTION_RC ShowCurrentTime(TELNET_INSTANCE*, char*, unsigned int, char** ppszResponse) {
+    // Deliberate: a reader would expect "millisecond". Tools that read the answer look for the word as it is.
+    tq_ReportText report(64);
+    report.Append("Current System milliseond time: %u\r\n", tq_GetTimeInMS());
+    *ppszResponse = report.Release();
+    return FUNCTION_RC::SUCCESS;
+}
+
+} // namespace
+
+char* tq_TelnetUptimeText(unsigned int ms) {
     if (ms == 0) {
-        return Answer(ppszResponse, "TQOS is not currently initialized!\r\n");
+        return tq_newString("TQOS is not currently initialized!\r\n");
     }
     tq_ReportText report(128);
     report.Append("TQOS has been up for:");
@@ -330,19 +356,8 @@ FUNCTION_RC ShowUptime(TELNET_INSTANCE*, char*, unsigned int, char** ppszRespons
         ms %= unit.ms;
     }
     report.Append(" %u.%03u %s", ms / kMsPerSecond, ms % kMsPerSecond, "seconds");
-    *ppszResponse = report.Release();
-    return FUNCTION_RC::SUCCESS;
+    return report.Release();
 }
-
-FUNCTION_RC ShowCurrentTime(TELNET_INSTANCE*, char*, unsigned int, char** ppszResponse) {
-    // Deliberate: a reader would expect "millisecond". Tools that read the answer look for the word as it is.
-    tq_ReportText report(64);
-    report.Append("Current System milliseond time: %u\r\n", tq_GetTimeInMS());
-    *ppszResponse = report.Release();
-    return FUNCTION_RC::SUCCESS;
-}
-
-} // namespace
 
 // SEnd
 
@@ -745,7 +760,7 @@ constexpr char kHelpMemory[] =
     "    pool=<n>\r\n"
     "           Only pool n (1 is the first).\r\n"
     "    filter=<text>\r\n"
-    "           DETail: only blocks from files whose names contain the text.\r\n"
+    "           DETail: only blocks from files whose names contain the text (in either case).\r\n"
     "    filterout=<text>\r\n"
     "           DETail: only blocks from files whose names do not contain the text.\r\n"
     "    size=<n>\r\n"

@@ -63,6 +63,10 @@ FUNCTION_RC tq_TelnetRunScript(TELNET_INSTANCE* pTelnetInstance, const char* psz
 FUNCTION_RC tq_TelnetScriptHelp(TELNET_INSTANCE* pTelnetInstance, char* pszArguments, unsigned int uiFlags,
                                 char** ppszResponse);
 
+/// What "SHow UPtime" says of a time in milliseconds, from its largest unit on that is not 0.
+/// @return a text that the caller frees; null without memory
+char* tq_TelnetUptimeText(unsigned int ms);
+
 /// Stops the console whose queue the library's termination has destroyed, for all its users.
 void tq_TelnetLibraryEnds();
 

@@ -97,8 +97,14 @@ public:
         return m_came;
     }
 
+    /// What a program that stands between says of its own when the session has ended.
+    void ExpectAtEnd(const std::string& text) { m_atEnd = text; }
+
     /// The session has ended, and nothing more came before.
     bool IsClosed() {
+        if (!m_atEnd.empty() && !Expect(m_atEnd)) {
+            return false;
+        }
         const int byte = Peek();
         EXPECT_EQ(-1, byte) << Shown(Rest());
         return byte == -1;
@@ -172,6 +178,7 @@ private:
     std::string m_buffer;
     size_t m_at = 0;
     std::string m_came;
+    std::string m_atEnd;
 };
 
 /// \r, \n, \t, \e, \b, \\ and \xHH as the bytes they stand for.
