@@ -23,9 +23,8 @@ typedef struct _tqLZW_HEADER {
 extern "C" {
 
 /// Compresses inlen bytes.
-/// @param output  receives a new buffer (malloc family) with the stream; the caller frees it with tq_free. Left as it
-/// is
-///                when there is nothing to compress; null when there is no memory
+/// @param output  receives a new buffer (malloc family) with the stream, which the caller frees with tq_free; null when
+///                there is no memory; left as it is when there is nothing to compress
 /// @param outlen  receives the stream's length in bytes; 0 when inlen is 0 or there is no memory
 /// Data in which one byte repeats some eight million times or more builds strings longer than 4095 bytes; a stream
 /// of it compresses but does not expand again. Compress such data in pieces.
