@@ -431,6 +431,23 @@ TEST_F(StringTest, ATextMayBeAPieceOfTheStringItself) {
     }
 }
 
+TEST_F(StringTest, AZeroByteWithinTheTextIsAByteLikeAnyOther) {
+    const String s = Make("a&");
+    EXPECT_EQ(0, tq_string_xmlEscape(s.get()));
+    EXPECT_EQ(0, tq_string_append(s.get(), "bc\r\nrest"));
+    ASSERT_EQ(std::string("a&amp;\0bc\r\nrest", 15), TextOf(s));
+    EXPECT_EQ(7, tq_string_find(s.get(), "bc", 0));
+    EXPECT_EQ('b', *tq_string_ptr(s.get(), 7));
+    const String piece(tq_string_substring(s.get(), 5, 3));
+    EXPECT_EQ(std::string(";\0b", 3), TextOf(piece));
+    char line[20];
+    EXPECT_EQ(0, tq_string_getline(s.get(), line, sizeof(line)));
+    EXPECT_EQ(std::string("a&amp;\0bc\0", 10), std::string(line, 10));
+    EXPECT_EQ("rest", TextOf(s));
+    EXPECT_EQ(0, tq_string_replace(piece.get(), 0, 2, "x"));
+    EXPECT_EQ("xb", TextOf(piece));
+}
+
 TEST_F(StringTest, LowerCaseCoversTheWholeText) {
     const String s = Make("MiXeD 12 \xc4");
     EXPECT_EQ(0, tq_string_strlwr(s.get()));
@@ -468,6 +485,22 @@ TEST_F(StringTest, WhatTheFormatterRefusesIsAppendedAsFarAsItCame) {
     AllowBytes(0);
     EXPECT_EQ(1, tq_string_sprintf(s.get(), "text %ls after", impossible));
     gMemoryCapInBytes = 0;
+}
+
+TEST_F(StringTest, AFormattedZeroByteEndsWhatIsAppended) {
+    const String s = Make("before ");
+    EXPECT_EQ(0, tq_string_sprintf(s.get(), "ab%ccd", 0));
+    EXPECT_EQ("before ab", TextOf(s));
+}
+
+TEST_F(StringTest, AllByteValuesMayBeFormatted) {
+    const String s = Make();
+    std::string expected;
+    for (int c = 1; c < 256; ++c) {
+        EXPECT_EQ(0, tq_string_sprintf(s.get(), "%c%s", c, expected.substr(0, 1).c_str()));
+        expected += static_cast<char>(c) + expected.substr(0, 1);
+    }
+    EXPECT_EQ(expected, TextOf(s));
 }
 
 TEST_F(StringTest, AStringsOwnTextMayBeFormattedIntoIt) {
@@ -572,6 +605,18 @@ TEST_F(StringTest, EscapingTwiceEscapesTheTextAndNotItsZero) {
     EXPECT_EQ(0, tq_string_escape(s.get()));
     EXPECT_EQ(0, tq_string_escape(s.get()));
     EXPECT_EQ("&amp;#x40;", CountedText(s));
+}
+
+TEST_F(StringTest, ALongTextGrowsByAllThatItsEscapesNeed) {
+    const std::string quotes(70000, '"');
+    std::string expected;
+    for (int i = 0; i < 70000; ++i) {
+        expected += "&quot;";
+    }
+    EXPECT_EQ(expected, Escaped(quotes));
+    EXPECT_EQ(expected, XmlEscaped(quotes));
+    EXPECT_EQ(quotes, Unescaped(expected));
+    EXPECT_EQ(quotes, XmlUnescaped(expected));
 }
 
 TEST_F(StringTest, TheBufferIsReplacedOnlyByALargerOne) {
