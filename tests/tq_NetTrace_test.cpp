@@ -23,6 +23,7 @@
 #include "TestSupport.h"
 #include "tq_Base.h"
 #include "tq_Lifecycle_p.h"
+#include "tq_List_p.h"
 #include "tq_Memory_p.h"
 #include "tq_MsgQ_p.h"
 #include "tq_Socket_p.h"
@@ -380,6 +381,16 @@ TEST(NetTrace, WithoutMemoryForTheQueueItStaysOff) {
     EXPECT_LT(4u, EnableWithEverMoreMemory(handle));
 }
 
+unsigned int ListsNamed(const std::string& name) {
+    const tq_CritSecLock lock(gpListOfListsCritSec);
+    unsigned int count = 0;
+    for (const LISTOFLISTS* pRecord = gpListOfLists; pRecord; pRecord = pRecord->pNext) {
+        const char* const pszName = tq_ListInside::StateOf(*pRecord->pList).pName;
+        count += pszName && name == pszName ? 1 : 0;
+    }
+    return count;
+}
+
 TEST(NetTrace, QueueSocketListAndTimersHaveTheirNames) {
     Library library(kIni);
     const unsigned int handle = tq_TraceInitInstance("T");
@@ -399,6 +410,7 @@ TEST(NetTrace, QueueSocketListAndTimersHaveTheirNames) {
         tq_LockedTrace trace;
         EXPECT_STREQ("127.0.0.1:T", RecordLocked(handle)->pNetTrace->ApplicationName());
     }
+    EXPECT_EQ(1u, ListsNamed("127.0.0.1:T"));
     EXPECT_EQ(1u, CountOf(Timers(), "TqTrace Announcement"));
     EXPECT_TRUE(WaitUntil([] { return CountOf(Timers(), "TqTrace Keepalive") == 1; }));
 }
