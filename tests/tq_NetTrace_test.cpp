@@ -198,7 +198,8 @@ void CountMarker() {
     ++gMarkers;
 }
 
-/// Waits until the queue has handled all that was sent to the instance's socket before.
+/// Waits until the queue has handled all that was sent to the instance's socket before. There must be no reset among
+/// it.
 void WaitUntilHandled(unsigned int handle, const char* pszAddress = "127.0.0.1") {
     PFN_ONRESET pfnBefore;
     {
@@ -762,28 +763,33 @@ void CountReset() {
     ++gResets;
 }
 
+/// Waits likewise where a reset is under way, which would be taken for the marker.
+void WaitUntilResetIsHandled(unsigned int handle) {
+    Subscribed last(handle);
+}
+
 TEST(NetTrace, AResetCallsTheHandlerAndItsSetterDeliberatelySays1) {
     Library library(kIni);
     const unsigned int handle = tq_TraceInitInstance("T");
     Viewer viewer;
     viewer.Send(PortOfInstance(handle), Wire("RESET/")); // there is no handler
-    WaitUntilHandled(handle);
+    WaitUntilResetIsHandled(handle);
     EXPECT_EQ(1, tq_TraceSetResetHandler(handle, CountReset));
     gResets = 0;
     viewer.Send(PortOfInstance(handle), "RESET/");
     viewer.Send(PortOfInstance(handle), Wire("RESET/"));
     viewer.Send(PortOfInstance(handle), Wire("RESET/now"));
     EXPECT_TRUE(WaitUntil([] { return gResets >= 2; }));
-    WaitUntilHandled(handle);
+    WaitUntilResetIsHandled(handle);
     EXPECT_EQ(2u, gResets);
     EXPECT_EQ(1, tq_TraceSetResetHandler(handle, nullptr));
     viewer.Send(PortOfInstance(handle), Wire("RESET/"));
-    WaitUntilHandled(handle);
+    WaitUntilResetIsHandled(handle);
     EXPECT_EQ(2u, gResets);
     EXPECT_EQ(1, tq_TraceSetResetHandler(handle, CountReset));
     EXPECT_EQ(0, tq_TraceEnableMulticast(handle)); // begins without a handler
     viewer.Send(PortOfInstance(handle), Wire("RESET/"));
-    WaitUntilHandled(handle);
+    WaitUntilResetIsHandled(handle);
     EXPECT_EQ(2u, gResets);
     EXPECT_EQ(0, tq_TraceDisableMulticast(handle));
     EXPECT_EQ(1, tq_TraceSetResetHandler(handle, CountReset));
