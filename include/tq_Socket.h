@@ -45,8 +45,8 @@ typedef struct _SOCKET_DATAGRAM {
 /// the receiver has to close the socket.
 typedef struct _SOCKET_CLOSED {
     MSG_COMMON msg;
-    int error; ///< system error number; 0: closed by the peer or from the console; 111: connect refused without a
-               ///< reason
+    int error; ///< system error number; 0: closed by the peer or from the console; ECONNREFUSED (111 on x86): also a
+               ///< connect refused without a reason
 } SOCKET_CLOSED;
 
 /// A host as tq_gethostbyname_r() and tq_gethostbyaddr_r() give it. All that it points to lies

@@ -63,6 +63,15 @@ prepare_32() {
     compiler_makes "${flags[@]}" || die "$CXX builds no 32-bit programs on this machine"
 }
 
+# prepare_processor PROCESSOR ARCHITECTURE: a cross compiler, and the emulator that runs what it builds. The versioned
+# compilers leave the 32-bit one of this machine in place, the plain ones would remove it.
+prepare_processor() {
+    local -a packages=()
+    have "$2-g++-12" || packages+=("g++-12-$2")
+    have "qemu-$1-static" || packages+=(qemu-user-static)
+    install_packages ${packages[@]+"${packages[@]}"}
+}
+
 # prepare_to_build PRESET...: compiler and build tools for these presets.
 prepare_to_build() {
     local -a packages=()
@@ -76,10 +85,9 @@ prepare_to_build() {
     local preset
     for preset in "$@"; do
         case $preset in
-        *-32)
-            prepare_32
-            break
-            ;;
+        *-32) prepare_32 ;;
+        armhf) prepare_processor arm arm-linux-gnueabihf ;;
+        mips) prepare_processor mips mips-linux-gnu ;;
         esac
     done
 }

@@ -4,11 +4,13 @@
 #include <arpa/inet.h>
 #include <atomic>
 #include <fcntl.h>
+#include <iterator>
 #include <netinet/in.h>
 #include <poll.h>
 #include <pty.h>
 #include <regex>
 #include <signal.h>
+#include <sstream>
 #include <string.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -367,8 +369,15 @@ private:
         pText->replace(at, from.size(), to);
     }
 
+    /// What runs programs of another processor; empty where this one does.
+    static std::vector<std::string> Emulator() {
+        std::istringstream words(DEVICE_EMULATOR);
+        return {std::istream_iterator<std::string>(words), std::istream_iterator<std::string>()};
+    }
+
     void Start(const std::vector<std::string>& arguments) {
-        std::vector<std::string> words = {DEVICE_PROGRAM, "-d", m_directory.Path()};
+        std::vector<std::string> words = Emulator();
+        words.insert(words.end(), {DEVICE_PROGRAM, "-d", m_directory.Path()});
         words.insert(words.end(), arguments.begin(), arguments.end());
         std::vector<char*> argv;
         for (std::string& word : words) {
@@ -382,7 +391,7 @@ private:
         if (m_pid == 0) {
             dup2(output[1], 1);
             dup2(open("errors.txt", O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600), 2);
-            execv(argv[0], argv.data());
+            execvp(argv[0], argv.data());
             _exit(127);
         }
         close(output[1]);

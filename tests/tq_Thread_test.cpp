@@ -389,13 +389,13 @@ TEST(Thread, StartsUntrackedWhileTheLibraryIsNotInitialised) {
 // Stack sizes
 
 TEST(Thread, StackSizeOfZeroTakesTheConfiguredDefault) {
-    const char kIni[] = "[Thread]\nDefaultStackSize=65536\n";
+    const char kIni[] = "[Thread]\nDefaultStackSize=262144\n";
     const size_t systemDefault = StackSizeFor(0);
     const size_t configured = StackSizeFor(0, kIni);
     if (IsSanitized()) { // sanitizers enlarge small stacks for what they keep there
         EXPECT_LT(configured, systemDefault);
     } else {
-        EXPECT_EQ(65536u, configured);
+        EXPECT_EQ(262144u, configured);
     }
     const size_t given = StackSizeFor(1048576, kIni); // comes before the default
     EXPECT_LT(configured, given);

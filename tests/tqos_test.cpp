@@ -323,6 +323,7 @@ TEST(Signals, TheFiveSignalsGetTheReporterWithoutFurtherFlags) {
 }
 
 TEST(Signals, EndedChildrenLeaveNoZombies) {
+    TEST_NOT_UNDER_EMULATION("SA_NOCLDWAIT is not passed on");
     const ChildResult result = RunWithLibrary("", [] {
         const pid_t child = fork();
         if (child == 0) {

@@ -21,7 +21,6 @@ constexpr unsigned int kPaceMs = 5000;       // longest wait, and how often the 
 constexpr unsigned int kMemoryPauseMs = 100; // before a read is tried again that found no memory
 constexpr unsigned int kBreakerPiece = 64;
 constexpr unsigned int kMostSendErrors = 4; // in a row, before a block is given up
-constexpr int kConnectRefused = 111;
 
 } // namespace
 
@@ -447,7 +446,7 @@ void HandleFailed(SOCKET_INSTANCE* pSocket, int error) {
         return;
     }
     if (pSocket->state == SOCKET_STATE_CONNECTING && error == 0) {
-        error = kConnectRefused;
+        error = ECONNREFUSED;
     }
     SendSocketClosedLocked(pSocket, error);
 }

@@ -21,7 +21,7 @@ function(install_and_move)
 endfunction()
 
 function(expect_greeting program)
-  run(text "${CMAKE_COMMAND}" -E env "LD_LIBRARY_PATH=${prefix}/${LIBDIR}" "${program}")
+  run(text "${CMAKE_COMMAND}" -E env "LD_LIBRARY_PATH=${prefix}/${LIBDIR}" ${EMULATOR} "${program}")
   if(NOT text STREQUAL "consumer: MSG_CREATE MSG_USER MSG_DESTROY\n")
     message(FATAL_ERROR "${program} says: ${text}")
   endif()
