@@ -714,7 +714,7 @@ public:
     }
 
 private:
-    RecordingQueue m_queue;
+    RecordingQueue m_queue{kRunning};
     tq_List m_list;
     std::vector<void*> m_blocks;
 };

@@ -140,7 +140,7 @@ TEST(SocketReport, AnUnknownHandleIsInvalid) {
 
 TEST(SocketReport, ListsTheSocketsOldestFirst) {
     Library library;
-    RecordingQueue queue;
+    RecordingQueue queue(kRunning);
     const unsigned int hUdp = tq_SocketOpenUDP(queue.GetHandle(), inet_addr("127.1.2.3"), 65535, 0, Loopback(), 0);
     ASSERT_TRUE(queue.WaitFor(MSG_SOCKET_CONNECTED, hUdp));
     const unsigned int hServer = tq_SocketOpenTCPServer(queue.GetHandle(), 0, 0, Loopback());
@@ -220,7 +220,7 @@ TEST(SocketReport, ALocalDomainSocketShowsItsPathAndItsEnds) {
 
 TEST(SocketReport, ShowsARealDomainServer) {
     Library library;
-    RecordingQueue queue;
+    RecordingQueue queue(kRunning);
     const std::string path = library.Path() + "/listener";
     const unsigned int hSocket = tq_SocketOpenTCPServerDomain(queue.GetHandle(), Bytes(path), 0);
     ASSERT_NE(0u, hSocket);
@@ -303,7 +303,7 @@ TEST(SocketReport, TheHistoryGoesBackwardsFromTheLastEvent) {
 
 TEST(SocketReport, LongNamesAreShownWhole) {
     Library library;
-    RecordingQueue queue;
+    RecordingQueue queue(kRunning);
     const std::string name(5000, 'n');
     std::vector<unsigned int> handles;
     std::string rows;
@@ -379,7 +379,7 @@ TEST(SocketReport, WithoutALibraryThereAreNoInterfaces) {
 
 TEST(SocketReport, IsTrueWhileSocketsComeAndGo) {
     Library library;
-    RecordingQueue queue;
+    RecordingQueue queue(kRunning);
     ASSERT_EQ(0u, tq_SocketInitialize());
     std::atomic<bool> bStop{false};
     std::thread churn([&] {

@@ -211,7 +211,7 @@ constexpr unsigned int kNoSocket = 0x7FFFFFFE;
 
 TEST(Socket, ClientConnectsSendsAndReceives) {
     Library library;
-    RecordingQueue queue;
+    RecordingQueue queue(kRunning);
     Connection connection(queue, 77);
     const unsigned int hSocket = connection.hSocket;
     const MSG_COMMON connected = queue.Of(MSG_SOCKET_CONNECTED, hSocket)[0].Common();
@@ -240,7 +240,7 @@ TEST(Socket, ClientConnectsSendsAndReceives) {
 
 TEST(Socket, ClientKnowsItsAddressesAndBindsToTheOneAsked) {
     Library library;
-    RecordingQueue queue;
+    RecordingQueue queue(kRunning);
     Fd listener = ListeningPeer();
     unsigned int port = PortOf(BoundPeer(SOCK_STREAM)); // free again at once
     const unsigned int hSocket =
@@ -260,7 +260,7 @@ TEST(Socket, ClientKnowsItsAddressesAndBindsToTheOneAsked) {
 
 TEST(Socket, ServerOnPortZeroReportsItsPortAndAcceptsConnections) {
     Library library;
-    RecordingQueue queue;
+    RecordingQueue queue(kRunning);
     const unsigned int hServer = tq_SocketOpenTCPServer(queue.GetHandle(), 0, 5, Loopback());
     ASSERT_NE(0u, hServer);
     const unsigned int port = tq_SocketGetBoundPort(hServer);
@@ -294,15 +294,15 @@ TEST(Socket, ServerOnPortZeroReportsItsPortAndAcceptsConnections) {
 
 TEST(Socket, NewConnectionCanBeUsedFromItsMessageOn) {
     Library library;
-    RecordingQueue queue;
+    RecordingQueue queue(kRunning);
     std::atomic<unsigned int> sent{0};
-    queue.m_onMessage = [&](const MSG_COMMON& msg) {
+    queue.SetAction([&](const MSG_COMMON& msg) {
         if (msg.command == MSG_SOCKET_NEW_CONNECTION) {
             const unsigned int hNew = reinterpret_cast<const SOCKET_NEW_CONNECTION&>(msg).new_socket;
             sent += tq_SocketSendTo(hNew, Bytes("hi"), 2, 0, 0);
             tq_SocketClose(hNew);
         }
-    };
+    });
     const unsigned int hServer = tq_SocketOpenTCPServer(queue.GetHandle(), 0, 0, Loopback());
     for (int i = 0; i < 20; ++i) {
         Fd peer = ConnectedPeer(tq_SocketGetBoundPort(hServer));
@@ -324,7 +324,7 @@ TEST(Socket, ConnectionForAQueueThatIsGoneIsClosed) {
 TEST(Socket, PeersCloseYieldsOneClosedMessageAndLeavesTheBufferedBytes) {
     Library library;
     TraceFile trace;
-    RecordingQueue queue;
+    RecordingQueue queue(kRunning);
     Connection connection(queue, 9);
     SendAll(connection.peer, "last words");
     ASSERT_TRUE(queue.WaitFor(MSG_SOCKET_DATASTREAM, connection.hSocket));
@@ -349,7 +349,7 @@ TEST(Socket, RefusedConnectIsReportedWithTheSystemsError) {
     TEST_NOT_UNDER_EMULATION("SO_ERROR gives the number of the processor underneath");
     Library library;
     TraceFile trace;
-    RecordingQueue queue;
+    RecordingQueue queue(kRunning);
     const unsigned int port = PortOf(BoundPeer(SOCK_STREAM)); // nobody listens there
     const unsigned int hSocket = tq_SocketOpenTCPClient(queue.GetHandle(), Loopback(), port, 3, 0, 0);
     ASSERT_NE(0u, hSocket);
@@ -367,7 +367,7 @@ TEST(Socket, RefusedConnectIsReportedWithTheSystemsError) {
 
 TEST(Socket, ConnectThatFailsWithoutAnErrorCountsAsRefused) {
     Library library;
-    RecordingQueue queue;
+    RecordingQueue queue(kRunning);
     Connection connection(queue);
     const unsigned int hSocket = connection.hSocket;
     {
@@ -388,7 +388,7 @@ TEST(Socket, ConnectThatFailsWithoutAnErrorCountsAsRefused) {
 
 TEST(Socket, UrgentDataRightBehindTheConnectIsNoFailure) {
     Library library;
-    RecordingQueue queue;
+    RecordingQueue queue(kRunning);
     Fd listener = ListeningPeer();
     tq_SocketInitialize();
     unsigned int hSocket = 0;
@@ -408,7 +408,7 @@ TEST(Socket, UrgentDataRightBehindTheConnectIsNoFailure) {
 
 TEST(Socket, DataSentBeforeTheConnectCompletesArrives) {
     Library library;
-    RecordingQueue queue;
+    RecordingQueue queue(kRunning);
     Fd listener = ListeningPeer();
     const unsigned int hSocket = tq_SocketOpenTCPClient(queue.GetHandle(), Loopback(), PortOf(listener), 0, 0, 0);
     EXPECT_EQ(5u, tq_SocketSendTo(hSocket, Bytes("early"), 5, 0, 0));
@@ -421,7 +421,7 @@ TEST(Socket, DataSentBeforeTheConnectCompletesArrives) {
 TEST(Socket, InCapHoldsThePeerBackUntilRecvMakesRoom) {
     Library library;
     TraceFile trace;
-    RecordingQueue queue;
+    RecordingQueue queue(kRunning);
     Connection connection(queue);
     tq_SocketSetDataInCap(connection.hSocket, 100);
     const std::string bytes = Pattern(1000);
@@ -446,7 +446,7 @@ TEST(Socket, InCapHoldsThePeerBackUntilRecvMakesRoom) {
 
 TEST(Socket, RaisingTheInCapResumesReading) {
     Library library;
-    RecordingQueue queue;
+    RecordingQueue queue(kRunning);
     Connection connection(queue);
     tq_SocketSetDataInCap(connection.hSocket, 10);
     const std::string bytes = Pattern(5000);
@@ -459,7 +459,7 @@ TEST(Socket, RaisingTheInCapResumesReading) {
 
 TEST(Socket, InCapLoweredWhileTheWorkerWaitsClosesNothing) {
     Library library;
-    RecordingQueue queue;
+    RecordingQueue queue(kRunning);
     Connection connection(queue);
     ASSERT_TRUE(WaitUntil([&] {
         tq_ListLock lock(pListOfSockets);
@@ -480,7 +480,7 @@ TEST(Socket, InCapLoweredWhileTheWorkerWaitsClosesNothing) {
 
 TEST(Socket, RecvTakesPiecesAcrossBlocks) {
     Library library;
-    RecordingQueue queue;
+    RecordingQueue queue(kRunning);
     Connection connection(queue);
     const std::string bytes = Pattern(300);
     for (size_t i = 0; i < 3; ++i) { // one block each
@@ -528,7 +528,7 @@ TEST(Socket, OnlyRealReadErrorsCloseASocket) {
 TEST(Socket, ReadErrorIsTracedAndClosesTheSocket) {
     Library library;
     TraceFile trace;
-    RecordingQueue queue;
+    RecordingQueue queue(kRunning);
     Fd peer = BoundPeer(SOCK_DGRAM);
     const unsigned int hSocket = tq_SocketOpenUDP(queue.GetHandle(), Loopback(), PortOf(peer), 0, Loopback(), 0);
     ASSERT_TRUE(queue.WaitFor(MSG_SOCKET_CONNECTED, hSocket));
@@ -548,7 +548,7 @@ TEST(Socket, ReadErrorIsTracedAndClosesTheSocket) {
 
 TEST(Socket, DatagramSocketAnnouncesItselfAndDeliversDatagramsWhole) {
     Library library;
-    RecordingQueue queue;
+    RecordingQueue queue(kRunning);
     const unsigned int hSocket = tq_SocketOpenUDP(queue.GetHandle(), 0, 0, 21, Loopback(), 0);
     ASSERT_NE(0u, hSocket);
     ASSERT_TRUE(queue.WaitFor(MSG_SOCKET_CONNECTED, hSocket));
@@ -573,7 +573,7 @@ TEST(Socket, DatagramSocketAnnouncesItselfAndDeliversDatagramsWhole) {
 TEST(Socket, EmptyDatagramIsDropped) {
     Library library;
     TraceFile trace;
-    RecordingQueue queue;
+    RecordingQueue queue(kRunning);
     const unsigned int hSocket = tq_SocketOpenUDP(queue.GetHandle(), 0, 0, 0, Loopback(), 0);
     ASSERT_TRUE(queue.WaitFor(MSG_SOCKET_CONNECTED, hSocket));
     Fd peer = BoundPeer(SOCK_DGRAM);
@@ -589,7 +589,7 @@ TEST(Socket, EmptyDatagramIsDropped) {
 
 TEST(Socket, DatagramsPassTheInCap) {
     Library library;
-    RecordingQueue queue;
+    RecordingQueue queue(kRunning);
     const unsigned int hSocket = tq_SocketOpenUDP(queue.GetHandle(), 0, 0, 0, Loopback(), 0);
     tq_SocketSetDataInCap(hSocket, 10);
     Fd peer = BoundPeer(SOCK_DGRAM);
@@ -600,7 +600,7 @@ TEST(Socket, DatagramsPassTheInCap) {
 
 TEST(Socket, DatagramsGoToTheDefaultDestinationOrTheOneGiven) {
     Library library;
-    RecordingQueue queue;
+    RecordingQueue queue(kRunning);
     Fd first = BoundPeer(SOCK_DGRAM);
     Fd second = BoundPeer(SOCK_DGRAM);
     const unsigned int hSocket = tq_SocketOpenUDP(queue.GetHandle(), Loopback(), PortOf(first), 0, Loopback(), 0);
@@ -615,7 +615,7 @@ TEST(Socket, DatagramsGoToTheDefaultDestinationOrTheOneGiven) {
 TEST(Socket, DatagramThatCannotGoIsGivenUpAfterFourErrors) {
     Library library;
     TraceFile trace;
-    RecordingQueue queue;
+    RecordingQueue queue(kRunning);
     Fd peer = BoundPeer(SOCK_DGRAM);
     const unsigned int hSocket = tq_SocketOpenUDP(queue.GetHandle(), Loopback(), PortOf(peer), 0, Loopback(), 0);
     ASSERT_TRUE(queue.WaitFor(MSG_SOCKET_CONNECTED, hSocket));
@@ -632,7 +632,7 @@ TEST(Socket, DatagramThatCannotGoIsGivenUpAfterFourErrors) {
 
 TEST(Socket, BroadcastingIsAllowedForTheBroadcastAddressOrOnRequest) {
     Library library;
-    RecordingQueue queue;
+    RecordingQueue queue(kRunning);
     const unsigned int hBroadcast = tq_SocketOpenUDP(queue.GetHandle(), 0xFFFFFFFF, 9, 0, Loopback(), 0);
     const unsigned int hOther = tq_SocketOpenUDP(queue.GetHandle(), Loopback(), 9, 0, Loopback(), 0);
     EXPECT_EQ(1, Option(hBroadcast, SOL_SOCKET, SO_BROADCAST));
@@ -643,7 +643,7 @@ TEST(Socket, BroadcastingIsAllowedForTheBroadcastAddressOrOnRequest) {
 
 TEST(Socket, MulticastSocketIsAMemberUntilItIsClosed) {
     Library library;
-    RecordingQueue queue;
+    RecordingQueue queue(kRunning);
     const unsigned int group = inet_addr("239.77.1.9");
     const unsigned int hSocket = tq_SocketOpenMultiCast(queue.GetHandle(), group, 0, 6, Loopback());
     ASSERT_NE(0u, hSocket);
@@ -666,7 +666,7 @@ TEST(Socket, MulticastSocketIsAMemberUntilItIsClosed) {
 TEST(Socket, MulticastDatagramsOnTheLoopbackInterfaceArrive) {
     TEST_NOT_UNDER_EMULATION("IP_MULTICAST_IF with an address alone is refused");
     Library library;
-    RecordingQueue queue;
+    RecordingQueue queue(kRunning);
     const unsigned int group = inet_addr("239.77.1.10");
     const unsigned int hSocket = tq_SocketOpenUDP(queue.GetHandle(), 0, 0, 0, 0, 0); // bound to any address
     struct ip_mreq membership;
@@ -691,7 +691,7 @@ TEST(Socket, MulticastDatagramsOnTheLoopbackInterfaceArrive) {
 
 TEST(Socket, QueuedDataArrivesInOrder) {
     Library library;
-    RecordingQueue queue;
+    RecordingQueue queue(kRunning);
     StalledConnection connection(queue);
     const std::string bytes = Pattern(600000);
     size_t at = 0;
@@ -710,7 +710,7 @@ TEST(Socket, QueuedDataArrivesInOrder) {
 
 TEST(Socket, SendCutShortByTheOutCapLeadsToOneNotice) {
     Library library;
-    RecordingQueue queue;
+    RecordingQueue queue(kRunning);
     StalledConnection connection(queue);
     tq_SocketSetDataOutCap(connection.hSocket, 4);
     EXPECT_EQ(4u, tq_SocketSendTo(connection.hSocket, Bytes("0123456789"), 10, 0, 0));
@@ -729,7 +729,7 @@ TEST(Socket, SendCutShortByTheOutCapLeadsToOneNotice) {
 TEST(Socket, WithoutRoomUnderTheOutCapNothingIsQueuedAndTheNoticeComes) {
     Library library;
     TraceFile trace;
-    RecordingQueue queue;
+    RecordingQueue queue(kRunning);
     StalledConnection connection(queue);
     tq_SocketSetDataOutCap(connection.hSocket, 0);
     EXPECT_EQ(0u, tq_SocketSendTo(connection.hSocket, Bytes("abc"), 3, 0, 0));
@@ -747,7 +747,7 @@ TEST(Socket, WithoutRoomUnderTheOutCapNothingIsQueuedAndTheNoticeComes) {
 
 TEST(Socket, SendAboveTheOutCapIsRefusedWhole) {
     Library library;
-    RecordingQueue queue;
+    RecordingQueue queue(kRunning);
     StalledConnection connection(queue);
     EXPECT_EQ(10u, tq_SocketSendTo(connection.hSocket, Bytes("0123456789"), 10, 0, 0));
     tq_SocketSetDataOutCap(connection.hSocket, 9);
@@ -763,7 +763,7 @@ TEST(Socket, SendAboveTheOutCapIsRefusedWhole) {
 
 TEST(Socket, SendThatIsQueuedWholeTakesThePendingNoticeBack) {
     Library library;
-    RecordingQueue queue;
+    RecordingQueue queue(kRunning);
     StalledConnection connection(queue);
     tq_SocketSetDataOutCap(connection.hSocket, 4);
     EXPECT_EQ(4u, tq_SocketSendTo(connection.hSocket, Bytes("01234"), 5, 0, 0));
@@ -777,7 +777,7 @@ TEST(Socket, SendThatIsQueuedWholeTakesThePendingNoticeBack) {
 
 TEST(Socket, NoticeComesAtTheThresholdAndOnce) {
     Library library;
-    RecordingQueue queue;
+    RecordingQueue queue(kRunning);
     StalledConnection connection(queue);
     constexpr unsigned int kCap = 400000;
     tq_SocketSetDataOutCap(connection.hSocket, kCap);
@@ -815,7 +815,7 @@ TEST(Socket, PartOfTheOutCapIsComputedInWideNumbers) {
 
 TEST(Socket, ThresholdIsKeptBetween0And100) {
     Library library;
-    RecordingQueue queue;
+    RecordingQueue queue(kRunning);
     Connection connection(queue);
     EXPECT_EQ(0u, tq_SocketGetWritePercentageNotification(connection.hSocket));
     tq_SocketSetWritePercentageNotification(connection.hSocket, 40);
@@ -828,7 +828,7 @@ TEST(Socket, ThresholdIsKeptBetween0And100) {
 TEST(Socket, SendsAreTraced) {
     Library library;
     TraceFile trace;
-    RecordingQueue queue;
+    RecordingQueue queue(kRunning);
     Connection connection(queue);
     const unsigned int hSocket = connection.hSocket;
     tq_SocketSetName(hSocket, "the client");
@@ -869,7 +869,7 @@ TEST(Socket, SendsAreTraced) {
 
 TEST(Socket, SendOfNothingQueuesNothing) {
     Library library;
-    RecordingQueue queue;
+    RecordingQueue queue(kRunning);
     Connection connection(queue);
     EXPECT_EQ(0u, tq_SocketSendTo(connection.hSocket, Bytes(""), 0, 0, 0));
     EXPECT_EQ(0u, tq_SocketSendTo(connection.hSocket, nullptr, 5, 0, 0));
@@ -878,7 +878,7 @@ TEST(Socket, SendOfNothingQueuesNothing) {
 
 TEST(Socket, HistoryIsARingOfTenEvents) {
     Library library;
-    RecordingQueue queue;
+    RecordingQueue queue(kRunning);
     Connection connection(queue);
     EXPECT_TRUE(WaitUntil([&] { return HasHistory(connection.hSocket, SOCKET_EVENT_WRITEABLE); }));
     const unsigned int before = tq_GetTimeInMS();
@@ -904,7 +904,7 @@ TEST(Socket, HistoryIsARingOfTenEvents) {
 
 TEST(Socket, FlushingCloseSendsWhatIsQueued) {
     Library library;
-    RecordingQueue queue;
+    RecordingQueue queue(kRunning);
     StalledConnection connection(queue);
     const std::string bytes = Pattern(300000);
     EXPECT_EQ(300000u, tq_SocketSendTo(connection.hSocket, Bytes(bytes), 300000, 0, 0));
@@ -920,7 +920,7 @@ TEST(Socket, FlushingCloseSendsWhatIsQueued) {
 
 TEST(Socket, PlainCloseDropsWhatIsQueued) {
     Library library;
-    RecordingQueue queue;
+    RecordingQueue queue(kRunning);
     StalledConnection connection(queue);
     EXPECT_EQ(300000u, tq_SocketSendTo(connection.hSocket, Bytes(Pattern(300000)), 300000, 0, 0));
     EXPECT_EQ(0u, tq_SocketClose(connection.hSocket));
@@ -931,7 +931,7 @@ TEST(Socket, PlainCloseDropsWhatIsQueued) {
 TEST(Socket, FlushingCloseKeepsWhatWasReadUntilItIsTaken) {
     Library library;
     TraceFile trace;
-    RecordingQueue queue;
+    RecordingQueue queue(kRunning);
     Connection connection(queue);
     const unsigned int hSocket = connection.hSocket;
     SendAll(connection.peer, "to be taken");
@@ -950,7 +950,7 @@ TEST(Socket, FlushingCloseKeepsWhatWasReadUntilItIsTaken) {
 TEST(Socket, CloseFlushingBothWaitsForBoth) {
     Library library;
     TraceFile trace;
-    RecordingQueue queue;
+    RecordingQueue queue(kRunning);
     StalledConnection connection(queue);
     const unsigned int hSocket = connection.hSocket;
     SendAll(connection.peer, "in");
@@ -968,7 +968,7 @@ TEST(Socket, CloseFlushingBothWaitsForBoth) {
 
 TEST(Socket, FlushingCloseWhosePeerIsGoneEnds) {
     Library library;
-    RecordingQueue queue;
+    RecordingQueue queue(kRunning);
     StalledConnection connection(queue);
     EXPECT_EQ(300000u, tq_SocketSendTo(connection.hSocket, Bytes(Pattern(300000)), 300000, 0, 0));
     EXPECT_EQ(0u, tq_SocketFlushAndClose(connection.hSocket, TQ_SOCKET_FLUSH_OUT));
@@ -979,7 +979,7 @@ TEST(Socket, FlushingCloseWhosePeerIsGoneEnds) {
 
 TEST(Socket, CloseWithNothingToFlushIsImmediate) {
     Library library;
-    RecordingQueue queue;
+    RecordingQueue queue(kRunning);
     Connection connection(queue);
     EXPECT_EQ(0u, tq_SocketFlushAndClose(connection.hSocket, TQ_SOCKET_FLUSH_IN | TQ_SOCKET_FLUSH_OUT));
     EXPECT_FALSE(Exists(connection.hSocket));
@@ -988,7 +988,7 @@ TEST(Socket, CloseWithNothingToFlushIsImmediate) {
 
 TEST(Socket, SecondCloseEndsAFlush) {
     Library library;
-    RecordingQueue queue;
+    RecordingQueue queue(kRunning);
     StalledConnection connection(queue);
     EXPECT_EQ(1000u, tq_SocketSendTo(connection.hSocket, Bytes(Pattern(1000)), 1000, 0, 0));
     EXPECT_EQ(0u, tq_SocketFlushAndClose(connection.hSocket, TQ_SOCKET_FLUSH_OUT));
@@ -1000,7 +1000,7 @@ TEST(Socket, SecondCloseEndsAFlush) {
 
 TEST(Socket, SocketThatThePeerClosedIsClosedWithoutFlushing) {
     Library library;
-    RecordingQueue queue;
+    RecordingQueue queue(kRunning);
     Connection connection(queue);
     SendAll(connection.peer, "unread");
     ASSERT_TRUE(queue.WaitFor(MSG_SOCKET_DATASTREAM, connection.hSocket));
@@ -1013,7 +1013,7 @@ TEST(Socket, SocketThatThePeerClosedIsClosedWithoutFlushing) {
 TEST(Socket, ClosesAreTraced) {
     Library library;
     TraceFile trace;
-    RecordingQueue queue;
+    RecordingQueue queue(kRunning);
     Connection connection(queue);
     EXPECT_EQ(0u, tq__SocketClose(connection.hSocket, "caller.cpp", 12));
     EXPECT_EQ(1u, trace.Count("DEB: ",
@@ -1030,7 +1030,7 @@ TEST(Socket, ClosesAreTraced) {
 
 TEST(Socket, ForcedCloseTellsTheOwnerAndNeverClosesTheDescriptorAgain) {
     Library library;
-    RecordingQueue queue;
+    RecordingQueue queue(kRunning);
     Connection connection(queue, 31);
     const unsigned int hSocket = connection.hSocket;
     const unsigned int descriptor = Field(hSocket, &SOCKET_INSTANCE::socket);
@@ -1051,7 +1051,7 @@ TEST(Socket, ForcedCloseTellsTheOwnerAndNeverClosesTheDescriptorAgain) {
 
 TEST(Socket, ForcedCloseEndsAFlush) {
     Library library;
-    RecordingQueue queue;
+    RecordingQueue queue(kRunning);
     StalledConnection connection(queue);
     EXPECT_EQ(1000u, tq_SocketSendTo(connection.hSocket, Bytes(Pattern(1000)), 1000, 0, 0));
     EXPECT_EQ(0u, tq_SocketFlushAndClose(connection.hSocket, TQ_SOCKET_FLUSH_OUT));
@@ -1064,7 +1064,7 @@ TEST(Socket, ForcedCloseEndsAFlush) {
 TEST(Socket, OpenCallsSetTheirOptions) {
     Library library;
     ScratchDirectory directory;
-    RecordingQueue queue;
+    RecordingQueue queue(kRunning);
     Connection client(queue);
     const unsigned int hServer = tq_SocketOpenTCPServer(queue.GetHandle(), 0, 0, Loopback());
     const unsigned int hUdp = tq_SocketOpenUDP(queue.GetHandle(), Loopback(), 9, 0, Loopback(), 0);
@@ -1101,7 +1101,7 @@ TEST(Socket, OpenCallsSetTheirOptions) {
 
 TEST(Socket, LingeringStaysOffSinceItsOptionHasAFormThatThePlatformRefuses) {
     Library library;
-    RecordingQueue queue;
+    RecordingQueue queue(kRunning);
     Connection client(queue);
     const unsigned int hServer = tq_SocketOpenTCPServer(queue.GetHandle(), 0, 0, Loopback());
     Fd peer = ConnectedPeer(tq_SocketGetBoundPort(hServer));
@@ -1123,7 +1123,7 @@ TEST(Socket, LingeringStaysOffSinceItsOptionHasAFormThatThePlatformRefuses) {
 
 TEST(Socket, DefaultBufferSizesGoToStreamsOpenedLater) {
     Library library;
-    RecordingQueue queue;
+    RecordingQueue queue(kRunning);
     tq_SocketSetReceiveBufSize(0, 30000);
     tq_SocketSetSendBufSize(0, 20000);
     const unsigned int hServer = tq_SocketOpenTCPServer(queue.GetHandle(), 0, 0, Loopback());
@@ -1139,7 +1139,7 @@ TEST(Socket, DefaultBufferSizesGoToStreamsOpenedLater) {
 
 TEST(Socket, DefaultBufferSizesOfAnAcceptedConnectionGoToItsListener) {
     Library library;
-    RecordingQueue queue;
+    RecordingQueue queue(kRunning);
     const unsigned int hServer = tq_SocketOpenTCPServer(queue.GetHandle(), 0, 0, Loopback());
     tq_SocketSetReceiveBufSize(0, 30000);
     std::vector<Fd> peers;
@@ -1156,7 +1156,7 @@ TEST(Socket, DefaultBufferSizesOfAnAcceptedConnectionGoToItsListener) {
 
 TEST(Socket, UserParmIsEchoedAndCanBeChanged) {
     Library library;
-    RecordingQueue queue;
+    RecordingQueue queue(kRunning);
     Connection connection(queue, 1);
     EXPECT_EQ(1u, tq_SocketGetUserParm(static_cast<int>(connection.hSocket)));
     tq_SocketSetUserParm(static_cast<int>(connection.hSocket), 0xFFFFFFF0);
@@ -1180,7 +1180,7 @@ struct ListName : tq_List {
 
 TEST(Socket, NameGoesToTheDataListsToo) {
     Library library;
-    RecordingQueue queue;
+    RecordingQueue queue(kRunning);
     StalledConnection connection(queue);
     const unsigned int hSocket = connection.hSocket;
     tq_SocketSetName(hSocket, "first");
@@ -1242,7 +1242,7 @@ TEST(Socket, LastErrorIsTheThreadsOwn) {
 
 TEST(Socket, DomainServerAcceptsLocalPeers) {
     Library library;
-    RecordingQueue queue;
+    RecordingQueue queue(kRunning);
     const std::string path = library.Path() + "/server.sock";
     WriteFile(path, "in the way");
     const unsigned int hServer = tq_SocketOpenTCPServerDomain(queue.GetHandle(), Bytes(path), 12);
@@ -1280,7 +1280,7 @@ TEST(Socket, DomainServerAcceptsLocalPeers) {
 TEST(Socket, DomainClientConnects) {
     Library library;
     TraceFile trace;
-    RecordingQueue queue;
+    RecordingQueue queue(kRunning);
     const struct sockaddr_un address = DomainAddress("listener.sock");
     Fd listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     ASSERT_EQ(0, bind(listener.Get(), reinterpret_cast<const struct sockaddr*>(&address), sizeof(address)));
@@ -1301,7 +1301,7 @@ TEST(Socket, DomainClientConnects) {
 
 TEST(Socket, DomainClientOfAListenerWithoutRoomIsRefused) {
     Library library;
-    RecordingQueue queue;
+    RecordingQueue queue(kRunning);
     const struct sockaddr_un address = DomainAddress("full.sock");
     Fd listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     ASSERT_EQ(0, bind(listener.Get(), reinterpret_cast<const struct sockaddr*>(&address), sizeof(address)));
@@ -1321,7 +1321,7 @@ TEST(Socket, DomainClientOfAListenerWithoutRoomIsRefused) {
 
 TEST(Socket, DomainServerMakesItsDirectory) {
     Library library;
-    RecordingQueue queue;
+    RecordingQueue queue(kRunning);
     const unsigned int hServer =
         tq_SocketOpenTCPServerDomain(queue.GetHandle(), Bytes(std::string("made/for.sock")), 0);
     ASSERT_NE(0u, hServer);
@@ -1336,7 +1336,7 @@ TEST(Socket, DomainServerMakesItsDirectory) {
 TEST(Socket, DomainServerRefusesADirectoryThatOthersMayWriteWithoutTheStickyBit) {
     Library library;
     TraceFile trace;
-    RecordingQueue queue;
+    RecordingQueue queue(kRunning);
     ASSERT_EQ(0, mkdir("open", 0700));
     ASSERT_EQ(0, chmod("open", 0777));
     EXPECT_EQ(0u, tq_SocketOpenTCPServerDomain(queue.GetHandle(), Bytes(std::string("open/a.sock")), 0));
@@ -1393,7 +1393,7 @@ TEST(Socket, SocketDirectoriesAreChecked) {
 TEST(Socket, DomainPathsAreTakenUpToTheSizeOfTheAddress) {
     Library library;
     TraceFile trace;
-    RecordingQueue queue;
+    RecordingQueue queue(kRunning);
     const std::string longest(107, 'p');
     const std::string tooLong(108, 'q');
     const unsigned int hServer = tq_SocketOpenTCPServerDomain(queue.GetHandle(), Bytes(longest), 0);
@@ -1429,7 +1429,7 @@ TEST(Socket, DomainOpensWithoutAPathFail) {
 TEST(Socket, OpensAreTraced) {
     Library library;
     TraceFile trace;
-    RecordingQueue queue;
+    RecordingQueue queue(kRunning);
     const unsigned int hQueue = queue.GetHandle();
     Fd listener = ListeningPeer();
     const unsigned int address = Loopback();
@@ -1586,7 +1586,7 @@ namespace {
 void ExpectBreakerRebuilt(const std::function<void(unsigned int hBreaker)>& breakIt, const std::string& line) {
     Library library;
     TraceFile trace;
-    RecordingQueue queue;
+    RecordingQueue queue(kRunning);
     Connection connection(queue);
     const unsigned int hBreaker = BreakerHandle();
     ASSERT_NE(0u, hBreaker);
@@ -1647,7 +1647,7 @@ TEST(Socket, BreakerWhoseDescriptorIsClosedIsRebuilt) {
 
 TEST(Socket, BreakerIsRebuiltAgainAndAgain) {
     Library library;
-    RecordingQueue queue;
+    RecordingQueue queue(kRunning);
     Connection connection(queue);
     for (int i = 0; i < 20; ++i) {
         const unsigned int hBreaker = BreakerHandle();
@@ -1661,7 +1661,7 @@ TEST(Socket, BreakerIsRebuiltAgainAndAgain) {
 TEST(Socket, RebuildingTheBreakerIsTriedWithoutDelayUntilItSucceeds) {
     Library library;
     TraceFile trace;
-    RecordingQueue queue;
+    RecordingQueue queue(kRunning);
     Connection connection(queue);
     {
         DescriptorShortage shortage(0); // the broken one gives two back; three are needed
@@ -1686,7 +1686,7 @@ TEST(Socket, StopWhileTheBreakerIsRebuiltWaitsForTheHeir) {
 
 TEST(Socket, DescriptorClosedBySomebodyElseFailsItsSocketAlone) {
     Library library;
-    RecordingQueue queue;
+    RecordingQueue queue(kRunning);
     Connection lost(queue);
     Connection other(queue);
     close(DescriptorOf(lost.hSocket));
@@ -1714,7 +1714,7 @@ TEST(Socket, MoreThan1024DescriptorsWork) {
     limit.rlim_cur = kWanted;
     ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &limit));
     Library library;
-    RecordingQueue queue;
+    RecordingQueue queue(kRunning);
     Connection low(queue);
     std::vector<Fd> fillers;
     do {
@@ -1745,7 +1745,7 @@ TEST(Socket, MoreThan1024DescriptorsWork) {
 TEST(Socket, AcceptWithoutADescriptorNeitherSpinsNorLosesTheListener) {
     Library library;
     TraceFile trace;
-    RecordingQueue queue;
+    RecordingQueue queue(kRunning);
     const unsigned int hServer = tq_SocketOpenTCPServer(queue.GetHandle(), 0, 0, Loopback());
     const unsigned int hUdp = tq_SocketOpenUDP(queue.GetHandle(), 0, 0, 0, Loopback(), 0);
     ASSERT_TRUE(queue.WaitFor(MSG_SOCKET_CONNECTED, hUdp));
@@ -1765,7 +1765,7 @@ TEST(Socket, AcceptWithoutADescriptorNeitherSpinsNorLosesTheListener) {
 
 TEST(Socket, AcceptRecoversWhenSomebodyElseGivesADescriptorBack) {
     Library library;
-    RecordingQueue queue;
+    RecordingQueue queue(kRunning);
     const unsigned int hServer = tq_SocketOpenTCPServer(queue.GetHandle(), 0, 0, Loopback());
     Fd peer(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     DescriptorShortage shortage(0);
@@ -1779,7 +1779,7 @@ TEST(Socket, TerminationGivesEveryDescriptorAndHandleBack) {
     const size_t before = OpenDescriptors();
     {
         Library library;
-        RecordingQueue queue;
+        RecordingQueue queue(kRunning);
         Connection first(queue);
         StalledConnection second(queue);
         tq_SocketSendTo(second.hSocket, Bytes("queued"), 6, 0, 0);
@@ -1827,7 +1827,7 @@ private:
 
 TEST(Socket, OpenedAndClosedSocketsLeaveNoMemory) {
     Library library(kTracking);
-    RecordingQueue queue;
+    RecordingQueue queue(kRunning);
     unsigned int before = 0;
     for (int round = 0; round < 3; ++round) {
         {
@@ -1854,7 +1854,7 @@ TEST(Socket, ReadWithoutMemoryIsTriedAgainAndLosesNothing) {
     constexpr unsigned int kCap = 4000000;
     Library library(std::string(kTracking) + "MemoryCapInBytes=4000000\n");
     TraceFile trace;
-    RecordingQueue queue;
+    RecordingQueue queue(kRunning);
     Connection connection(queue);
     MemoryShortage shortage(kCap, 2000);
     const std::string bytes = Pattern(40000);
@@ -1869,7 +1869,7 @@ TEST(Socket, ReadWithoutMemoryIsTriedAgainAndLosesNothing) {
 TEST(Socket, DatagramWithoutMemoryIsTriedAgain) {
     constexpr unsigned int kCap = 4000000;
     Library library(std::string(kTracking) + "MemoryCapInBytes=4000000\n");
-    RecordingQueue queue;
+    RecordingQueue queue(kRunning);
     const unsigned int hSocket = tq_SocketOpenUDP(queue.GetHandle(), 0, 0, 0, Loopback(), 0);
     ASSERT_TRUE(queue.WaitFor(MSG_SOCKET_CONNECTED, hSocket));
     MemoryShortage shortage(kCap, 2000);
@@ -1884,7 +1884,7 @@ TEST(Socket, DatagramWithoutMemoryIsTriedAgain) {
 TEST(Socket, SendWithoutMemoryForItsQueueIsRefused) {
     constexpr unsigned int kCap = 4000000;
     Library library(std::string(kTracking) + "MemoryCapInBytes=4000000\n");
-    RecordingQueue queue;
+    RecordingQueue queue(kRunning);
     StalledConnection connection(queue);
     MemoryShortage shortage(kCap, 2000);
     const std::string bytes = Pattern(10000);
@@ -1899,7 +1899,7 @@ TEST(Socket, AcceptWithoutMemoryIsTriedAgain) {
     constexpr unsigned int kCap = 4000000;
     Library library(std::string(kTracking) + "MemoryCapInBytes=4000000\n");
     TraceFile trace;
-    RecordingQueue queue;
+    RecordingQueue queue(kRunning);
     const unsigned int hServer = tq_SocketOpenTCPServer(queue.GetHandle(), 0, 0, Loopback());
     Fd first = ConnectedPeer(tq_SocketGetBoundPort(hServer));
     ASSERT_TRUE(queue.WaitFor(MSG_SOCKET_NEW_CONNECTION, hServer));
@@ -1960,7 +1960,7 @@ TEST(Socket, UsersAreCounted) {
     Library library;
     EXPECT_EQ(0u, tq_SocketInitialize());
     EXPECT_EQ(0u, tq_SocketInitialize());
-    RecordingQueue queue;
+    RecordingQueue queue(kRunning);
     {
         Connection connection(queue);
         tq_SocketTerminate(99);
@@ -1983,7 +1983,7 @@ TEST(Socket, UsersAreCounted) {
 TEST(Socket, OtherErrorLevelsLeaveTheSocketsAsTheyAre) {
     const ChildResult result = RunInChild([] {
         Library library;
-        RecordingQueue queue;
+        RecordingQueue queue(kRunning);
         Connection connection(queue);
         tq_SocketTerminate(4);
         // The connection stays open, though nobody serves it any more.
@@ -2025,7 +2025,7 @@ namespace {
 void ExpectStartToFail(size_t descriptorsLeft, const std::string& workersError) {
     Library library;
     TraceFile trace;
-    RecordingQueue queue;
+    RecordingQueue queue(kRunning);
     {
         DescriptorShortage shortage(descriptorsLeft);
         EXPECT_EQ(0u, tq_SocketOpenUDP(queue.GetHandle(), 0, 0, 0, Loopback(), 0));
@@ -2079,7 +2079,7 @@ TEST(Socket, StartThatFailsAtAnyAllocationIsUndone) {
         EXPECT_EQ(nullptr, pListOfSockets);
     }
     EXPECT_NE(0u, left);
-    RecordingQueue queue;
+    RecordingQueue queue(kRunning);
     Connection connection(queue);
     SendAll(connection.peer, "works");
     EXPECT_EQ("works", RecvAll(connection.hSocket, 5));
@@ -2100,7 +2100,7 @@ TEST(Socket, FailedStartDoesNotWaitForAStarterThatHoldsTracesLock) {
 
 TEST(Socket, LayerCanBeStoppedWhileOthersUseIt) {
     Library library;
-    RecordingQueue queue;
+    RecordingQueue queue(kRunning);
     Fd listener = ListeningPeer();
     const unsigned int port = PortOf(listener);
     std::atomic<bool> bDone{false};
@@ -2148,16 +2148,16 @@ TEST(Socket, LayerCanBeStoppedWhileOthersUseIt) {
 
 TEST(Socket, ManyThreadsShareTheLayer) {
     Library library;
-    RecordingQueue queue;
+    RecordingQueue queue(kRunning);
     const unsigned int hServer = tq_SocketOpenTCPServer(queue.GetHandle(), 0, 0, Loopback());
-    queue.m_onMessage = [](const MSG_COMMON& msg) { // an echo
+    queue.SetAction([](const MSG_COMMON& msg) { // an echo
         if (msg.command == MSG_SOCKET_DATASTREAM) {
             const std::string bytes = Recv(msg.instance);
             tq_SocketSendTo(msg.instance, Bytes(bytes), static_cast<unsigned int>(bytes.size()), 0, 0);
         } else if (msg.command == MSG_SOCKET_CLOSED) {
             tq_SocketClose(msg.instance);
         }
-    };
+    });
     const unsigned int port = tq_SocketGetBoundPort(hServer);
     std::vector<std::thread> clients;
     for (int i = 0; i < 4; ++i) {
@@ -2281,8 +2281,8 @@ TEST(Socket, FirstMacAddressIsTheFirstThatIsNotAllZero) {
 TEST(Socket, ChangedInterfacesAreAnnouncedToEveryQueue) {
     Library library;
     TraceFile trace;
-    RecordingQueue first("first");
-    RecordingQueue second("second");
+    RecordingQueue first(kRunning, "first");
+    RecordingQueue second(kRunning, "second");
     EXPECT_EQ(0u, tq_SocketInitialize());
     {
         tq_ListLock lock(pListOfSockets);

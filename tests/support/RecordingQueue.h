@@ -1,6 +1,6 @@
 /// @file RecordingQueue.h
-/// A queue for tests: it remembers what its handler saw, and its worker can be held inside the handler, so that a test
-/// can put messages into the queue at leisure.
+/// A queue for tests: it keeps what its handler was given, and its worker can be held inside the handler, so that a
+/// test can put messages into the queue at leisure.
 #ifndef RECORDING_QUEUE_H
 #define RECORDING_QUEUE_H
 
@@ -12,9 +12,30 @@
 
 #include <gtest/gtest.h>
 
+#include "TestSupport.h"
 #include "tqos.h"
 
 namespace test {
+
+/// A message that a queue was sent, whole.
+struct Received {
+    explicit Received(const MSG_COMMON* pMsg)
+        : bytes(reinterpret_cast<const unsigned char*>(pMsg),
+                reinterpret_cast<const unsigned char*>(pMsg) +
+                    (pMsg->size > sizeof(MSG_COMMON) ? pMsg->size : sizeof(MSG_COMMON))) {}
+
+    const MSG_COMMON& Common() const { return *reinterpret_cast<const MSG_COMMON*>(bytes.data()); }
+    const SOCKET_NEW_CONNECTION& NewConnection() const {
+        return *reinterpret_cast<const SOCKET_NEW_CONNECTION*>(bytes.data());
+    }
+    const SOCKET_CLOSED& Closed() const { return *reinterpret_cast<const SOCKET_CLOSED*>(bytes.data()); }
+    const SOCKET_DATAGRAM& Datagram() const { return *reinterpret_cast<const SOCKET_DATAGRAM*>(bytes.data()); }
+
+    std::vector<unsigned char> bytes;
+};
+
+/// For a queue that runs as soon as it is made.
+enum Running { kRunning };
 
 class RecordingQueue : public tq_MsgQ {
 public:
@@ -22,29 +43,31 @@ public:
     static constexpr unsigned int kHold = MSG_USER + 9000;
 
     explicit RecordingQueue(const char* name = "Recorder") : tq_MsgQ(name, "records what it sees") {}
+    explicit RecordingQueue(Running, const char* name = "Recorder") : RecordingQueue(name) { Create(0); }
     ~RecordingQueue() override { Cleanup(); }
 
+    /// What is recorded has been freed already: a test that has seen the last message has its memory back, too.
     void MessageHandler(MSG_COMMON* pMsg) override {
-        const MSG_COMMON seen = *pMsg;
+        const Received seen(pMsg);
+        tq_free(pMsg);
         std::function<void(const MSG_COMMON&)> action;
         {
             std::unique_lock<std::mutex> lock(m_mutex);
             m_seen.push_back(seen);
             action = m_action;
             m_changed.notify_all();
-            if (seen.command == kHold) {
+            if (seen.Common().command == kHold) {
                 m_bHeld = true;
                 m_changed.notify_all();
                 m_changed.wait(lock, [this] { return !m_bHeld; });
             }
         }
         if (action) {
-            action(seen);
+            action(seen.Common());
         }
-        tq_free(pMsg);
     }
 
-    /// Called by the handler with each message from now on.
+    /// Called by the handler with each message from now on. The message is a copy, whole.
     void SetAction(std::function<void(const MSG_COMMON&)> action) {
         std::lock_guard<std::mutex> lock(m_mutex);
         m_action = action;
@@ -79,7 +102,27 @@ public:
 
     std::vector<MSG_COMMON> Seen() {
         std::lock_guard<std::mutex> lock(m_mutex);
-        return m_seen;
+        std::vector<MSG_COMMON> seen;
+        for (const Received& message : m_seen) {
+            seen.push_back(message.Common());
+        }
+        return seen;
+    }
+
+    /// The messages of a command, of one instance or (0) of any.
+    std::vector<Received> Of(unsigned int command, unsigned int instance = 0) {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        std::vector<Received> found;
+        for (const Received& message : m_seen) {
+            if (message.Common().command == command && (instance == 0 || message.Common().instance == instance)) {
+                found.push_back(message);
+            }
+        }
+        return found;
+    }
+    size_t Count(unsigned int command, unsigned int instance = 0) { return Of(command, instance).size(); }
+    bool WaitFor(unsigned int command, unsigned int instance = 0, size_t count = 1) {
+        return WaitUntil([&] { return Count(command, instance) >= count; });
     }
 
     /// The commands seen so far, without kHold.
@@ -98,7 +141,7 @@ private:
 
     std::mutex m_mutex;
     std::condition_variable m_changed;
-    std::vector<MSG_COMMON> m_seen;
+    std::vector<Received> m_seen;
     std::function<void(const MSG_COMMON&)> m_action;
     bool m_bHeld = false;
 };

@@ -1,14 +1,11 @@
 /// @file SocketPeers.h
-/// The other end of a socket under test: plain sockets on the loopback address, a queue that keeps what it is sent, and
-/// the library's trace in a file.
+/// The other end of a socket under test: plain sockets on the loopback address, and the library's trace in a file.
 #ifndef SOCKET_PEERS_H
 #define SOCKET_PEERS_H
 
 #include <arpa/inet.h>
-#include <condition_variable>
 #include <cstring>
-#include <functional>
-#include <mutex>
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <string>
@@ -20,6 +17,7 @@
 
 #include <gtest/gtest.h>
 
+#include "RecordingQueue.h"
 #include "TestSupport.h"
 #include "tq_Lifecycle_p.h"
 #include "tqos.h"
@@ -163,76 +161,27 @@ inline const unsigned char* Bytes(const std::string& text) {
     return reinterpret_cast<const unsigned char*>(text.data());
 }
 
-/// A message that a queue was sent.
-struct Received {
-    std::vector<unsigned char> bytes;
-
-    const MSG_COMMON& Common() const { return *reinterpret_cast<const MSG_COMMON*>(bytes.data()); }
-    const SOCKET_NEW_CONNECTION& NewConnection() const {
-        return *reinterpret_cast<const SOCKET_NEW_CONNECTION*>(bytes.data());
-    }
-    const SOCKET_CLOSED& Closed() const { return *reinterpret_cast<const SOCKET_CLOSED*>(bytes.data()); }
-    const SOCKET_DATAGRAM& Datagram() const { return *reinterpret_cast<const SOCKET_DATAGRAM*>(bytes.data()); }
-};
-
-/// A queue that keeps a copy of every message but its own first and last.
-class RecordingQueue : public tq_MsgQ {
-public:
-    explicit RecordingQueue(const char* name = "recorder") : tq_MsgQ(name, nullptr) { Create(0); }
-    ~RecordingQueue() override { Destroy(false); }
-
-    void MessageHandler(MSG_COMMON* pMsg) override {
-        if (pMsg->command != MSG_CREATE && pMsg->command != MSG_DESTROY) {
-            if (m_onMessage) {
-                m_onMessage(*pMsg);
-            }
-            const unsigned char* pBytes = reinterpret_cast<const unsigned char*>(pMsg);
-            std::lock_guard<std::mutex> lock(m_mutex);
-            m_received.push_back({std::vector<unsigned char>(pBytes, pBytes + pMsg->size)});
-        }
-        tq_free(pMsg);
-    }
-
-    /// Called for each message, on the queue's thread; to be set before the first.
-    std::function<void(const MSG_COMMON&)> m_onMessage;
-
-    std::vector<Received> All() {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return m_received;
-    }
-
-    /// The messages of a command, of one instance or (0) of any.
-    std::vector<Received> Of(unsigned int command, unsigned int instance = 0) {
-        std::vector<Received> found;
-        for (const Received& message : All()) {
-            if (message.Common().command == command && (instance == 0 || message.Common().instance == instance)) {
-                found.push_back(message);
-            }
-        }
-        return found;
-    }
-
-    size_t Count(unsigned int command, unsigned int instance = 0) { return Of(command, instance).size(); }
-
-    bool WaitFor(unsigned int command, unsigned int instance = 0, size_t count = 1) {
-        return WaitUntil([&] { return Count(command, instance) >= count; });
-    }
-
-private:
-    std::mutex m_mutex;
-    std::vector<Received> m_received;
-};
-
-/// The library's own trace from level 0 on, in a file of the working directory.
+/// The library's own trace from level 0 on, in a file of the working directory. It is read through a descriptor that is
+/// open from the start, so that it can be read when there is no other.
 class TraceFile {
 public:
     TraceFile() {
         EXPECT_EQ(0, tq_TraceEnableFile(tqosTraceHandle, "tracefile.txt", 0, 0));
         tq_TraceSetLevel(tqosTraceHandle, 0);
         tq_TraceSetCatMask(tqosTraceHandle, -1);
+        m_fd = Fd(open("tracefile.txt", O_RDONLY | O_CLOEXEC));
+        EXPECT_TRUE(m_fd.IsOpen());
     }
 
-    std::string Text() const { return ReadFile("tracefile.txt"); }
+    std::string Text() const {
+        std::string text;
+        char piece[4096];
+        ssize_t length = 0;
+        while ((length = pread(m_fd.Get(), piece, sizeof(piece), static_cast<off_t>(text.size()))) > 0) {
+            text.append(piece, static_cast<size_t>(length));
+        }
+        return text;
+    }
 
     /// How often this whole line was traced at the level that the tag ("DEB: ") says.
     size_t Count(const std::string& tag, const std::string& line) const {
@@ -241,6 +190,9 @@ public:
     bool WaitFor(const std::string& tag, const std::string& line) const {
         return WaitUntil([&] { return Count(tag, line) > 0; });
     }
+
+private:
+    Fd m_fd;
 };
 
 } // namespace test
