@@ -96,6 +96,15 @@ std::string Timers() {
     return report;
 }
 
+/// A handler that has just found its sender sets the timer anew, and looks once more whether to kill it.
+bool WaitForTimers(const std::string& name, size_t count) {
+    return WaitUntil([&] { return CountOf(Timers(), name) == count; });
+}
+
+bool WaitForNoTimers() {
+    return WaitUntil([] { return Timers() == "No Timers currently set..."; });
+}
+
 unsigned int RemainingOf(unsigned int timer, unsigned int hSocket) {
     return tq_TimerTimeRemaining(gpTraceMsgQ->GetHandle(), timer, hSocket, 0);
 }
@@ -192,26 +201,22 @@ public:
     }
 };
 
-std::atomic<unsigned int> gMarkers{0};
-
-void CountMarker() {
-    ++gMarkers;
+/// Nothing is left to be read from a library's socket: the sockets thread, which reads under the lock taken here, has
+/// given the queue all that came before.
+bool IsReadEmpty(unsigned int hSocket) {
+    tq_SocketAccess socket(hSocket);
+    struct pollfd wait = {socket ? static_cast<int>(socket->socket) : -1, POLLIN, 0};
+    return poll(&wait, 1, 0) == 0;
 }
 
-/// Waits until the queue has handled all that was sent to the instance's socket before. There must be no reset among
-/// it.
-void WaitUntilHandled(unsigned int handle, const char* pszAddress = "127.0.0.1") {
-    PFN_ONRESET pfnBefore;
-    {
-        tq_LockedTrace trace;
-        pfnBefore = RecordLocked(handle)->pNetTrace->ResetHandler();
+/// Waits until the queue has handled all that was sent to the instance's socket before.
+void WaitUntilHandled(unsigned int handle) {
+    const unsigned int hSocket = SocketOf(handle);
+    EXPECT_TRUE(WaitUntil([hSocket] { return IsReadEmpty(hSocket); }));
+    for (int i = 0; i < 2; ++i) { // with the second one taken, the first is handled, and all before it
+        EXPECT_TRUE(tq_MsgCreateCommonAndSend(0, gpTraceMsgQ->GetHandle(), MSG_USER, 0, 0, 0, false, 2));
     }
-    tq_TraceSetResetHandler(handle, CountMarker);
-    const unsigned int before = gMarkers;
-    Viewer marker(pszAddress);
-    marker.Send(PortOfInstance(handle), Wire("RESET/marker"), pszAddress);
-    EXPECT_TRUE(WaitUntil([before] { return gMarkers != before; }));
-    tq_TraceSetResetHandler(handle, pfnBefore);
+    EXPECT_TRUE(WaitUntil([] { return gpTraceMsgQ->GetQueueDepth(0) == 0; }));
 }
 
 /// What a viewer gets of a line, the stamp replaced.
@@ -242,7 +247,7 @@ TEST(NetTrace, EnablingOpensASocketAndSetsTheBitAndDisablingTakesThemAway) {
     EXPECT_EQ(0u, SocketOf(handle));
     EXPECT_EQ(nullptr, RecordLocked(handle)->pNetTrace);
     EXPECT_EQ(0u, tq_SocketGetBoundPort(hSocket));
-    EXPECT_EQ("No Timers currently set...", Timers());
+    EXPECT_TRUE(WaitForNoTimers());
     EXPECT_EQ(0, tq_TraceDisableMulticast(handle));
 }
 
@@ -265,7 +270,7 @@ TEST(NetTrace, EnablingAgainBeginsAnewWithoutViewers) {
     EXPECT_EQ(0u, ViewersOf(handle));
     EXPECT_EQ(0u, tq_SocketGetBoundPort(hFirst));
     EXPECT_NE(0u, PortOfInstance(handle));
-    EXPECT_EQ(1u, CountOf(Timers(), "TqTrace Announcement"));
+    EXPECT_TRUE(WaitForTimers("TqTrace Announcement", 1));
 }
 
 TEST(NetTrace, TheConfigurationSwitchesItOn) {
@@ -316,7 +321,7 @@ TEST(NetTrace, TheLastCloseOfTheInstanceEndsItsSenderAndTimers) {
     Subscribed viewer(handle);
     EXPECT_EQ(0, tq_TraceTermInstance(handle));
     EXPECT_EQ(0u, tq_SocketGetBoundPort(hSocket));
-    EXPECT_EQ("No Timers currently set...", Timers());
+    EXPECT_TRUE(WaitForNoTimers());
     Forge(hSocket, Wire("TRACEON/"), test::Loopback(), viewer.Port()); // late, and of nobody
     Fire(kAnnouncementTimer, hSocket);
     Fire(kKeepAliveTimer, hSocket);
@@ -337,7 +342,7 @@ TEST(NetTrace, WithoutADescriptorItStaysOff) {
     ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &before));
     EXPECT_EQ("-----", TypeOf(handle)); // what it had is gone, too
     EXPECT_EQ(0u, SocketOf(handle));
-    EXPECT_EQ("No Timers currently set...", Timers());
+    EXPECT_TRUE(WaitForNoTimers());
     EXPECT_EQ(0, tq_TraceEnableMulticast(handle));
     EXPECT_EQ("---M-", TypeOf(handle));
 }
@@ -354,7 +359,7 @@ unsigned int EnableWithEverMoreMemory(unsigned int handle) {
         if (result != 0) {
             ++failures;
             EXPECT_EQ("-----", TypeOf(handle));
-            EXPECT_EQ(0u, CountOf(Timers(), "TqTrace"));
+            EXPECT_TRUE(WaitForTimers("TqTrace", 0));
         }
     }
     EXPECT_EQ("---M-", TypeOf(handle));
@@ -412,8 +417,8 @@ TEST(NetTrace, QueueSocketListAndTimersHaveTheirNames) {
         EXPECT_STREQ("127.0.0.1:T", RecordLocked(handle)->pNetTrace->ApplicationName());
     }
     EXPECT_EQ(1u, ListsNamed("127.0.0.1:T"));
-    EXPECT_EQ(1u, CountOf(Timers(), "TqTrace Announcement"));
-    EXPECT_TRUE(WaitUntil([] { return CountOf(Timers(), "TqTrace Keepalive") == 1; }));
+    EXPECT_TRUE(WaitForTimers("TqTrace Announcement", 1));
+    EXPECT_TRUE(WaitForTimers("TqTrace Keepalive", 1));
 }
 
 TEST(NetTrace, AllInstancesShareOneQueue) {
@@ -512,7 +517,7 @@ TEST(NetTrace, TracingToViewersTakesNoMemory) {
     Library library(kIni + kCapped);
     const unsigned int handle = tq_TraceInitInstance("T");
     Subscribed viewer(handle);
-    EXPECT_TRUE(WaitUntil([] { return CountOf(Timers(), "TqTrace Keepalive") == 1; }));
+    EXPECT_TRUE(WaitForTimers("TqTrace Keepalive", 1));
     {
         Cap cap(0); // every allocation is refused
         Line(handle, "without memory\n");
@@ -763,33 +768,28 @@ void CountReset() {
     ++gResets;
 }
 
-/// Waits likewise where a reset is under way, which would be taken for the marker.
-void WaitUntilResetIsHandled(unsigned int handle) {
-    Subscribed last(handle);
-}
-
 TEST(NetTrace, AResetCallsTheHandlerAndItsSetterDeliberatelySays1) {
     Library library(kIni);
     const unsigned int handle = tq_TraceInitInstance("T");
     Viewer viewer;
     viewer.Send(PortOfInstance(handle), Wire("RESET/")); // there is no handler
-    WaitUntilResetIsHandled(handle);
+    WaitUntilHandled(handle);
     EXPECT_EQ(1, tq_TraceSetResetHandler(handle, CountReset));
     gResets = 0;
     viewer.Send(PortOfInstance(handle), "RESET/");
     viewer.Send(PortOfInstance(handle), Wire("RESET/"));
     viewer.Send(PortOfInstance(handle), Wire("RESET/now"));
     EXPECT_TRUE(WaitUntil([] { return gResets >= 2; }));
-    WaitUntilResetIsHandled(handle);
+    WaitUntilHandled(handle);
     EXPECT_EQ(2u, gResets);
     EXPECT_EQ(1, tq_TraceSetResetHandler(handle, nullptr));
     viewer.Send(PortOfInstance(handle), Wire("RESET/"));
-    WaitUntilResetIsHandled(handle);
+    WaitUntilHandled(handle);
     EXPECT_EQ(2u, gResets);
     EXPECT_EQ(1, tq_TraceSetResetHandler(handle, CountReset));
     EXPECT_EQ(0, tq_TraceEnableMulticast(handle)); // begins without a handler
     viewer.Send(PortOfInstance(handle), Wire("RESET/"));
-    WaitUntilResetIsHandled(handle);
+    WaitUntilHandled(handle);
     EXPECT_EQ(2u, gResets);
     EXPECT_EQ(0, tq_TraceDisableMulticast(handle));
     EXPECT_EQ(1, tq_TraceSetResetHandler(handle, CountReset));
@@ -935,7 +935,7 @@ TEST(NetTrace, EndsWithTraceWhileTheLibraryRunsOn) {
         tq_TraceTerminate();
         EXPECT_EQ(nullptr, gpTraceMsgQ);
         EXPECT_EQ(0u, tq_SocketGetBoundPort(hSocket));
-        EXPECT_EQ("No Timers currently set...", Timers());
+        EXPECT_TRUE(WaitForNoTimers());
         ASSERT_EQ(0u, tq_TraceInitialize());
     }
 }
@@ -1256,7 +1256,7 @@ TEST(NetTraceNetwork, AnnouncesItselfSoonAndThenEvery10Seconds) {
         EXPECT_GE(10000u, RemainingOf(kAnnouncementTimer, hSocket));
         EXPECT_EQ(expected, listener.NextWith(""));
         EXPECT_EQ(0, tq_TraceDisableMulticast(handle));
-        EXPECT_EQ("No Timers currently set...", Timers());
+        EXPECT_TRUE(WaitForNoTimers());
     });
 }
 
@@ -1294,7 +1294,7 @@ TEST(NetTraceNetwork, FollowsItsAddressWhenAnInterfaceGoesAndStaysWhenItComesBac
         Viewer early("10.99.3.1");
         early.Send(PortOfInstance(handle), Wire("TRACEON/"), "10.99.1.1");
         ASSERT_TRUE(WaitForViewers(handle, 1));
-        WaitUntilHandled(handle, "10.99.1.1");
+        WaitUntilHandled(handle);
 
         ASSERT_TRUE(Switch("net1", false));
         TellOfChange();
@@ -1323,7 +1323,7 @@ TEST(NetTraceNetwork, FollowsItsAddressWhenAnInterfaceGoesAndStaysWhenItComesBac
 
         ASSERT_TRUE(Switch("net1", true)); // its own address is still there
         TellOfChange();
-        WaitUntilHandled(handle, "10.99.2.1");
+        WaitUntilHandled(handle);
         EXPECT_EQ(hSecond, SocketOf(handle));
 
         ASSERT_TRUE(Switch("net2", false));
@@ -1353,7 +1353,7 @@ TEST(NetTraceNetwork, WithoutAnAddressItIsOnTheLoopbackOne) {
         TellOfChange();
         EXPECT_TRUE(WaitUntil([=] { return AddressOf(handle) == "10.99.2.1"; }));
         EXPECT_EQ(0, tq_TraceDisableMulticast(handle));
-        EXPECT_TRUE(WaitUntil([] { return Timers() == "No Timers currently set..."; }));
+        EXPECT_TRUE(WaitForNoTimers());
     });
 }
 
