@@ -34,12 +34,19 @@ const std::string kCapped =
 /// threads, and no change of it would be seen by them in order.
 class Cap {
 public:
-    explicit Cap(unsigned int room) : m_pBallast(tq_malloc(kCappedBytes - AllocatedBytes() - room)) {
-        EXPECT_NE(nullptr, m_pBallast);
+    explicit Cap(unsigned int room) {
+        do { // refused when another thread has taken some since they were counted
+            m_pBallast = tq_malloc(kCappedBytes - AllocatedBytes() - room);
+        } while (!m_pBallast);
     }
-    ~Cap() { tq_free(m_pBallast); }
+    ~Cap() { End(); }
     Cap(const Cap&) = delete;
     Cap& operator=(const Cap&) = delete;
+
+    void End() {
+        tq_free(m_pBallast);
+        m_pBallast = nullptr;
+    }
 
 private:
     void* m_pBallast;
