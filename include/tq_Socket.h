@@ -323,7 +323,9 @@ TQ_API unsigned int tq_SocketFindService(const char* pszDomain, const char* pszS
 
 } // extern "C"
 
+/// tq__SocketClose() with the place of the call.
 #define tq_SocketClose(hSocket) tq__SocketClose((hSocket), __FILE__, __LINE__)
+/// tq__SocketFlushAndClose() with the place of the call.
 #define tq_SocketFlushAndClose(hSocket, Flags) tq__SocketFlushAndClose((hSocket), (Flags), __FILE__, __LINE__)
 
 #endif // TQ_SOCKET_H
