@@ -155,7 +155,9 @@ TQ_API bool tq_GetVolumeInfo(const char* pszPath, unsigned int* uiKBFree, unsign
 /// Threads: any.
 TQ_API int tq_Deltree(const char* directory);
 
-/// Removes an empty directory with the shell's "rmdir"; otherwise as tq_Deltree().
+/// Removes an empty directory with the shell's "rmdir". The path is given to the shell as tq_Deltree() gives it.
+/// @return as tq_Deltree(); also what system() gives when the directory is not there or holds something
+/// Threads: any.
 TQ_API int tq_RemoveDirectory(const char* directory);
 
 /// Makes a directory; its parent must be there. All may use it as far as the umask lets them.

@@ -19,6 +19,7 @@
 #include <gtest/gtest.h>
 
 #include "TestSupport.h"
+#include "tq_Lifecycle_p.h"
 #include "tqos.h"
 
 extern char** environ;
@@ -125,6 +126,11 @@ TEST(DynamicLibrary, IsNotFreedWithoutAHandle) {
 TEST(DynamicLibrary, ThatCannotBeLoadedIsTraced) {
     const test::ChildResult child = RunInChild([] {
         test::Library library("[Trace]\nDefaultLogToSTDOUT=yes\n");
+        tq_TraceSetCatMask(tqosTraceHandle, ~16); // passes any other category
+        if (tq_LoadLibrary("./no_such_library.so")) {
+            _exit(1);
+        }
+        tq_TraceSetCatMask(tqosTraceHandle, 16); // "System" alone
         if (tq_LoadLibrary("./no_such_library.so")) {
             _exit(1);
         }
