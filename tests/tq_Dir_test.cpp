@@ -1080,6 +1080,22 @@ TEST(Search, FillsTheRecordForEachEntry) {
     EXPECT_EQ(1, tq_FindClose(hSearch));
 }
 
+TEST(Search, ShowsATimeAfter2038) {
+    ScratchDirectory directory;
+    WriteFile("late", "1");
+    constexpr unsigned int kIn2040 = 2208988800u;
+    const struct timespec times[2] = {{kIn2040, 0}, {kIn2040, 0}};
+    ASSERT_EQ(0, utimensat(AT_FDCWD, "late", times, 0));
+    struct stat status;
+    ASSERT_EQ(0, stat("late", &status));
+    if (status.st_mtime != static_cast<time_t>(kIn2040)) {
+        GTEST_SKIP() << "this file system keeps no such time";
+    }
+    TQ_FINDFILE_STRUCT entry;
+    EXPECT_EQ(1, tq_FindClose(tq_FindFirstFile("late", &entry)));
+    EXPECT_EQ(kIn2040, entry.uiLastWriteTime);
+}
+
 TEST(Search, ThatFindsNothingSaysWhy) {
     ScratchDirectory directory;
     TQ_FINDFILE_STRUCT entry;
