@@ -17,6 +17,7 @@
 #include <sys/syscall.h>
 #include <thread>
 
+#include "Fault.h"
 #include "MemoryCap.h"
 #include "SocketPeers.h"
 #include "TestSupport.h"
@@ -34,20 +35,8 @@ std::atomic<bool> gbBindFails{false};
 std::atomic<bool> gbGetsocknameFails{false};
 std::atomic<bool> gbListenFails{false};
 
-/// Lets a call fail, with ENOBUFS (105), for a scope.
-class Fault {
-public:
-    explicit Fault(std::atomic<bool>& fault) : m_fault(fault) { m_fault = true; }
-    ~Fault() { m_fault = false; }
-    Fault(const Fault&) = delete;
-    Fault& operator=(const Fault&) = delete;
-
-private:
-    std::atomic<bool>& m_fault;
-};
-
 int Refuse() {
-    errno = ENOBUFS;
+    errno = ENOBUFS; // 105
     return -1;
 }
 

@@ -13,6 +13,8 @@
 #include <time.h>
 #include <unistd.h>
 
+#include "Fault.h"
+
 namespace test {
 
 inline std::atomic<bool> gbClockFails{false};       ///< gettimeofday() fails
@@ -23,18 +25,6 @@ inline std::atomic<bool> gbSleepInterrupted{false}; ///< nanosleep() ends at onc
 inline std::atomic<unsigned int> gSleeps{0};        ///< calls of nanosleep() that were interrupted so
 inline std::atomic<long long> gLastSleepSeconds{-1};
 inline std::atomic<long> gLastSleepNanoseconds{-1};
-
-/// Sets a switch for a scope.
-class Fault {
-public:
-    explicit Fault(std::atomic<bool>& fault) : m_fault(fault) { m_fault = true; }
-    ~Fault() { m_fault = false; }
-    Fault(const Fault&) = delete;
-    Fault& operator=(const Fault&) = delete;
-
-private:
-    std::atomic<bool>& m_fault;
-};
 
 } // namespace test
 
