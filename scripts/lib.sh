@@ -72,6 +72,25 @@ prepare_processor() {
     install_packages ${packages[@]+"${packages[@]}"}
 }
 
+# The fuzz targets' compiler, as the preset fuzz-32 uses it.
+clang_makes_fuzzers() {
+    local -a flags
+    mapfile -t flags < <(flags_of_width_32)
+    printf 'extern "C" int LLVMFuzzerTestOneInput(const unsigned char*, unsigned int) { return 0; }\n' |
+        clang++ "${flags[@]}" -fsanitize=fuzzer,address,undefined -x c++ -o /dev/null - >/dev/null 2>&1
+}
+
+# prepare_fuzz: clang and the runtime of its fuzzer and sanitizers, whose package for the 64-bit machine has the 32-bit
+# libraries too.
+prepare_fuzz() {
+    have clang++ || install_packages clang
+    clang_makes_fuzzers && return 0
+    local version
+    version=$(clang++ -dumpversion) || die "clang++ does not run"
+    install_packages "libclang-rt-${version%%.*}-dev"
+    clang_makes_fuzzers || die "clang++ builds no 32-bit fuzz targets on this machine"
+}
+
 # prepare_to_build PRESET...: compiler and build tools for these presets.
 prepare_to_build() {
     local -a packages=()
@@ -90,6 +109,7 @@ prepare_to_build() {
         mips) prepare_processor mips mips-linux-gnu ;;
         esac
     done
+    [[ " $* " != *" fuzz-32 "* ]] || prepare_fuzz
 }
 
 # prepare_to_test: what only the tests need.
