@@ -193,11 +193,17 @@ inline void StartLibrary(const std::string& ini) {
     remove("tqos.ini");
 }
 
+/// The memory in use before the input that is run.
+inline unsigned int& MemoryBefore() {
+    static unsigned int bytes = 0;
+    return bytes;
+}
+
 /// Runs one input; the memory in use must be the same afterwards.
 inline int Run(void (*pfnOneInput)(Input input), const uint8_t* pBytes, size_t size) {
-    const unsigned int before = gRequestedMemoryAllocations;
+    MemoryBefore() = gRequestedMemoryAllocations;
     pfnOneInput(Input(pBytes, size));
-    FUZZ_EQUAL(before, gRequestedMemoryAllocations);
+    FUZZ_EQUAL(MemoryBefore(), gRequestedMemoryAllocations);
     return 0;
 }
 
