@@ -209,16 +209,36 @@ inline int Run(void (*pfnOneInput)(Input input), const uint8_t* pBytes, size_t s
 
 } // namespace fuzz
 
-/// The target: what the library is started with, and the function that takes an input.
-#define FUZZ_TARGET(ini, OneInput)                                                                                     \
+namespace fuzz {
+
+inline void StartNothing() {}
+
+/// Waits until the threads that a target's start has begun have settled: the memory in use stays the same for a while.
+inline void Settle() {
+    constexpr unsigned int kQuietTenths = 3;
+    unsigned int before = gRequestedMemoryAllocations;
+    for (unsigned int quiet = 0; quiet < kQuietTenths; ++quiet) {
+        usleep(100000);
+        quiet = before == gRequestedMemoryAllocations ? quiet : 0;
+        before = gRequestedMemoryAllocations;
+    }
+}
+
+} // namespace fuzz
+
+/// The target: what the library is started with, what is started beside it, and the function that takes an input.
+#define FUZZ_TARGET_WITH_START(ini, Start, OneInput)                                                                   \
     extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv) {                                                     \
         fuzz::KeepArguments(argc, argv);                                                                               \
         fuzz::EnterScratchDirectory();                                                                                 \
         fuzz::StartLibrary(ini);                                                                                       \
+        Start();                                                                                                       \
         return 0;                                                                                                      \
     }                                                                                                                  \
     extern "C" int LLVMFuzzerTestOneInput(const uint8_t* pBytes, size_t size) {                                        \
         return fuzz::Run(OneInput, pBytes, size);                                                                      \
     }
+
+#define FUZZ_TARGET(ini, OneInput) FUZZ_TARGET_WITH_START(ini, fuzz::StartNothing, OneInput)
 
 #endif // FUZZ_H
