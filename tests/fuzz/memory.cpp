@@ -18,7 +18,8 @@ constexpr const char* kModes[] = {
     "EnableMemoryPooling=yes\r\nPool1BlockSize=64\r\nPool1StartCount=4\r\nPool1Increment=3\r\n"
     "Pool2BlockSize=700\r\n",
     "EnableMemoryPooling=yes\r\nEnableMemoryTracking=yes\r\nMemoryAlignment=8\r\nEnableHistogram=yes\r\n"
-    "Pool1BlockSize=16\r\nPool1StartCount=2\r\nPool1Increment=1\r\nPool2BlockSize=100\r\nPool2StartCount=1\r\n",
+    "HistogramMaxSize=300\r\nPool1BlockSize=16\r\nPool1StartCount=2\r\nPool1Increment=1\r\nPool2BlockSize="
+    "100\r\nPool2StartCount=1\r\n",
 };
 constexpr unsigned int kModeCount = sizeof(kModes) / sizeof(kModes[0]);
 
@@ -31,7 +32,8 @@ struct Block {
     unsigned char* pBytes;
     unsigned int size;
     unsigned char seed;
-    bool bNew; ///< of the new family
+    bool bNew;    ///< of the new family
+    bool bPooled; ///< while there are pools
 };
 
 struct Work {
@@ -67,10 +69,15 @@ unsigned int AboveAlignment(const void* pBlock) {
     return static_cast<unsigned int>(reinterpret_cast<uintptr_t>(pBlock) % Alignment());
 }
 
+/// Whether a pool has slots for so many bytes.
+bool HasPool(unsigned int size) {
+    return gbUseMemoryPooling && size <= PoolSizes[TotalPools - 1];
+}
+
 /// Takes a block into the model and fills it.
 void Take(Work& work, void* pBlock, unsigned int size, bool bNew) {
     FUZZ_CHECK(pBlock);
-    const Block block = {static_cast<unsigned char*>(pBlock), size ? size : 1, ++work.seed, bNew};
+    const Block block = {static_cast<unsigned char*>(pBlock), size ? size : 1, ++work.seed, bNew, HasPool(size)};
     work.requested += block.size;
     work.blocks.push_back(block);
     Fill(block);
@@ -173,10 +180,13 @@ void Realloc(Work& work, fuzz::Input& input) {
     FUZZ_CHECK(pBlock);
     // Resized on the heap it is the header, not what the caller gets, that is aligned.
     FUZZ_CHECK(AboveAlignment(pBlock) == 0 || AboveAlignment(pBlock) == gTotalMemoryHeader % Alignment());
-    const Block moved = {pBlock, size, old.seed, false};
+    const Block moved = {pBlock, size, old.seed, false, false};
     CheckBytes(moved, std::min(size, old.size));
     Forget(work, place);
     Take(work, pBlock, size, false);
+    if (!old.bPooled && !gbUseMemoryTracking) { // nobody knows how large it was: it is resized where it is
+        work.blocks.back().bPooled = false;
+    }
 }
 
 struct Operation {
@@ -202,8 +212,7 @@ void Check(const Work& work, unsigned int slotsBefore) {
         FUZZ_EQUAL(work.base + work.requested, gRequestedMemoryAllocations);
     }
     if (gbUseMemoryPooling) {
-        const unsigned int largest = PoolSizes[TotalPools - 1];
-        const auto isPooled = [largest](const Block& block) { return block.size <= largest; };
+        const auto isPooled = [](const Block& block) { return block.bPooled; };
         const std::ptrdiff_t pooled = std::count_if(work.blocks.begin(), work.blocks.end(), isPooled);
         FUZZ_EQUAL(slotsBefore + static_cast<unsigned int>(pooled), SlotsInUse());
     }
@@ -215,15 +224,22 @@ void Check(const Work& work, unsigned int slotsBefore) {
     }
 }
 
-/// Starts the library again when it runs in another mode.
+/// Starts the memory, and nothing else of the library, in another mode.
 void SetMode(unsigned int mode) {
-    static unsigned int current = 0;
-    if (mode != current) {
-        tqOS_Terminate(false, true);
-        fuzz::StartLibrary(std::string("[Memory]\r\n") + kModes[mode]);
-        current = mode;
-        fuzz::MemoryBefore() = gRequestedMemoryAllocations;
+    static unsigned int current = kModeCount;
+    if (mode == current) {
+        return;
     }
+    tq_MemoryTerminate(false);
+    fuzz::WriteFile("tqos.ini", std::string("[ErrorLog]\r\nFilename=\r\n[Memory]\r\n") + kModes[mode]);
+    tq_BaseInitialize();
+    FUZZ_EQUAL(0u, tq_MemoryInitialize());
+    current = mode;
+    fuzz::MemoryBefore() = gRequestedMemoryAllocations;
+}
+
+void Start() {
+    tqOS_Terminate(false, true);
 }
 
 void OneInput(fuzz::Input input) {
@@ -251,4 +267,4 @@ void OneInput(fuzz::Input input) {
 
 } // namespace
 
-FUZZ_TARGET("", OneInput)
+FUZZ_TARGET_WITH_START("", Start, OneInput)
