@@ -35,6 +35,8 @@ constexpr int kSystemCategory = 16; // trace category
 /// Passed by everybody who uses gpHandleList.
 tq_Gate gHandleGate;
 
+// Deliberate: one would expect the number that was given back last, which is at hand. The one that has been free for
+// the longest time is taken, so that a stale handle stays invalid for as long as possible.
 unsigned int TakeOldestLocked() {
     return static_cast<unsigned int>(reinterpret_cast<uintptr_t>(gpHandleList->RemoveHead()));
 }
