@@ -679,8 +679,12 @@ TEST(MemoryPool, ABlockThatOutlivesItsPoolIsStillItsOwners) {
             memset(pUserData, 'u', 20);
         }
         EXPECT_EQ(0u, tq_MemoryInitialize()); // new pools, which have nothing to do with the old blocks
+        void* pNew = tq_malloc(20);
         tq_free(blocks[0]);
         tq_free(blocks[3]);
+        EXPECT_EQ(1u, PoolLists[0]->nCurrentAllocatedNodes);
+        EXPECT_EQ(gbUseMemoryTracking ? 20u : 0u, PoolLists[0]->nTotalRequestedSize);
+        tq_free(pNew);
         pMoved = tq_realloc(pMoved, 30);
         EXPECT_EQ(std::string(30, 'u'), Bytes(pMoved, 30));
         EXPECT_EQ(0u, PoolOf(pMoved));
@@ -700,6 +704,23 @@ TEST(MemoryPool, ABlockThatOutlivesItsPoolIsStillItsOwners) {
         EXPECT_EQ(0u, PoolLists[0]->nCurrentAllocatedNodes);
         EXPECT_EQ(2u, PoolLists[0]->nSize);
     }
+}
+
+TEST(MemoryPool, AChunkThatOutlivesItsPoolGoesWithTheLastOfItsBlocks) {
+    Memory memory(kPooling + Pool(1, 100000000, 1, 0));
+    const ChildResult result = RunInChild([] {
+        LimitMemory();
+        for (int start = 0; start < 60; ++start) { // more of them than there is memory for
+            if (tq_MemoryInitialize() != 0) {
+                _exit(1);
+            }
+            void* pUserData = tq_malloc(100);
+            tq_MemoryTerminate(/*bDumpResources=*/false);
+            tq_free(pUserData);
+        }
+    });
+    EXPECT_TRUE(result.exited);
+    EXPECT_EQ(0, result.code);
 }
 
 TEST(MemoryPool, ThreadsGoOnAllocatingWhileThePoolsEndAndStartAgain) {
