@@ -132,6 +132,22 @@ TEST_P(CritSecModes, SectionWithoutALockIsEnteredWithoutLocking) {
     EXPECT_EQ(0u, tq_HeldLocks());
 }
 
+TEST_P(CritSecModes, SectionGivesItsMemoryBack) {
+    test::Library library(std::string("[Memory]\nEnableMemoryTracking=yes\n[Sem]\nUseMutexForCritSec=") +
+                          (GetParam() ? "yes\n" : "no\n"));
+    const unsigned int before = gRequestedMemoryAllocations;
+    {
+        tq_SemCritSec critSec(true);
+        EXPECT_LT(before, gRequestedMemoryAllocations);
+    }
+    EXPECT_EQ(before, gRequestedMemoryAllocations);
+    {
+        test::Fault fault(test::gbMutexInitFails);
+        tq_SemCritSec critSec(true);
+    }
+    EXPECT_EQ(before, gRequestedMemoryAllocations) << "also when its lock could not be made";
+}
+
 TEST_P(CritSecModes, SectionThatMemoryIsRefusedForIsEnteredWithoutLocking) {
     test::Library library(std::string("[Memory]\nEnableMemoryTracking=yes\n[Sem]\nUseMutexForCritSec=") +
                           (GetParam() ? "yes\n" : "no\n"));
@@ -164,6 +180,17 @@ TEST_P(CritSecModes, ForcedYieldFollowsEveryLeave) {
     critSec.Leave();
     gbSchedYield = false;
     EXPECT_EQ(before + 1, test::gYields);
+}
+
+TEST_P(CritSecModes, ForcedYieldFollowsALeaveWithoutALockOnAPlainMutexOnly) {
+    test::Fault fault(test::gbMutexInitFails);
+    tq_SemCritSec critSec(true);
+    const unsigned int before = test::gYields;
+    gbSchedYield = true;
+    critSec.Enter();
+    critSec.Leave();
+    gbSchedYield = false;
+    EXPECT_EQ(before + (GetParam() ? 0 : 1), test::gYields);
 }
 
 TEST_P(CritSecModes, RecordNamesThePlaceThatEntered) {

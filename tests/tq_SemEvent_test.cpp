@@ -213,6 +213,16 @@ TEST(SemEvent, ThatCouldNotBeMadeFailsEveryOperation) {
     }
 }
 
+TEST(SemEvent, GivesItsMemoryBack) {
+    test::Library library("[Memory]\nEnableMemoryTracking=yes\n");
+    const unsigned int before = gRequestedMemoryAllocations;
+    {
+        tq_SemEvent event(1, 0);
+        EXPECT_LT(before, gRequestedMemoryAllocations);
+    }
+    EXPECT_EQ(before, gRequestedMemoryAllocations);
+}
+
 TEST(SemEvent, ThatCouldNotBeMadeKeepsNoMemory) {
     test::Library library("[Memory]\nEnableMemoryTracking=yes\n");
     const unsigned int before = gRequestedMemoryAllocations;

@@ -272,6 +272,16 @@ TEST(SemMutex, ThatCouldNotBeMadeFailsEveryOperation) {
     }
 }
 
+TEST(SemMutex, GivesItsMemoryBack) {
+    test::Library library("[Memory]\nEnableMemoryTracking=yes\n");
+    const unsigned int before = gRequestedMemoryAllocations;
+    {
+        tq_SemMutex mutex(false);
+        EXPECT_LT(before, gRequestedMemoryAllocations);
+    }
+    EXPECT_EQ(before, gRequestedMemoryAllocations);
+}
+
 TEST(SemMutex, ThatCouldNotBeMadeKeepsNoMemory) {
     test::Library library("[Memory]\nEnableMemoryTracking=yes\n");
     const unsigned int before = gRequestedMemoryAllocations;

@@ -198,6 +198,16 @@ TEST(SemSemaphore, ThatCouldNotBeMadeFailsEveryOperation) {
     }
 }
 
+TEST(SemSemaphore, GivesItsMemoryBack) {
+    test::Library library("[Memory]\nEnableMemoryTracking=yes\n");
+    const unsigned int before = gRequestedMemoryAllocations;
+    {
+        tq_SemSemaphore semaphore(1, 1);
+        EXPECT_LT(before, gRequestedMemoryAllocations);
+    }
+    EXPECT_EQ(before, gRequestedMemoryAllocations);
+}
+
 TEST(SemSemaphore, ThatCouldNotBeMadeKeepsNoMemory) {
     test::Library library("[Memory]\nEnableMemoryTracking=yes\n");
     const unsigned int before = gRequestedMemoryAllocations;
