@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <functional>
+#include <future>
 #include <list>
 #include <string>
 #include <thread>
@@ -479,6 +480,216 @@ TEST(TelnetCommands, TheMillisecondIsSpeltAsItAlwaysWas) {
     Console console;
     ConsoleClient client = console.Connect();
     EXPECT_NE(std::string::npos, Ask(client, "sh cur").find("Current System milliseond time: "));
+}
+
+// What the sessions as files cannot say
+
+std::string TextOf(char* pszText) {
+    const std::string text = pszText ? pszText : "(null)";
+    tq_free(pszText);
+    return text;
+}
+
+TEST(TelnetCommands, UptimeIsToldFromItsLargestUnitOn) {
+    constexpr unsigned int kMinute = 60 * 1000;
+    constexpr unsigned int kHour = 60 * kMinute;
+    constexpr unsigned int kDay = 24 * kHour;
+    const std::pair<unsigned int, const char*> rows[] = {
+        {0, "TQOS is not currently initialized!\r\n"},
+        {1, "TQOS has been up for: 0.001 seconds"},
+        {1000, "TQOS has been up for: 1.000 seconds"},
+        {kMinute - 1, "TQOS has been up for: 59.999 seconds"},
+        {kMinute, "TQOS has been up for: 1 minute 0.000 seconds"},
+        {2 * kMinute + 30, "TQOS has been up for: 2 minutes 0.030 seconds"},
+        {kHour + 500, "TQOS has been up for: 1 hour 0 minutes 0.500 seconds"},
+        {5 * kHour + kMinute, "TQOS has been up for: 5 hours 1 minute 0.000 seconds"},
+        {kDay, "TQOS has been up for: 1 day 0 hours 0 minutes 0.000 seconds"},
+        {3 * kDay + kHour + 2 * kMinute + 3004, "TQOS has been up for: 3 days 1 hour 2 minutes 3.004 seconds"},
+        {0xFFFFFFFF, "TQOS has been up for: 49 days 17 hours 2 minutes 47.295 seconds"},
+    };
+    for (const auto& row : rows) {
+        EXPECT_EQ(row.second, TextOf(tq_TelnetUptimeText(row.first)));
+    }
+}
+
+/// A queue whose worker stays in its first message until it is let go.
+class HeldQueue : public tq_MsgQ {
+public:
+    HeldQueue() : tq_MsgQ("Held", nullptr) {
+        Create(0);
+        EXPECT_TRUE(tq_MsgCreateCommonAndSend(0, GetHandle(), MSG_USER, 0, 0, 0, false, TQ_MSG_PRIORITY_HIGH));
+        m_held.get_future().wait();
+    }
+    ~HeldQueue() override { Destroy(false); }
+
+    void MessageHandler(MSG_COMMON* pMsg) override {
+        if (pMsg->command == MSG_USER) {
+            m_held.set_value();
+            m_letGo.get_future().wait();
+        }
+        tq_free(pMsg);
+    }
+    void LetGo() { m_letGo.set_value(); }
+
+private:
+    std::promise<void> m_held;
+    std::promise<void> m_letGo;
+};
+
+TEST(TelnetCommands, WaitingMessagesAreShownByTheirPriorities) {
+    Console console;
+    ConsoleClient client = console.Connect();
+    HeldQueue queue;
+    const unsigned int handle = queue.GetHandle();
+    ASSERT_TRUE(tq_MsgCreateCommonAndSend(1, handle, MSG_USER + 5, 2, 3, 4, false, TQ_MSG_PRIORITY_MEDIUM));
+    ASSERT_TRUE(tq_MsgCreateCommonAndSend(5, handle, MSG_TIMER, 6, 7, 8, false, TQ_MSG_PRIORITY_MEDIUM));
+    ASSERT_TRUE(tq_MsgCreateCommonAndSend(9, handle, 77, 10, 11, 12, false, TQ_MSG_PRIORITY_LOW));
+    const std::string ask = "sh det q " + std::to_string(handle);
+    const auto dump = [handle](const char* pszSource, const char* pszCommand, const char* pszRest) {
+        return std::string(" hSource: ") + pszSource + "\r\n  hDest:   " + std::to_string(handle) +
+               "\r\n  size:    28\r\n  command:  " + pszCommand + "\r\n" + pszRest + "\r\n\r\n>";
+    };
+    client.Send(ask + "\r");
+    EXPECT_TRUE(client.Expect(
+        ask + "\r\n>No High Priority Messages enqueued.\r\n>Medium Priority Message Queue Details...\r\n>" +
+        dump("1", "MSG_USER+5", "  instance: 2\r\n  userparm: 3\r\n  flags:    4\r\n") +
+        dump("5", "MSG_TIMER", "  instance: 6\r\n  userparm: 7\r\n  flags:    8\r\n") +
+        "Low Priority Message Queue Details...\r\n>" +
+        dump("9", "77", "  instance: 10\r\n  userparm: 11\r\n  flags:    12\r\n")));
+    queue.LetGo();
+}
+
+TEST(TelnetCommands, LocksAreShownWhileTheyAreTracked) {
+    Console console(nullptr, "[Sem]\nTracking=Yes\n");
+    ConsoleClient client = console.Connect();
+    client.Send("sh sem\r");
+    const std::string report = client.ReadTo("\r\n\r\n>");
+    EXPECT_EQ(0u, report.find("sh sem\r\n\r\n    Sem     ThreadId   State  Type   Line  File\r\n"
+                              "---------- ---------- ------- ----- ------ -------------------------\r\n"))
+        << report;
+    EXPECT_NE(std::string::npos, report.find("tq_Telnet")) << report; // the sessions are locked while a command runs
+}
+
+TEST(TelnetCommands, ClosingASocketTellsItsOwner) {
+    Console console;
+    ConsoleClient client = console.Connect();
+    test::RecordingQueue owner;
+    const unsigned int socket = tq_SocketOpenUDP(owner.GetHandle(), test::Loopback(), 9, 0, test::Loopback(), 0);
+    ASSERT_NE(0u, socket);
+    const std::string close = "clo so " + std::to_string(socket);
+    client.Send(close + "\r");
+    EXPECT_TRUE(client.Expect(close + "\r\n>"));
+    EXPECT_TRUE(owner.WaitFor(MSG_SOCKET_CLOSED, socket));
+}
+
+TEST(TelnetCommands, EveryFormOfTheHistogramComes) {
+    Console console(nullptr, kAllOfMemory);
+    ConsoleClient client = console.Connect();
+    const std::pair<const char*, const char*> rows[] = {
+        {"", "Bytes     Allocations (* = current   ...| = Maximum)\r\n"
+             " -------   |------------------------------------------------------------------|"},
+        {" format=graphic", "Bytes     Allocations (* = current   ...| = Maximum)\r\n"
+                            " -------   |------------------------------------------------------------------|"},
+        {" format=combo", "Bytes     Allocations (* = current   ...| = Maximum)\r\n"
+                          " -------   |------------------------------------------------|"},
+        {" format=NUMERIC", "Bytes         current  (maximum)\r\n -------       -----------------"},
+        {" format=ini", "[Memory]\r\n  EnableMemoryPooling=Yes\r\n"},
+    };
+    for (const auto& row : rows) {
+        ConsoleClient other = console.Connect();
+        const std::string ask = std::string("sh mem histogram") + row.first;
+        other.Send(ask + "\r");
+        EXPECT_TRUE(other.Expect(ask + "\r\n>" + row.second + "\r\n>"));
+    }
+}
+
+// What users type and name is never a format, nor too long
+
+const std::string kFormatName = "%s%n%d%%{%100000x}";
+
+/// Sends a command and reads what comes until a text has come so often.
+std::string ReadWith(ConsoleClient& client, const std::string& command, const std::string& text, size_t count) {
+    client.Send(command + "\rsh has 4000000000\r");
+    std::string all = client.ReadTo("List not found.\r\n>"); // all that the console itself answers
+    while (test::CountOf(all, text) < count && !testing::Test::HasFailure()) {
+        all += client.ReadTo("\r\n>");
+    }
+    return all;
+}
+
+TEST(TelnetCommands, NamesAreNoFormats) {
+    Console console;
+    test::AnsweringQueue queue(kFormatName.c_str());
+    queue.SetDescription(kFormatName.c_str());
+    const tq_List list(kFormatName.c_str());
+    const unsigned int hTrace = tq_TraceInitInstance(kFormatName.c_str());
+    tq_TraceSetCategoryName(hTrace, 1, kFormatName.c_str());
+    const unsigned int socket = tq_SocketOpenUDP(queue.GetHandle(), test::Loopback(), 9, 0, test::Loopback(), 0);
+    tq_SocketSetName(socket, kFormatName.c_str());
+    tq_TimerSet(queue.GetHandle(), 1000000, 1, 0, 0, 0, kFormatName.c_str(), false);
+    ConsoleClient client = console.Connect();
+    const std::pair<std::string, size_t> rows[] = {
+        // how often the name comes, the echo of the command included
+        {"sh q", 2},
+        {"sh l %s%n", 1},
+        {"sh so", 1},
+        {"sh t", 1},
+        {"sh tr", 1},
+        {"sh th", 1},
+        {"sh det so " + std::to_string(socket), 1},
+        {"sh det tr " + kFormatName, 3},
+        {"send " + kFormatName + " " + kFormatName, 4},
+        {"sh sum " + std::to_string(queue.GetHandle()), 1},
+    };
+    for (const auto& row : rows) {
+        ReadWith(client, row.first, kFormatName, row.second);
+    }
+    tq_TraceTermInstance(hTrace);
+}
+
+/// Every way through the tables that ends at a command.
+void AddCommandLines(const TOKEN_PARSER* pTable, const std::string& path, std::vector<std::string>& lines) {
+    for (const TOKEN_PARSER* pRow = pTable; pRow->pszToken; ++pRow) {
+        const std::string line = path + pRow->pszToken;
+        if (pRow->pNextTokenStruct) {
+            AddCommandLines(pRow->pNextTokenStruct, line + " ", lines);
+        } else if (pRow->pfnFunction) {
+            lines.push_back(line);
+        } else if (path.find(pRow->pszToken) == std::string::npos && path.find("able ") == std::string::npos) {
+            AddCommandLines(pTable, line + " ", lines); // a modifier, and what it modifies
+        }
+    }
+}
+
+TEST(TelnetCommands, EveryCommandStandsEveryKindOfArgument) {
+    House house(kAllOfMemory);
+    ConsoleClient client = house.TheConsole().Connect();
+    std::vector<std::string> lines;
+    AddCommandLines(kTopCommands, "", lines);
+    EXPECT_GT(lines.size(), 60u);
+    std::vector<std::string> arguments = {"",
+                                          std::string(900, 'x'),
+                                          std::string(900, '"'),
+                                          std::string(900, '9'),
+                                          std::string(900, '-'),
+                                          "\"" + std::string(900, ' '),
+                                          "-1 -1 -1 -1 -1",
+                                          "4294967296 4294967296 4294967296 4294967296",
+                                          "0x 0x 0x 0x",
+                                          "%s%n%s%n %s%n%s%n %s%n%s%n %s%n%s%n",
+                                          "\"\" \"\" \"\" \"\" \"\"",
+                                          "pool=%s start=%s sort=%s filter=%n file=%n"};
+    unsigned int mark = 0;
+    for (const std::string& line : lines) {
+        for (const std::string& argument : arguments) {
+            if (argument.empty() && (line == "Quit" || line == "EXit")) {
+                continue;
+            }
+            const std::string end = "mark" + std::to_string(++mark);
+            client.Send(line + " " + argument + "\r" + end + "\r");
+            client.ReadTo(end + "\r\nSyntax error.\r\n\r\n>");
+        }
+    }
 }
 
 // Reports while the device works
