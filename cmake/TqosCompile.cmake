@@ -17,6 +17,8 @@ find_package(Threads REQUIRED)
 add_library(tqos_compile INTERFACE)
 target_compile_features(tqos_compile INTERFACE cxx_std_17)
 target_compile_definitions(tqos_compile INTERFACE _FILE_OFFSET_BITS=64 _TIME_BITS=64)
+# Debug builds check the order in which the library takes its locks.
+target_compile_definitions(tqos_compile INTERFACE $<$<CONFIG:Debug>:TQOS_LOCK_ORDER>)
 target_compile_options(tqos_compile INTERFACE -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Wvla)
 if(TQOS_WARNINGS_AS_ERRORS)
   target_compile_options(tqos_compile INTERFACE -Werror)

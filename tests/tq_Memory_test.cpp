@@ -1251,7 +1251,7 @@ TEST(Memory, ABlockMayBeFreedByAnotherThread) {
 }
 
 TEST(Memory, ItsLockIsRecursive) {
-    myCritSec critSec;
+    myCritSec critSec(tq_LockRank::kLeaf);
     critSec.EnterCritSec();
     myCritSecLock again(critSec);
     critSec.LeaveCritSec();

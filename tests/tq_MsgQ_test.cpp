@@ -14,6 +14,7 @@
 #include "TestSupport.h"
 #include "tq_Handle_p.h"
 #include "tq_List_p.h"
+#include "tq_LockOrder_p.h"
 #include "tq_Memory_p.h"
 #include "tq_SemMutex_p.h"
 #include "tq_SemSemaphore_p.h"
@@ -148,7 +149,8 @@ TEST(MsgQ, CreateGivesAHandleByWhichTheQueueIsReached) {
 TEST(MsgQ, TheFirstMessageIsCreateEvenWhenOthersWereSentBeforeTheWorkerRan) {
     test::Library library;
     RecordingQueue queue;
-    queue.Lock(); // the worker cannot pass its first look at the queue
+    const tq_LockOrderUnchecked unchecked; // nobody else knows of the queue yet
+    queue.Lock();                          // the worker cannot pass its first look at the queue
     queue.Create(0);
     ASSERT_TRUE(queue.Send(NewMessage(MSG_USER), false, kHigh));
     EXPECT_EQ(1u, queue.GetQueueDepth(0));
@@ -980,7 +982,8 @@ void CreateWithoutFirstMessage(RecordingQueue& queue) {
     tq_List* pThreads = FindList("TQOS: Thread List");
     ASSERT_NE(nullptr, pThreads);
     {
-        tq_ListLock hold(pThreads); // a new thread begins by looking itself up
+        const tq_LockOrderUnchecked unchecked; // nobody else creates a queue or a thread
+        tq_ListLock hold(pThreads);            // a new thread begins by looking itself up
         queue.Create(0);
         gMemoryCapInBytes = 1;
     }

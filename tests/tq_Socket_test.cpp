@@ -21,6 +21,7 @@
 #include "MemoryCap.h"
 #include "SocketPeers.h"
 #include "TestSupport.h"
+#include "tq_LockOrder_p.h"
 #include "tq_Socket_p.h"
 #include "tq_Trace_p.h"
 
@@ -442,7 +443,8 @@ TEST(Socket, UrgentDataRightBehindTheConnectIsNoFailure) {
     unsigned int hSocket = 0;
     Fd peer;
     {
-        tq_ListLock lock(pListOfSockets); // the worker finds both at once
+        const tq_LockOrderUnchecked unchecked; // nobody else traces
+        tq_ListLock lock(pListOfSockets);      // the worker finds both at once
         hSocket = tq_SocketOpenTCPClient(queue.GetHandle(), Loopback(), PortOf(listener), 0, 0, 0);
         peer = AcceptPeer(listener);
         ASSERT_EQ(1, send(peer.Get(), "!", 1, MSG_OOB));
@@ -467,6 +469,7 @@ TEST(Socket, ExceptionBeforeTheConnectCompletesCountsAsRefused) {
     Fd peer;
     {
         // The worker first sees the socket when it has urgent data and cannot be written to.
+        const tq_LockOrderUnchecked unchecked; // nobody else traces
         tq_ListLock lock(pListOfSockets);
         hSocket = tq_SocketOpenTCPClient(queue.GetHandle(), Loopback(), PortOf(listener), 0, 0, 0);
         peer = AcceptPeer(listener);
@@ -1044,6 +1047,7 @@ namespace {
 bool Wakes(const std::function<void()>& something) {
     bool bWoken = false;
     EXPECT_TRUE(WaitUntil([&] {
+        const tq_LockOrderUnchecked unchecked; // nobody else traces
         tq_ListLock lock(pListOfSockets);
         if (gbWakeUpPending) { // an earlier one is still on its way
             return false;
@@ -2288,6 +2292,7 @@ TEST(Socket, FailedStartDoesNotWaitForAStarterThatHoldsTracesLock) {
     TraceFile trace;
     {
         DescriptorShortage shortage(1);
+        const tq_LockOrderUnchecked unchecked; // nobody else starts the layer
         tq_ListLock lock(gpTraceInstanceList); // as a caller has that opens a trace destination
         EXPECT_NE(0u, tq_SocketInitialize());
         shortage.GiveBackAll();

@@ -6,6 +6,8 @@
 #include "tq_ConsoleResponse_p.h"
 #include "tq_Gate_p.h"
 #include "tq_IniKeys_p.h"
+#include "tq_List_p.h"
+#include "tq_LockOrder_p.h"
 #include "tq_Memory.h"
 #include "tq_Report_p.h"
 
@@ -216,6 +218,7 @@ unsigned int tq_HandleInitialize() {
     if (!gpHandleList) {
         return 1;
     }
+    tq_ListPlace(gpHandleList, tq_LockRank::kHandlesAndStrings);
     {
         const tq_ListLock lock(gpHandleList);
         const unsigned int highest = gInitialHandleCount < gMaxHandle ? gInitialHandleCount : gMaxHandle;

@@ -9,6 +9,7 @@
 
 #include "tq_Base.h"
 #include "tq_Handle.h"
+#include "tq_LockOrder_p.h"
 #include "tq_Memory.h"
 #include "tq_SemMutex_p.h"
 
@@ -35,11 +36,11 @@ struct Stranger {
     const tq_List* pList;
     Stranger* pNext;
 };
-Stranger* gpStrangers = nullptr; // under gStrangersMutex
-std::mutex gStrangersMutex;      // a leaf: nothing is called while it is held
+Stranger* gpStrangers = nullptr;                    // under gStrangersMutex
+tq_PlacedMutex gStrangersMutex(tq_LockRank::kLeaf); // a leaf: nothing is called while it is held
 
 /// Held while the text of a list's name is replaced or copied. A leaf: nothing is called while it is held.
-std::mutex gNameMutex;
+tq_PlacedMutex gNameMutex(tq_LockRank::kLeaf);
 
 /// The name under which the memory reports show the blocks of all lists together.
 const char kBlockOwner[] = "TQOS: List Nodes";
@@ -253,7 +254,7 @@ bool AllEntriesArePooled(const State& li) {
 class NameCopy {
 public:
     explicit NameCopy(const State& li) {
-        const std::lock_guard<std::mutex> lock(gNameMutex);
+        const std::lock_guard<tq_PlacedMutex> lock(gNameMutex);
         if (li.pName) {
             const size_t length = strlen(li.pName);
             const size_t skipped = length < sizeof(m_text) ? 0 : length + 1 - sizeof(m_text);
@@ -282,7 +283,7 @@ private:
 void AddStranger(const tq_List* pList) {
     Stranger* const pStranger = static_cast<Stranger*>(malloc(sizeof(Stranger)));
     if (pStranger) {
-        const std::lock_guard<std::mutex> lock(gStrangersMutex);
+        const std::lock_guard<tq_PlacedMutex> lock(gStrangersMutex);
         *pStranger = {pList, gpStrangers};
         gpStrangers = pStranger;
     }
@@ -292,7 +293,7 @@ void AddStranger(const tq_List* pList) {
 bool TakeStranger(const tq_List* pList) {
     Stranger* pStranger = nullptr;
     {
-        const std::lock_guard<std::mutex> lock(gStrangersMutex);
+        const std::lock_guard<tq_PlacedMutex> lock(gStrangersMutex);
         Stranger** ppStranger = &gpStrangers;
         while (*ppStranger && (*ppStranger)->pList != pList) {
             ppStranger = &(*ppStranger)->pNext;
@@ -714,7 +715,7 @@ void tq_List::SetName(const char* name) {
     const tq_GatePass pass(gListRegistryGate);
     {
         const tq_CritSecLock registryLock(pass ? gpListOfListsCritSec : nullptr); // for the reports
-        const std::lock_guard<std::mutex> nameLock(gNameMutex);                   // for LockTracked()
+        const std::lock_guard<tq_PlacedMutex> nameLock(gNameMutex);               // for LockTracked()
         std::swap(m_li.pName, pszName);
     }
     if (pass) { // else it may have come from memory that is gone, as in the destructor
@@ -760,6 +761,7 @@ char* tq_stristr(const char* string, const char* strSearch) {
 bool tq_ListRegistryOpen() {
     if (!gpListOfListsCritSec) {
         gpListOfListsCritSec = tq_newObject<tq_SemCritSec>(/*bRecursive=*/true);
+        tq_LockOrderPlace(gpListOfListsCritSec, tq_LockRank::kListOfLists);
     }
     if (!gpListOfListsCritSec) {
         return false;

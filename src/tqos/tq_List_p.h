@@ -15,6 +15,7 @@
 
 #include "tq_Gate_p.h"
 #include "tq_List.h"
+#include "tq_LockOrder_p.h"
 
 /// Passed by whoever uses the registry.
 extern tq_Gate gListRegistryGate;
@@ -70,6 +71,13 @@ struct _TQ_LIST_HASHING {
 struct tq_ListInside {
     static const tq_List::_LIST_INSTANCE& StateOf(const tq_List& list) { return list.m_li; }
 };
+
+/// Gives a list's lock its place among the library's locks. A null list is ignored.
+inline void tq_ListPlace(const tq_List* pList, tq_LockRank rank) {
+    if (pList) {
+        tq_LockOrderPlace(tq_ListInside::StateOf(*pList).pSem, rank);
+    }
+}
 
 /// A row of the report of all lists, one of a chain while they are sorted.
 typedef struct _ListTrackerNode {

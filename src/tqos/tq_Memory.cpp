@@ -32,7 +32,7 @@ bool gbTelnetShowMemoryCalled = false;
 
 // State
 
-myCritSec MemoryTrackingCritSec;
+myCritSec MemoryTrackingCritSec(tq_LockRank::kMemoryCounters);
 std::atomic<unsigned int> gRequestedMemoryAllocations{0};
 std::atomic<unsigned int> gTotalMemoryAllocations{0};
 std::atomic<unsigned int> gMaxRequestedMemoryAllocations{0};
@@ -520,7 +520,7 @@ void* Reallocate(void* pointer, unsigned int newSize, const CallSite& site) {
 
 } // namespace
 
-myCritSec::myCritSec() {
+myCritSec::myCritSec(tq_LockRank rank) : tq_LockPlace(rank) {
     pthread_mutexattr_t attributes;
     pthread_mutexattr_init(&attributes);
     pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_RECURSIVE);

@@ -19,7 +19,7 @@ std::atomic<unsigned int> TotalPools{0};
 _MEM_POOL* Pools[kMaxMemoryPools] = {};
 _MEM_POOL* PoolsLastNode[kMaxMemoryPools] = {};
 MEM_POOL_LIST* PoolLists[kMaxMemoryPools] = {};
-myCritSec PoolCritSec[kMaxMemoryPools];
+tq_MemoryPoolCritSec PoolCritSec[kMaxMemoryPools];
 
 std::atomic<unsigned int> MaxPoolSize{0};
 unsigned int LastPoolInIndex = kNoMemoryPool;
@@ -247,7 +247,7 @@ struct KeptChunk {
     unsigned int slotsInUse;
 };
 
-myCritSec KeptCritSec; // taken after a pool's lock
+myCritSec KeptCritSec(tq_LockRank::kKeptPools); // taken after a pool's lock
 KeptChunk* gpKeptChunks = nullptr;
 
 /// The link to the chunk that a slot lies in; to null when there is none.

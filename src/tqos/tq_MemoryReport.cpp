@@ -385,7 +385,7 @@ struct _TrackerNode {
 };
 typedef struct _TrackerNode TrackerNode;
 
-myCritSec TrackerCritSec; // taken before a pool's lock
+myCritSec TrackerCritSec(tq_LockRank::kMemoryTracker); // taken before a pool's lock
 TrackerNode* gpTQTrackerHead = nullptr;
 unsigned int uiTrackedNodes = 0;
 

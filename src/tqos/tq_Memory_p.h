@@ -27,20 +27,33 @@
 #include <stdint.h>
 #include <string.h>
 
+#include "tq_LockOrder_p.h"
 #include "tq_Memory.h"
 
 /// The memory module's own lock: a recursive pthread mutex and nothing else. The library's lock classes allocate, so
 /// they cannot serve here. It is never destroyed: threads may free memory until the process ends.
-class myCritSec {
+class myCritSec : private tq_LockPlace {
 public:
-    myCritSec();
+    explicit myCritSec(tq_LockRank rank);
     myCritSec(const myCritSec&) = delete;
     myCritSec& operator=(const myCritSec&) = delete;
-    void EnterCritSec() { pthread_mutex_lock(&m_mutex); }
-    void LeaveCritSec() { pthread_mutex_unlock(&m_mutex); }
+    void EnterCritSec() {
+        Take();
+        pthread_mutex_lock(&m_mutex);
+    }
+    void LeaveCritSec() {
+        Give();
+        pthread_mutex_unlock(&m_mutex);
+    }
 
 private:
     pthread_mutex_t m_mutex;
+};
+
+/// The lock of one pool of many.
+class tq_MemoryPoolCritSec : public myCritSec {
+public:
+    tq_MemoryPoolCritSec() : myCritSec(tq_LockRank::kMemoryPool) {}
 };
 
 /// Holds a myCritSec for a scope.
@@ -178,7 +191,7 @@ extern std::atomic<unsigned int> TotalPools;
 extern _MEM_POOL* Pools[kMaxMemoryPools];
 extern _MEM_POOL* PoolsLastNode[kMaxMemoryPools];
 extern MEM_POOL_LIST* PoolLists[kMaxMemoryPools];
-extern myCritSec PoolCritSec[kMaxMemoryPools];
+extern tq_MemoryPoolCritSec PoolCritSec[kMaxMemoryPools];
 
 extern std::atomic<unsigned int> MaxPoolSize; ///< length of the largest slot; 0: no pools
 extern unsigned int LastPoolInIndex; ///< the pool of the longest slot in the table; kNoMemoryPool: it ends before

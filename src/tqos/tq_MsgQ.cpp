@@ -10,6 +10,7 @@
 #include "tq_Base.h"
 #include "tq_Handle.h"
 #include "tq_IniKeys_p.h"
+#include "tq_LockOrder_p.h"
 #include "tq_Memory_p.h"
 #include "tq_Thread_p.h"
 #include "tq_Trace.h"
@@ -51,7 +52,7 @@ unsigned int gHandleHash = 0;        // the registry's hash by handle; set while
 bool gbQueuesAccepted = false; // guarded by the registry's lock
 
 // The queues that have a handle, registered or not. A leaf: nothing is called with it held.
-std::mutex gCreatedMutex;
+tq_PlacedMutex gCreatedMutex(tq_LockRank::kLeaf);
 tq_MsgQ* gpCreated = nullptr;
 
 thread_local tq_MsgQ* tpWorkersQueue = nullptr; // the queue that the calling thread is the worker of
@@ -128,6 +129,7 @@ tq_MsgQ::tq_MsgQ(const char* name, const char* description)
       m_pszName(nullptr), m_pszDescription(nullptr), m_iHistorySize(0), m_iHistoryIndex(0), m_piHistory(nullptr),
       m_bFullHistory(false), m_bListsUnnamed(false), m_bEndWithoutMessage(false), m_uiLockDepth(0), m_bEndTold(false),
       m_uiWorkerState(tq_MsgQInside::kNoWorker), m_uiPins(0), m_pNextCreated(nullptr) {
+    tq_LockOrderPlace(&m_CritSecListLock, tq_LockRank::kQueue);
     SetName(name ? name : "");
     if (description) {
         SetDescription(description);
@@ -786,13 +788,13 @@ void tq_MsgQInside::ShrinkHistoryLocked(tq_MsgQ& queue, int size) {
 // The created queues
 
 void tq_MsgQInside::AddCreated(tq_MsgQ& queue) {
-    std::lock_guard<std::mutex> lock(gCreatedMutex);
+    std::lock_guard<tq_PlacedMutex> lock(gCreatedMutex);
     queue.m_pNextCreated = gpCreated;
     gpCreated = &queue;
 }
 
 void tq_MsgQInside::RemoveCreated(tq_MsgQ& queue) {
-    std::lock_guard<std::mutex> lock(gCreatedMutex);
+    std::lock_guard<tq_PlacedMutex> lock(gCreatedMutex);
     for (tq_MsgQ** ppQueue = &gpCreated; *ppQueue; ppQueue = &(*ppQueue)->m_pNextCreated) {
         if (*ppQueue == &queue) {
             *ppQueue = queue.m_pNextCreated;
@@ -804,7 +806,7 @@ void tq_MsgQInside::RemoveCreated(tq_MsgQ& queue) {
 /// A created queue, pinned; null when there is none but the one that the caller is the worker of. Its destructor has
 /// yet to take it off the list, so it exists, and does as long as it is pinned.
 tq_MsgQ* tq_MsgQInside::PinCreated() {
-    std::lock_guard<std::mutex> lock(gCreatedMutex);
+    std::lock_guard<tq_PlacedMutex> lock(gCreatedMutex);
     tq_MsgQ* pQueue = gpCreated;
     while (pQueue && IsOwnWorker(*pQueue)) {
         pQueue = pQueue->m_pNextCreated;
@@ -826,6 +828,7 @@ void tq_MsgQTerminate() {}
 
 bool tq_MsgQRegistryOpen() {
     gpListOfQs = tq_newObject<tq_List>("TQOS: All Queues");
+    tq_ListPlace(gpListOfQs, tq_LockRank::kQueues);
     if (!gpListOfQs) {
         return false;
     }

@@ -19,6 +19,7 @@
 #define TQ_MSGQ_P_H
 
 #include "tq_Gate_p.h"
+#include "tq_List_p.h"
 #include "tq_MsgQ.h"
 
 /// Open while there is a registry.

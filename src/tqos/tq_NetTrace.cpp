@@ -10,6 +10,8 @@
 #include <sys/socket.h>
 
 #include "tq_ConsoleResponse_p.h"
+#include "tq_List_p.h"
+#include "tq_LockOrder_p.h"
 #include "tq_Memory.h"
 #include "tq_MsgQ_p.h"
 #include "tq_Socket.h"
@@ -70,7 +72,8 @@ CTraceMsgQ* gpTraceMsgQ = nullptr; // made under gSendersMutex; destroyed when n
 
 namespace {
 
-std::mutex gSendersMutex; // senders are made and destroyed under it; comes before every other lock
+tq_PlacedMutex
+    gSendersMutex(tq_LockRank::kSenders); // senders are made and destroyed under it; comes before every other lock
 
 /// The handle of gpTraceMsgQ, kept until the object goes: the library's termination ends the queue earlier, and its
 /// timers are still to be found.
@@ -217,6 +220,7 @@ int CNetTrace::Init(const char* szApplicationName, const char* szVersion, PFN_ON
     snprintf(m_szVersion, sizeof(m_szVersion), "%s", szVersion);
     m_pfnOnReset = pfnOnReset;
     m_ClientList = tq_newObject<tq_List>(m_szApplicationName);
+    tq_ListPlace(m_ClientList, tq_LockRank::kViewers);
     tq_GetMACAddress(m_pMACAddr);
     const unsigned int ip = LocalAddresses().First();
     const unsigned int hSocket = m_ClientList ? OpenSocket(ip, m_szApplicationName) : 0;
@@ -694,7 +698,7 @@ bool GiveSender(unsigned int hTraceInstance, CNetTrace* pSender, unsigned int hS
 
 int tq_TraceEnableMulticast(unsigned int hTraceInstance) {
     tq_GatePass pass(gTraceGate);
-    std::lock_guard<std::mutex> lock(gSendersMutex);
+    std::lock_guard<tq_PlacedMutex> lock(gSendersMutex);
     char name[1024];
     CNetTrace* pOld = nullptr;
     if (!pass || !TakeSender(hTraceInstance, &pOld, name)) {
@@ -714,7 +718,7 @@ int tq_TraceEnableMulticast(unsigned int hTraceInstance) {
 
 int tq_TraceDisableMulticast(unsigned int hTraceInstance) {
     tq_GatePass pass(gTraceGate);
-    std::lock_guard<std::mutex> lock(gSendersMutex);
+    std::lock_guard<tq_PlacedMutex> lock(gSendersMutex);
     char name[1];
     CNetTrace* pSender = nullptr;
     if (!pass || !TakeSender(hTraceInstance, &pSender, name)) {
@@ -738,7 +742,7 @@ void tq_NetTraceFreeSender(_TRACEINSTANCE* pInstance) {
     if (!pInstance->pNetTrace) {
         return;
     }
-    std::lock_guard<std::mutex> lock(gSendersMutex); // whoever has just stored it may still be setting its timer
+    std::lock_guard<tq_PlacedMutex> lock(gSendersMutex); // whoever has just stored it may still be setting its timer
     tq_deleteObject(pInstance->pNetTrace);
     pInstance->pNetTrace = nullptr;
 }

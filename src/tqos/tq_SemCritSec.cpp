@@ -6,6 +6,7 @@
 #include "tq_CritSecEnd_p.h"
 #include "tq_CriticalErrorTrace_p.h"
 #include "tq_HeldLocks_p.h"
+#include "tq_LockOrder_p.h"
 #include "tq_Memory.h"
 #include "tq_SemMutex_p.h"
 
@@ -85,6 +86,7 @@ tq_SemCritSec::tq_SemCritSec(bool bRecursive) : m_pCritSec(nullptr), m_pmutex(nu
 }
 
 tq_SemCritSec::~tq_SemCritSec() {
+    tq_LockOrderForget(this);
     if (UseMutexes()) {
         tq_deleteObject(m_pCritSec);
         return;
@@ -97,6 +99,7 @@ tq_SemCritSec::~tq_SemCritSec() {
 }
 
 void tq_SemCritSec::_Enter(unsigned int uiLine, const char* pszFilename) {
+    tq_LockOrderCheckPlaced(this);
     if (UseMutexes()) {
         if (m_pCritSec) {
             m_pCritSec->_WaitForMutex(uiLine, pszFilename);
@@ -106,11 +109,13 @@ void tq_SemCritSec::_Enter(unsigned int uiLine, const char* pszFilename) {
         pthread_mutex_lock(static_cast<pthread_mutex_t*>(m_pmutex));
         TrackSemaphore(m_pmutex, SEM_TRACK_TYPE_CRITSEC, SEM_TRACK_STATE_OWNED, 0, nullptr);
     }
+    tq_LockOrderTakePlaced(this);
     tHeld.count += 1; // a section without a lock counts too: its Leave() counts it down
 }
 
 void tq_SemCritSec::Leave() {
     // Whoever enters next may destroy the section: once it is left, nothing of the object is touched.
+    tq_LockOrderGive(this);
     if (UseMutexes()) {
         if (m_pCritSec) {
             m_pCritSec->Release();

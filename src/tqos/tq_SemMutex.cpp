@@ -6,6 +6,7 @@
 
 #include "tq_Deadline_p.h"
 #include "tq_IniKeys_p.h"
+#include "tq_LockOrder_p.h"
 #include "tq_Memory.h"
 #include "tq_Report_p.h"
 #include "tq_Thread.h"
@@ -43,6 +44,8 @@ template <size_t N> const char* TextOf(const CodeText (&table)[N], unsigned int 
     }
     return pszOther;
 }
+
+constexpr tq_LockPlace kSemListPlace(tq_LockRank::kTrackedWaits);
 
 class SemListLock {
 public:
@@ -126,10 +129,12 @@ void TrackReleased(void* sem, unsigned int tid) {
 } // namespace
 
 extern "C" void LockSemList() {
+    kSemListPlace.Take();
     pthread_mutex_lock(&gSemListMutex);
 }
 
 extern "C" void unLockSemList() {
+    kSemListPlace.Give();
     pthread_mutex_unlock(&gSemListMutex);
 }
 

@@ -12,6 +12,8 @@
 #include "tq_Base.h"
 #include "tq_Handle.h"
 #include "tq_Lifecycle_p.h"
+#include "tq_List_p.h"
+#include "tq_LockOrder_p.h"
 #include "tq_Memory.h"
 #include "tq_Time.h"
 
@@ -476,11 +478,12 @@ void tq_SocketSetName(unsigned int hSocket, const char* name) {
 
 namespace {
 
-std::mutex gUsersMutex;  // guards the count of users and this; innermost
-bool gbStopping = false; ///< from the last user's going until everything is unmade
+tq_PlacedMutex gUsersMutex(tq_LockRank::kLeaf); // guards the count of users and this
+bool gbStopping = false;                        ///< from the last user's going until everything is unmade
 
 unsigned int MakeSyncObjects() {
     pListOfSockets = tq_newObject<tq_List>("TQOS: All Sockets");
+    tq_ListPlace(pListOfSockets, tq_LockRank::kSockets);
     pListOfSocketsInSets = tq_newObject<tq_List>("TQOS: Sockets Currently In a set");
     pSyncEvent1 = tq_newObject<tq_SemEvent>(1, 0);
     pSyncEvent2 = tq_newObject<tq_SemEvent>(1, 0);
@@ -541,14 +544,14 @@ void DestroySyncObjects() {
 
 /// Counts a user on; true for the first, who has to start the layer. *pbStopping: it is just being unmade.
 bool PutUserOn(bool* pbStopping) {
-    std::lock_guard<std::mutex> lock(gUsersMutex);
+    std::lock_guard<tq_PlacedMutex> lock(gUsersMutex);
     *pbStopping = gbStopping;
     return !gbStopping && gTQSocketsInitialized++ == 0;
 }
 
 /// Counts one user off; true for the last, who has to unmake the layer. The library's own end is everybody's.
 bool TakeUserOff() {
-    std::lock_guard<std::mutex> lock(gUsersMutex);
+    std::lock_guard<tq_PlacedMutex> lock(gUsersMutex);
     if (gTQSocketsInitialized == 0) {
         return false;
     }
@@ -558,7 +561,7 @@ bool TakeUserOff() {
 }
 
 void ReportStopped() {
-    std::lock_guard<std::mutex> lock(gUsersMutex);
+    std::lock_guard<tq_PlacedMutex> lock(gUsersMutex);
     gbStopping = false;
 }
 

@@ -13,6 +13,7 @@
 #include "tq_Base.h"
 #include "tq_CriticalErrorTrace_p.h"
 #include "tq_HeldLocks_p.h"
+#include "tq_LockOrder_p.h"
 #include "tq_Thread.h"
 #include "tq_Thread_p.h"
 
@@ -33,7 +34,7 @@ std::condition_variable gWorkersChanged;
 unsigned int gWorkers = 0; // guarded by gWorkersMutex
 
 /// One start at a time: a worker may lose its breaker, and start an heir, before its own starter knows that it serves.
-std::mutex gStartMutex;
+tq_PlacedMutex gStartMutex(tq_LockRank::kServiceStart);
 
 void CountWorkers(unsigned int more, unsigned int fewer) {
     std::lock_guard<std::mutex> lock(gWorkersMutex);
@@ -241,7 +242,7 @@ void* WorkerThread(void*);
 } // namespace
 
 unsigned int StartSocketWorker() {
-    std::lock_guard<std::mutex> start(gStartMutex);
+    std::lock_guard<tq_PlacedMutex> start(gStartMutex);
     pSyncEvent1->Reset();
     pSyncEvent2->Reset();
     gHandshake = Handshake();

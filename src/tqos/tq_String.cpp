@@ -9,7 +9,8 @@
 
 #include "tq_Base.h"
 #include "tq_Gate_p.h"
-#include "tq_List.h"
+#include "tq_List_p.h"
+#include "tq_LockOrder_p.h"
 #include "tq_Memory.h"
 #include "tq_SemCritSec.h"
 
@@ -610,8 +611,8 @@ int tq_string_xmlUnEscape(TqString* s) {
 
 namespace {
 
+/// Without the list's lock: nobody else uses it before the gate opens, and a hash may not be made under it.
 bool BuildIndex() {
-    const tq_ListLock lock(gpEntityList);
     gAmpersandUnEscapeHash = gpEntityList->HashCreate(LIST_TYPE_CUSTOM, 0, kBuckets, HashOfRow, "AmpersandEscapeHash");
     for (unsigned int row = 0; row < kEntities; ++row) {
         gpEntityList->AddNode(const_cast<TQ_ESCAPE_XLATE*>(&gEntities[row])); // a list takes what it never changes too
@@ -642,6 +643,8 @@ unsigned int tq_StringInitialize() {
     }
     gpSandboxLock = tq_newObject<tq_SemCritSec>(/*bRecursive=*/true);
     gpEntityList = tq_newObject<tq_List>("tqString Ampersand Escaping");
+    tq_LockOrderPlace(gpSandboxLock, tq_LockRank::kHandlesAndStrings);
+    tq_ListPlace(gpEntityList, tq_LockRank::kHandlesAndStrings);
     if (!gpSandboxLock || !gpEntityList || !BuildIndex()) {
         FreeIndex();
         return 1;

@@ -15,6 +15,8 @@
 #include "tq_ConsoleResponse_p.h"
 #include "tq_HeldLocks_p.h"
 #include "tq_Lifecycle_p.h"
+#include "tq_List_p.h"
+#include "tq_LockOrder_p.h"
 #include "tq_Memory.h"
 #include "tq_Socket.h"
 #include "tq_Time.h"
@@ -65,7 +67,7 @@ tq_List* gpTelnetInstanceList = nullptr;
 
 namespace {
 
-std::mutex gStartStopMutex; // comes before every lock of the library
+tq_PlacedMutex gStartStopMutex(tq_LockRank::kConsoleStart); // comes before every lock of the library
 unsigned int gInstanceCount = 0;
 tq_TelnetMsgQ* gpTelnetMsgQueue = nullptr;
 tq_SemCritSec* gpTelnetTerminate = nullptr; // held by the worker from MSG_CREATE to MSG_DESTROY
@@ -800,6 +802,7 @@ bool MakeConsole(const char* pszPassword) {
     gbRequirePassword = pszPassword && *pszPassword != '\0';
     gpszPassword = gbRequirePassword ? tq_newString(pszPassword) : nullptr;
     gpTelnetInstanceList = tq_newObject<tq_List>("TQOS: Telnet Instances");
+    tq_ListPlace(gpTelnetInstanceList, tq_LockRank::kSessions);
     if (!gpTelnetTerminate || !gpTelnetMsgQueue || !gpTelnetInstanceList || (gbRequirePassword && !gpszPassword)) {
         return false;
     }
@@ -870,7 +873,7 @@ void StopConsole() {
 } // namespace
 
 unsigned int tq_TelnetInitialize(unsigned int port, unsigned int srcIP, const char* pszPassword) {
-    std::lock_guard<std::mutex> lock(gStartStopMutex);
+    std::lock_guard<tq_PlacedMutex> lock(gStartStopMutex);
     if (tqos_Intialized == 0) {
         return 0;
     }
@@ -883,7 +886,7 @@ unsigned int tq_TelnetInitialize(unsigned int port, unsigned int srcIP, const ch
 }
 
 void tq_TelnetTerminate() {
-    std::lock_guard<std::mutex> lock(gStartStopMutex);
+    std::lock_guard<tq_PlacedMutex> lock(gStartStopMutex);
     if (gInstanceCount == 0) {
         return;
     }
@@ -894,7 +897,7 @@ void tq_TelnetTerminate() {
 }
 
 void tq_TelnetLibraryEnds() {
-    std::lock_guard<std::mutex> lock(gStartStopMutex);
+    std::lock_guard<tq_PlacedMutex> lock(gStartStopMutex);
     if (gInstanceCount != 0) {
         gInstanceCount = 0;
         StopConsole();

@@ -13,7 +13,8 @@
 #include "tq_Gate_p.h"
 #include "tq_IniKeys_p.h"
 #include "tq_Lifecycle_p.h"
-#include "tq_List.h"
+#include "tq_List_p.h"
+#include "tq_LockOrder_p.h"
 #include "tq_Memory.h"
 #include "tq_Report_p.h"
 #include "tq_SemEvent.h"
@@ -39,7 +40,7 @@ std::atomic<bool> gbTerminationWaits{false};  ///< records come off although the
 std::atomic<unsigned int> gPassingThreads{0}; ///< threads on their way to their function, or from it to their end
 
 /// Held by a starter until the new thread's id is stored wherever it belongs; the new thread's first act is to pass it.
-pthread_mutex_t gStartMutex = PTHREAD_MUTEX_INITIALIZER;
+tq_PlacedMutex gStartMutex(tq_LockRank::kLeaf);
 
 /// The calling thread.
 struct ThisThread {
@@ -180,8 +181,8 @@ void SetNiceValue(int priority) {
 
 void* Trampoline(void* pArgument) {
     TQ_THREAD_ARGS* pArgs = static_cast<TQ_THREAD_ARGS*>(pArgument);
-    pthread_mutex_lock(&gStartMutex);
-    pthread_mutex_unlock(&gStartMutex);
+    gStartMutex.lock();
+    gStartMutex.unlock();
     TakeId(pArgs);
     tThread.bStarted = true;
     const bool bFinishesByItself = FinishAtThreadEnd();
@@ -244,7 +245,7 @@ bool CreateThread(unsigned int stackSize, TQ_THREAD_ARGS* pArgs, pthread_t* pThr
 /// Starts the thread and stores its id in the record and at puiTid before the thread goes on; 0 when it does not start.
 unsigned int StartThread(unsigned int stackSize, TQ_THREAD_ARGS* pArgs, TQ_THREAD_LIST_NODE* pRecord,
                          unsigned int* puiTid) {
-    pthread_mutex_lock(&gStartMutex);
+    const std::lock_guard<tq_PlacedMutex> lock(gStartMutex);
     pthread_t thread;
     const unsigned int tid = CreateThread(stackSize, pArgs, &thread) ? GiveId(pArgs, thread) : 0;
     if (puiTid) {
@@ -253,7 +254,6 @@ unsigned int StartThread(unsigned int stackSize, TQ_THREAD_ARGS* pArgs, TQ_THREA
     if (pRecord) {
         pRecord->tid = tid;
     }
-    pthread_mutex_unlock(&gStartMutex);
     return tid;
 }
 
@@ -492,6 +492,7 @@ extern "C" unsigned int tq_ThreadInitialize() {
     gInitialTid = tq_GetThreadId();
     gInitialPSTid = tq_GetPSThreadId();
     gpThreadList = tq_newObject<tq_List>("TQOS: Thread List");
+    tq_ListPlace(gpThreadList, tq_LockRank::kThreads);
     gpListEmptyEvent = tq_newObject<tq_SemEvent>(/*bManualReset=*/1, /*bInitialState=*/1);
     if (gpThreadList) { // without a list threads run untracked
         gThreadGate.Open();

@@ -8,6 +8,8 @@
 #include "tq_Gate_p.h"
 #include "tq_HeldLocks_p.h"
 #include "tq_Lifecycle_p.h"
+#include "tq_List_p.h"
+#include "tq_LockOrder_p.h"
 #include "tq_Memory.h"
 #include "tq_MsgQ.h"
 #include "tq_Report_p.h"
@@ -42,8 +44,8 @@ tq_TimerList* gpTimerList = nullptr;
 namespace {
 
 tq_Gate gTimerGate;
-std::mutex gStartStopMutex; // comes after the section of the lazy starts
-int gTimerInitCount = 0;    // guarded by gStartStopMutex
+tq_PlacedMutex gStartStopMutex(tq_LockRank::kServiceStart); // comes after the section of the lazy starts
+int gTimerInitCount = 0;                                    // guarded by gStartStopMutex
 
 tq_SemSemaphore* gpTimerSem = nullptr;     // one unit for each change of the list: the thread looks again
 tq_SemCritSec* gpTimerTermLatch = nullptr; // held by the timer thread as long as it lives
@@ -464,6 +466,7 @@ bool MakeObjects() {
     gpTimerStarted = tq_newObject<tq_SemEvent>(/*bManualReset=*/1, /*bInitialState=*/0);
     gpTimerTermLatch = tq_newObject<tq_SemCritSec>(/*bRecursive=*/true);
     gpTimerList = tq_newObject<tq_TimerList>();
+    tq_ListPlace(gpTimerList, tq_LockRank::kTimers);
     if (!gpTimerSem || !gpTimerStarted || !gpTimerTermLatch || !gpTimerList) {
         return false;
     }
@@ -490,7 +493,7 @@ unsigned int StartTimers(bool bCountUser) {
     if (!start) {
         return 1;
     }
-    std::lock_guard<std::mutex> lock(gStartStopMutex);
+    std::lock_guard<tq_PlacedMutex> lock(gStartStopMutex);
     if (gTimerInitCount > 0) {
         gTimerInitCount += bCountUser ? 1 : 0;
         return 0;
@@ -521,7 +524,7 @@ unsigned int tq_TimerInitialize() {
 }
 
 void tq_TimerTerminate() {
-    std::lock_guard<std::mutex> lock(gStartStopMutex);
+    std::lock_guard<tq_PlacedMutex> lock(gStartStopMutex);
     if (gTimerInitCount == 0) {
         return;
     }

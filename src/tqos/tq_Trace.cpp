@@ -14,6 +14,8 @@
 #include "tq_IniKeys_p.h"
 #include "tq_LibraryTrace_p.h"
 #include "tq_Lifecycle_p.h"
+#include "tq_List_p.h"
+#include "tq_LockOrder_p.h"
 #include "tq_Memory.h"
 #include "tq_NetTrace_p.h"
 #include "tq_Report_p.h"
@@ -565,8 +567,8 @@ struct KeptCriticalError {
 
 constexpr unsigned int kMostKept = 32;
 
-pthread_mutex_t gKeptMutex = PTHREAD_MUTEX_INITIALIZER; // plain: what is kept must not depend on any other lock
-KeptCriticalError gKept[kMostKept];                     // ring, guarded by gKeptMutex
+tq_PlacedMutex gKeptMutex(tq_LockRank::kLeaf); // plain: what is kept must not depend on any other lock
+KeptCriticalError gKept[kMostKept];            // ring, guarded by gKeptMutex
 unsigned int gFirstKept;
 unsigned int gKeptCount;
 
@@ -577,7 +579,7 @@ thread_local bool tbTracingCriticalError = false;
 /// Keeps the text. When all places are taken the newest, this one, is dropped: the first report of a chain of failures
 /// says what went wrong.
 void KeepCriticalError(const char* pMessage, int level, int category) {
-    pthread_mutex_lock(&gKeptMutex);
+    gKeptMutex.lock();
     if (gKeptCount < kMostKept) {
         KeptCriticalError& kept = gKept[(gFirstKept + gKeptCount++) % kMostKept];
         const size_t length = strnlen(pMessage, sizeof(kept.text) - 1);
@@ -587,11 +589,11 @@ void KeepCriticalError(const char* pMessage, int level, int category) {
         kept.category = category;
         gbCriticalErrorsKept.store(true, std::memory_order_relaxed);
     }
-    pthread_mutex_unlock(&gKeptMutex);
+    gKeptMutex.unlock();
 }
 
 bool TakeKeptCriticalError(KeptCriticalError* pKept) {
-    pthread_mutex_lock(&gKeptMutex);
+    gKeptMutex.lock();
     const bool bTaken = gKeptCount > 0;
     if (bTaken) {
         *pKept = gKept[gFirstKept];
@@ -601,15 +603,15 @@ bool TakeKeptCriticalError(KeptCriticalError* pKept) {
     if (gKeptCount == 0) {
         gbCriticalErrorsKept.store(false, std::memory_order_relaxed);
     }
-    pthread_mutex_unlock(&gKeptMutex);
+    gKeptMutex.unlock();
     return bTaken;
 }
 
 void DropKeptCriticalErrors() {
-    pthread_mutex_lock(&gKeptMutex);
+    gKeptMutex.lock();
     gKeptCount = 0;
     gbCriticalErrorsKept.store(false, std::memory_order_relaxed);
-    pthread_mutex_unlock(&gKeptMutex);
+    gKeptMutex.unlock();
 }
 
 /// Copies the text with each "%%" made one "%".
@@ -1244,6 +1246,8 @@ unsigned int tq_TraceInitialize() {
     ReadSettings();
     pTimeLock = tq_newObject<tq_SemCritSec>(true);
     gpTraceInstanceList = tq_newObject<tq_List>("TQOS: Trace Instances");
+    tq_LockOrderPlace(pTimeLock, tq_LockRank::kTraceTime);
+    tq_ListPlace(gpTraceInstanceList, tq_LockRank::kTraceInstances);
     if (!pTimeLock || !gpTraceInstanceList) {
         FreeState();
         return 1;

@@ -13,6 +13,7 @@
 #include "tq_Gate_p.h"
 #include "tq_Lifecycle_p.h"
 #include "tq_List_p.h"
+#include "tq_LockOrder_p.h"
 #include "tq_MsgQ_p.h"
 #include "tq_Telnet_p.h"
 #include "tq_Thread_p.h"
@@ -216,6 +217,7 @@ void ReportCrash(int sig, const siginfo_t* info) {
 void tqos_SignalHandler(int sig, siginfo_t* info, void*) {
     UnblockReportSignals();
     ClaimReport();
+    const tq_LockOrderUnchecked unchecked;
     StartWatchdog();
     ReportCrash(sig, info);
     // Deliberate: status 0 after a crash, where a reader would expect failure. The report is the record of the fault; a
@@ -239,6 +241,7 @@ unsigned int RecordStartTime() {
 
 unsigned int OpenLazyStarts() {
     pSubsystemInitCritSec = tq_newObject<tq_SemCritSec>(true);
+    tq_LockOrderPlace(pSubsystemInitCritSec, tq_LockRank::kLazyStart);
     if (pSubsystemInitCritSec) {
         gLazyStartGate.Open();
     }
