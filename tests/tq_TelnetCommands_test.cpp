@@ -573,7 +573,7 @@ TEST(TelnetCommands, LocksAreShownWhileTheyAreTracked) {
 TEST(TelnetCommands, ClosingASocketTellsItsOwner) {
     Console console;
     ConsoleClient client = console.Connect();
-    test::RecordingQueue owner;
+    test::RecordingQueue owner(test::kRunning);
     const unsigned int socket = tq_SocketOpenUDP(owner.GetHandle(), test::Loopback(), 9, 0, test::Loopback(), 0);
     ASSERT_NE(0u, socket);
     const std::string close = "clo so " + std::to_string(socket);
