@@ -481,7 +481,7 @@ std::string Summary(test::ConsoleClient& client, const std::string& queue, bool 
     client.Send("show queues\r");
     const std::string queues = client.ReadTo("\r\n\r\n>");
     std::smatch row;
-    EXPECT_TRUE(std::regex_search(queues, row, std::regex("(\\d+) +\\d+ +\\d+ " + queue + " "))) << queues;
+    EXPECT_TRUE(std::regex_search(queues, row, std::regex("(\\d+) +\\d+ +\\d+ +" + queue + " "))) << queues;
     const std::string line = (bDetail ? "show detail summary " : "show summary ") + row.str(1);
     client.Send(line + "\r");
     client.Expect(line + "\r\n>" + (bDetail ? "" : "\r\nResponse received from queue " + queue + ": {time}\r\n"));
