@@ -230,24 +230,36 @@ void Check(const Model& model) {
     }
 }
 
+/// Types what has gathered up to the end of a line, and checks what the console has shown for it.
+void TypeGathered(std::string& typed, std::string& expected) {
+    FUZZ_EQUAL(expected, console::Type(typed));
+    typed.clear();
+    expected.clear();
+}
+
 void OneInput(fuzz::Input input) {
     console::Connect();
     Model model;
     bool bOpen = true;
+    std::string typed;
+    std::string expected;
     for (const char c : BytesOf(input)) {
-        if (c == '\r' && !model.bCollecting) {
-            bOpen = model.bLoggedIn ? EndCommand(model) : EndPassword(model);
-            if (!bOpen) {
-                break;
-            }
-            Check(model);
-        } else {
-            const std::string expected = Key(model, c);
-            FUZZ_EQUAL(expected, console::Type(std::string(1, c)));
+        if (c != '\r' || model.bCollecting) {
+            typed += c;
+            expected += Key(model, c);
+            continue;
         }
+        TypeGathered(typed, expected);
+        Check(model);
+        bOpen = model.bLoggedIn ? EndCommand(model) : EndPassword(model);
+        if (!bOpen) {
+            break;
+        }
+        Check(model);
     }
     FUZZ_EQUAL(bOpen, console::Session() != nullptr);
     if (bOpen) {
+        TypeGathered(typed, expected);
         Check(model);
     }
     console::Disconnect();
