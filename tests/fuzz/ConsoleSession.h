@@ -172,6 +172,14 @@ inline void CheckSession(const TELNET_INSTANCE& session) {
     FUZZ_CHECK(remembered == session.pHistoryCount && remembered <= 100);
 }
 
+/// A line that stays where it is: in one line, and with no name of a file outside the scratch directory.
+inline std::string Confined(std::string line) {
+    for (char& c : line) {
+        c = c == '/' || c < ' ' || c > '~' ? '_' : c;
+    }
+    return line.substr(0, kMaxCommandLength);
+}
+
 /// Undoes what commands have set, so that an input does not depend on those before it.
 inline void ResetSettings() {
     const unsigned int hTrace = static_cast<unsigned int>(tq_TraceGetHandleFromName("tqos"));

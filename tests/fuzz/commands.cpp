@@ -52,13 +52,6 @@ bool IsKnown(std::string line, const TOKEN_PARSER* pTable) {
     return false;
 }
 
-std::string Confined(std::string line) {
-    for (char& c : line) {
-        c = c == '/' || c < ' ' || c > '~' ? '_' : c; // in no other directory, and a line of its own
-    }
-    return line.substr(0, kMaxCommandLength);
-}
-
 bool Ends(const std::string& text, const std::string& end) {
     return text.size() >= end.size() && text.compare(text.size() - end.size(), end.size(), end) == 0;
 }
@@ -89,7 +82,7 @@ std::string ReadScript(fuzz::Input& input) {
     for (size_t lines = 0; line != "." && !input.IsEmpty(); ++lines) {
         const bool bRun = line.find_first_of("rR") != std::string::npos;
         if (lines < kMostScriptLines && !(bRun && bRuns)) {
-            script += Confined(line) + "\r\n";
+            script += console::Confined(line) + "\r\n";
             bRuns = bRuns || bRun;
         }
         line = input.Line();
@@ -104,7 +97,7 @@ void OneInput(fuzz::Input input) {
     FUZZ_CHECK(console::Session() && console::Session()->bLoggedIn);
     bool bOpen = true;
     for (size_t lines = 0; bOpen && !input.IsEmpty() && lines < kMostLines; ++lines) {
-        bOpen = RunCommand(Confined(input.Line()));
+        bOpen = RunCommand(console::Confined(input.Line()));
     }
     console::Disconnect();
     console::ResetSettings();

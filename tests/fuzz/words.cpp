@@ -6,6 +6,8 @@
 
 namespace {
 
+constexpr size_t kMostLine = 1000; // the words of a command; it has others before and behind them
+
 unsigned int ghTrace = 0;
 
 bool Begins(const std::string& text, const std::string& beginning) {
@@ -166,20 +168,13 @@ void Start() {
     fuzz::Settle();
 }
 
-std::string Confined(std::string line) {
-    for (char& c : line) {
-        c = c == '/' || c < ' ' || c > '~' ? '_' : c;
-    }
-    return line.substr(0, 1000);
-}
-
 void OneInput(fuzz::Input input) {
     console::Connect();
     Command(console::kPassword);
     tq_TraceSetCatMask(ghTrace, 5);
     while (!input.IsEmpty()) {
         const unsigned int letter = input.Byte();
-        const std::string line = Confined(input.Line());
+        const std::string line = console::Confined(input.Line()).substr(0, kMostLine);
         if ((letter == 'l' || letter == 'c') && IsWord(line)) {
             (letter == 'l' ? Level : Category)(line);
         } else if (letter == 'm' || letter == 'd') {
