@@ -117,6 +117,28 @@ unsigned int NextInRing(const MEM_POOL_LIST& list, unsigned int index) {
     return index + 1 < list.nSize ? index + 1 : 0;
 }
 
+/// A chunk whose pool ended while slots of it were in use. They stay their owners' (an object that the application
+/// destroys after the library's end still has its memory); with the last of them the chunk goes.
+struct KeptChunk {
+    KeptChunk* pNext;
+    char* pActualPointer;
+    const char* pFirst;
+    const char* pEnd;
+    unsigned int capacity;
+    unsigned int slotsInUse;
+};
+
+/// What the record of a chunk is made of: it becomes that of a kept chunk, for which there may be no memory by then.
+union ChunkRecord {
+    _MEM_POOL chunk;
+    KeptChunk kept;
+};
+
+_MEM_POOL* NewChunk() {
+    ChunkRecord* pRecord = static_cast<ChunkRecord*>(calloc(1, sizeof(ChunkRecord)));
+    return pRecord ? &pRecord->chunk : nullptr;
+}
+
 /// So many zeroed slots for a chunk, aligned; false when there is no memory, or no number for so much of it.
 bool AllocateSlots(_MEM_POOL* pChunk, unsigned int pool, unsigned int count) {
     size_t bytes = 0;
@@ -174,7 +196,7 @@ struct Growth {
     void** pRing = nullptr;
 
     bool Allocate(unsigned int pool, unsigned int added, unsigned int capacity) {
-        pChunk = static_cast<_MEM_POOL*>(calloc(1, sizeof(_MEM_POOL)));
+        pChunk = NewChunk();
         pRing = static_cast<void**>(calloc(capacity, sizeof(void*)));
         if (pChunk && pRing && AllocateSlots(pChunk, pool, added)) {
             return true;
@@ -236,17 +258,6 @@ bool ReturnToPool(unsigned int pool, char* pBlock) {
 
 // Slots that outlive their pool
 
-/// A chunk whose pool ended while slots of it were in use. They stay their owners' (an object that the application
-/// destroys after the library's end still has its memory); with the last of them the chunk goes.
-struct KeptChunk {
-    KeptChunk* pNext;
-    char* pActualPointer;
-    const char* pFirst;
-    const char* pEnd;
-    unsigned int capacity;
-    unsigned int slotsInUse;
-};
-
 myCritSec KeptCritSec(tq_LockRank::kKeptPools); // taken after a pool's lock
 KeptChunk* gpKeptChunks = nullptr;
 
@@ -271,8 +282,8 @@ void ReturnToKept(char* pBlock) {
     free(pChunk);
 }
 
-/// Keeps a chunk if anybody still uses a slot of it. Without memory for the record it is kept for ever.
-bool KeepChunk(const _MEM_POOL& chunk, unsigned int pool, unsigned int slots) {
+/// Marks the slots of a chunk that are in use as those of a pool that has ended; how many they are.
+unsigned int EndSlots(const _MEM_POOL& chunk, unsigned int pool, unsigned int slots) {
     const size_t stride = tq_MemorySlotStride(pool);
     unsigned int slotsInUse = 0;
     for (unsigned int i = 0; i < slots; ++i) {
@@ -282,18 +293,24 @@ bool KeepChunk(const _MEM_POOL& chunk, unsigned int pool, unsigned int slots) {
             ++slotsInUse;
         }
     }
+    return slotsInUse;
+}
+
+/// Frees a chunk, or keeps it if anybody still uses a slot of it.
+void EndChunk(_MEM_POOL* pChunk, unsigned int pool, unsigned int slots) {
+    const unsigned int slotsInUse = pChunk->pActualPointer ? EndSlots(*pChunk, pool, slots) : 0;
     if (slotsInUse == 0) {
-        return false;
+        free(pChunk->pActualPointer);
+        free(pChunk);
+        return;
     }
-    KeptChunk* pKept = static_cast<KeptChunk*>(malloc(sizeof(KeptChunk)));
-    if (pKept) {
-        myCritSecLock lock(KeptCritSec);
-        *pKept = {gpKeptChunks,       chunk.pActualPointer,
-                  chunk.pMemoryBlock, chunk.pMemoryBlock + slots * stride,
-                  PoolSizes[pool],    slotsInUse};
-        gpKeptChunks = pKept;
-    }
-    return true;
+    const _MEM_POOL chunk = *pChunk;
+    ChunkRecord* pRecord = reinterpret_cast<ChunkRecord*>(pChunk);
+    myCritSecLock lock(KeptCritSec);
+    pRecord->kept = {gpKeptChunks,       chunk.pActualPointer,
+                     chunk.pMemoryBlock, chunk.pMemoryBlock + slots * tq_MemorySlotStride(pool),
+                     PoolSizes[pool],    slotsInUse};
+    gpKeptChunks = &pRecord->kept;
 }
 
 } // namespace
@@ -610,7 +627,7 @@ void FillSizeTable(unsigned int maxLength) {
 }
 
 bool StartPool(unsigned int pool) {
-    Pools[pool] = PoolsLastNode[pool] = static_cast<_MEM_POOL*>(calloc(1, sizeof(_MEM_POOL)));
+    Pools[pool] = PoolsLastNode[pool] = NewChunk();
     PoolLists[pool] = static_cast<MEM_POOL_LIST*>(calloc(1, sizeof(MEM_POOL_LIST)));
     if (!Pools[pool] || !PoolLists[pool]) {
         return false;
@@ -652,10 +669,7 @@ void EndPool(unsigned int pool) {
     unsigned int slots = PoolInitialSize[pool];
     while (pChunk) {
         _MEM_POOL* pNext = pChunk->pNext;
-        if (!pChunk->pActualPointer || !KeepChunk(*pChunk, pool, slots)) {
-            free(pChunk->pActualPointer);
-        }
-        free(pChunk);
+        EndChunk(pChunk, pool, slots);
         pChunk = pNext;
         slots = PoolIncrement[pool];
     }
