@@ -247,6 +247,30 @@ unsigned int tq__SocketClose(unsigned int hSocket, const char* File, unsigned in
     return tq__SocketFlushAndClose(hSocket, 0, File, Line);
 }
 
+namespace {
+
+/// An open socket of a queue; 0 when there is none.
+unsigned int NextSocketOf(unsigned int hMsgQ) {
+    tq_ListLock lock(pListOfSockets);
+    for (void* pNode = pListOfSockets->GetHead(); pNode; pNode = pListOfSockets->GetNext()) {
+        const SOCKET_INSTANCE* pSocket = static_cast<SOCKET_INSTANCE*>(pNode);
+        if (pSocket->hMsgQ == hMsgQ && pSocket->flush == 0 && pSocket->state != SOCKET_STATE_BREAKER) {
+            return pSocket->handle;
+        }
+    }
+    return 0;
+}
+
+} // namespace
+
+void tq_SocketCloseAllOf(unsigned int hMsgQ) {
+    tq_GatePass pass(gSocketGate);
+    unsigned int hSocket = 0;
+    while (pass && (hSocket = NextSocketOf(hMsgQ)) != 0) {
+        FlushAndCloseSocket(hSocket, 0, __FILE__, __LINE__);
+    }
+}
+
 bool tq_SocketCloseFromTelnet(unsigned int hSocket) {
     tq_SocketAccess socket(hSocket);
     if (!socket) {

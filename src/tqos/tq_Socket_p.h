@@ -261,4 +261,8 @@ int SendNow(const SOCKET_INSTANCE* pSocket, const unsigned char* data, unsigned 
 
 unsigned int FlushAndCloseSocket(unsigned int hSocket, unsigned int Flags, const char* File, unsigned int Line);
 
+/// Closes the sockets of a queue that is ending, also those that it was never told of: accepted connections whose
+/// message still waits in it. What closes by itself once it is flushed is left alone.
+void tq_SocketCloseAllOf(unsigned int hMsgQ);
+
 #endif // TQ_SOCKET_P_H

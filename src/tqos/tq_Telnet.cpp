@@ -18,7 +18,8 @@
 #include "tq_List_p.h"
 #include "tq_LockOrder_p.h"
 #include "tq_Memory.h"
-#include "tq_Socket.h"
+#include "tq_SemMutex_p.h"
+#include "tq_Socket_p.h"
 #include "tq_Time.h"
 #include "tq_Timer.h"
 #include "tq_Trace.h"
@@ -583,8 +584,9 @@ bool FindPortLocked(unsigned int first) {
             return false;
         }
     }
-    gTelnetListenPort = tq_SocketGetBoundPort(gListenSocket);
-    return true;
+    const unsigned int bound = tq_SocketGetBoundPort(gListenSocket);
+    gTelnetListenPort = bound ? bound : port; // the system may not tell
+    return gTelnetListenPort != 0;
 }
 
 } // namespace
@@ -635,7 +637,8 @@ void OnNewConnection(const MSG_COMMON& msg) {
     }
     TELNET_INSTANCE* pSession = static_cast<TELNET_INSTANCE*>(tq_calloc(1, sizeof(TELNET_INSTANCE)));
     if (!pSession) {
-        return; // nobody attends to the connection
+        tq_SocketClose(socket); // nobody would attend to the connection, or close it
+        return;
     }
     pSession->socket = socket;
     pSession->bEcho = true;
@@ -643,7 +646,7 @@ void OnNewConnection(const MSG_COMMON& msg) {
     pSession->bLoggedIn = !gbRequirePassword;
     gpTelnetInstanceList->AddToTail(pSession);
     if (FindSessionLocked(socket) != pSession) { // there was no memory for its place in the list
-        tq_free(pSession);
+        TelnetClose(pSession);
         return;
     }
     tq_SocketSetName(socket, "Telnet instance");
@@ -834,14 +837,16 @@ void StopTakingSessions() {
 }
 
 /// Waits until the worker has handled MSG_DESTROY. Without memory for that message it has ended all the same, with the
-/// latch in its hands: such a latch cannot be entered or unmade, and stays.
+/// latch in its hands, which can then only be unmade; one built on a plain mutex not even that, and it stays.
 void WaitForLatch() {
-    if (gbLatchHeld) {
-        gbLatchHeld = false;
-        gpTelnetTerminate = nullptr;
+    if (!gbLatchHeld) {
+        tq_CritSecLock lock(gpTelnetTerminate);
         return;
     }
-    tq_CritSecLock lock(gpTelnetTerminate);
+    gbLatchHeld = false;
+    if (!gbUseMutexesForCritSecs) {
+        gpTelnetTerminate = nullptr;
+    }
 }
 
 /// Unmakes whatever there is of a console.
@@ -851,6 +856,10 @@ void StopConsole() {
     }
     if (gpTelnetMsgQueue) {
         const unsigned int hQueue = gpTelnetMsgQueue->GetHandle();
+        gpTelnetMsgQueue->Destroy(false); // nobody sends to it any more
+        if (hQueue != 0) {
+            tq_SocketCloseAllOf(hQueue); // while the handle is nobody else's
+        }
         gpTelnetMsgQueue->Cleanup();
         WaitForLatch();
         if (gbReopenTimerSet) {
