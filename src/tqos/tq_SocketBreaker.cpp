@@ -371,6 +371,9 @@ void StopSocketWorker() {
         tq_ListLock lock(pListOfSockets);
         bTerminate = true;
         SpinBreaker();
+        if (!gbWakeUpPending && BrkrSocket >= 0) {
+            shutdown(BrkrSocket, SHUT_RDWR); // what could not be sent: the breaker's end wakes the worker as well
+        }
     }
     pSocketTerminateSem->Enter();
     pSocketTerminateSem->Leave();

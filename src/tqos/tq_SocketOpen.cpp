@@ -3,6 +3,7 @@
 #include "tq_Socket_p.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/ioctl.h>
@@ -37,8 +38,12 @@ void SetBufferSize(unsigned int descriptor, int option, unsigned int size) {
 // Options
 
 void MakeNonBlocking(unsigned int descriptor) {
+    // By the one call or by the other: a descriptor that blocks would hold up every socket.
     int on = 1;
-    ioctl(static_cast<int>(descriptor), FIONBIO, &on);
+    if (ioctl(static_cast<int>(descriptor), FIONBIO, &on) != 0) {
+        const int flags = fcntl(static_cast<int>(descriptor), F_GETFL, 0);
+        fcntl(static_cast<int>(descriptor), F_SETFL, (flags < 0 ? O_RDWR : flags) | O_NONBLOCK);
+    }
 }
 
 void EnableKeepAlive(unsigned int descriptor) {
