@@ -44,6 +44,8 @@ public:
     }
 
 private:
+    friend struct tq_SemInside; // the library's own look at what could be made
+
     tq_SemMutex* m_pCritSec;
     void* m_pmutex;
 };

@@ -93,6 +93,8 @@ public:
     }
 
 private:
+    friend struct tq_SemInside; // the library's own look at what could be made
+
     void* m_hMutex;
     bool m_bCritSec;
 };

@@ -12,6 +12,7 @@
 #include "tq_IniKeys_p.h"
 #include "tq_LockOrder_p.h"
 #include "tq_Memory_p.h"
+#include "tq_SemMutex_p.h"
 #include "tq_Thread_p.h"
 #include "tq_Trace.h"
 
@@ -151,6 +152,9 @@ void tq_MsgQ::Create(int priority) {
 
 /// Makes the queue one that takes messages; false, with nothing changed, when that cannot be.
 bool tq_MsgQInside::Register(tq_MsgQ& queue, unsigned int* phSource) {
+    if (!tq_SemInside::Works(queue.m_CritSecListLock)) {
+        return false; // there was no memory for the lock: worker and senders would tear the lists apart
+    }
     QUEUE_DETAILS* pDetails = static_cast<QUEUE_DETAILS*>(tq_calloc(1, sizeof(QUEUE_DETAILS)));
     if (!pDetails) {
         return false;

@@ -11,6 +11,7 @@
 #include <pthread.h>
 #include <stddef.h>
 
+#include "tq_SemCritSec.h"
 #include "tq_SemMutex.h"
 
 /// What a tq_SemMutex points to.
@@ -38,5 +39,13 @@ extern std::atomic<bool> gbSchedYield;            ///< yield the processor after
 extern pthread_mutex_t gSemListMutex;
 extern std::atomic<bool> gbTrackSems;
 extern SemListNode* gpSemListHead; ///< newest first
+
+/// Whether a lock could be made. One that could not keeps nobody out.
+struct tq_SemInside {
+    static bool Works(const tq_SemMutex& mutex) { return mutex.m_hMutex != nullptr; }
+    static bool Works(const tq_SemCritSec& section) {
+        return section.m_pmutex || (section.m_pCritSec && Works(*section.m_pCritSec));
+    }
+};
 
 #endif // TQ_SEMMUTEX_P_H
