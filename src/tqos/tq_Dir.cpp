@@ -257,12 +257,12 @@ bool IsAffirmative(const char* pszText) {
 
 // ---- Writing a key
 
-enum class Stored { Same, Different, NoSection };
+enum class Stored { Same, Different, NoSection, Unreadable };
 
 Stored CompareStored(const char* pszSection, const char* pszKey, const char* pszValue, const char* pszFilename) {
     FileCloser file(OpenToRead(pszFilename));
     if (!file || !FindSection(file.hFile, pszSection, nullptr)) {
-        return Stored::NoSection;
+        return file && ferror(file.hFile) != 0 ? Stored::Unreadable : Stored::NoSection;
     }
     char value[kValueBytes] = "";
     const bool bPresent = FindKey(file.hFile, pszKey, value, kValueBytes, nullptr) != 0;
@@ -327,10 +327,11 @@ Rewrite WriteChanged(FILE* hFrom, const char* pszSection, const char* pszKey, co
         return Rewrite::Failed;
     }
     if (!FindSection(hFrom, pszSection, temporary.hFile)) {
-        return Rewrite::SectionGone;
+        return ferror(hFrom) == 0 ? Rewrite::SectionGone : Rewrite::Failed;
     }
     FindKey(hFrom, pszKey, const_cast<char*>(pszValue), kValueBytes, temporary.hFile);
-    return temporary.Close() ? Rewrite::Done : Rewrite::Failed;
+    const bool bReadWhole = ferror(hFrom) == 0; // what could not be read would be lost
+    return temporary.Close() && bReadWhole ? Rewrite::Done : Rewrite::Failed;
 }
 
 bool CopyBack(const char* pszTemporary, const char* pszFilename) {
@@ -343,7 +344,9 @@ bool CopyBack(const char* pszTemporary, const char* pszFilename) {
     while (tq_fgets(line, kCopyBackBytes, from.hFile)) {
         fputs(line, to.hFile);
     }
-    return to.Close();
+    const bool bReadWhole = ferror(from.hFile) == 0;
+    // The file has been emptied: when it cannot be filled again, the temporary file takes its place.
+    return (to.Close() && bReadWhole) || rename(pszTemporary, pszFilename) == 0;
 }
 
 Rewrite RewriteFile(const char* pszSection, const char* pszKey, const char* pszValue, const char* pszFilename) {
@@ -538,8 +541,8 @@ int tq_WriteINIFileString(const char* pszSection, const char* pszKey, const char
         return 0;
     }
     const Stored stored = CompareStored(pszSection, pszKey, pszString, pszFilename);
-    if (stored == Stored::Same) {
-        return 1;
+    if (stored == Stored::Same || stored == Stored::Unreadable) {
+        return stored == Stored::Same ? 1 : 0;
     }
     if (stored == Stored::Different) {
         const Rewrite rewritten = RewriteFile(pszSection, pszKey, pszString, pszFilename);
@@ -616,8 +619,8 @@ bool tq_CopyFile(const char* srcFile, const char* dstFile) {
         if (fwrite(piece, 1, length, to.hFile) != length) {
             return false;
         }
-    } while (length == sizeof(piece));
-    return to.Close(); // what was still buffered may find no room either
+    } while (length != 0);
+    return ferror(from.hFile) == 0 && to.Close(); // what was still buffered may find no room either
 }
 
 bool tq_RemoveFile(const char* name) {
