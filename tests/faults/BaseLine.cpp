@@ -1,0 +1,116 @@
+#include "BaseLine.h"
+
+#include <dirent.h>
+#include <unistd.h>
+
+#include "Faults.h"
+#include "TestSupport.h"
+#include "tq_Handle_p.h"
+#include "tq_List_p.h"
+#include "tq_Memory_p.h"
+#include "tq_MsgQ_p.h"
+#include "tq_Socket_p.h"
+#include "tq_Timer_p.h"
+#include "tq_Trace_p.h"
+
+namespace faults {
+
+namespace {
+
+constexpr const char* kNames[kCounters] = {"heap blocks", "tracked bytes", "handles",         "lists",       "queues",
+                                           "timers",      "sockets",       "trace instances", "descriptors", "threads"};
+constexpr unsigned int kSettlingMs = 30;
+constexpr unsigned int kComingBackSeconds = 20;
+
+long Entries(const char* pszDirectory) {
+    DIR* const pDirectory = opendir(pszDirectory);
+    long count = 0;
+    while (pDirectory && readdir(pDirectory)) {
+        ++count;
+    }
+    if (pDirectory) {
+        closedir(pDirectory);
+    }
+    return count;
+}
+
+long TrackedBytes() {
+    if (!gbUseMemoryTracking) {
+        return 0;
+    }
+    myCritSecLock lock(MemoryTrackingCritSec);
+    return static_cast<long>(gRequestedMemoryAllocations);
+}
+
+long HandlesInUse() {
+    // The list of free handles cannot go while this thread, which starts and stops the library, is here.
+    const tq_ListLock lock(gpHandleList);
+    return static_cast<long>(gAllocatedHandles);
+}
+
+long Lists() {
+    if (!gpListOfListsCritSec) {
+        return 0;
+    }
+    const tq_CritSecLock lock(*gpListOfListsCritSec);
+    return static_cast<long>(gpListCount);
+}
+
+long Nodes(tq_List* pList) {
+    return pList ? static_cast<long>(pList->NodeCount()) : 0;
+}
+
+bool IsAbove(const Reading& now, const Reading& base) {
+    for (size_t i = 0; i < kCounters; ++i) {
+        if (now[i] > base[i]) {
+            return true;
+        }
+    }
+    return false;
+}
+
+} // namespace
+
+Reading ReadCounters() {
+    const Exempt exempt;
+    Reading reading;
+    reading[kHeapBlocks] = HeapBlocks();
+    reading[kTrackedBytes] = TrackedBytes();
+    reading[kHandles] = HandlesInUse();
+    reading[kLists] = Lists();
+    reading[kQueues] = Nodes(gpListOfQs);
+    reading[kTimers] = Nodes(gpTimerList);
+    reading[kSockets] = Nodes(pListOfSockets);
+    reading[kTraceInstances] = Nodes(gpTraceInstanceList);
+    reading[kDescriptors] = Entries("/proc/self/fd");
+    reading[kThreads] = Entries("/proc/self/task");
+    return reading;
+}
+
+Reading ReadSettled() {
+    Reading last = ReadCounters();
+    test::WaitUntil([&last] {
+        usleep(kSettlingMs * 1000);
+        const Reading before = last;
+        last = ReadCounters();
+        return before == last;
+    });
+    return last;
+}
+
+bool ComesBackTo(const Reading& base) {
+    return test::WaitUntil([&base] { return !IsAbove(ReadCounters(), base); }, kComingBackSeconds);
+}
+
+std::string Difference(const Reading& base, const Reading& now) {
+    std::string text;
+    for (size_t i = 0; i < kCounters; ++i) {
+        if (now[i] != base[i]) {
+            text += std::string(text.empty() ? "" : ", ") + kNames[i] + " " + std::to_string(now[i]) + " instead of " +
+                    std::to_string(base[i]);
+        }
+    }
+    return text.empty() ? "nothing" : text;
+}
+
+} // namespace faults

@@ -1,0 +1,193 @@
+// What once went wrong when a call failed, each by its name.
+#include <errno.h>
+#include <fcntl.h>
+
+#include <gtest/gtest.h>
+
+#include "BaseLine.h"
+#include "ConsoleClient.h"
+#include "Faults.h"
+#include "Listener.h"
+#include "MemoryBlocks.h"
+#include "SocketPeers.h"
+#include "TestSupport.h"
+#include "tq_Socket_p.h"
+#include "tqos.h"
+
+namespace faults {
+
+namespace {
+
+using test::Fd;
+using test::Library;
+using test::Loopback;
+
+/// Calls that fail while the object lives: all of them, or one.
+class Failing {
+public:
+    explicit Failing(Call call, int error, unsigned int first = 1, bool bOnwards = true) {
+        Arm({call, first, bOnwards, error});
+    }
+    ~Failing() { Disarm(); }
+    Failing(const Failing&) = delete;
+    Failing& operator=(const Failing&) = delete;
+};
+
+long OpenSockets() {
+    return ReadCounters()[kSockets];
+}
+
+/// A peer of a console: it is greeted, or the connection is closed. Nobody is left waiting.
+void Visit(unsigned int port) {
+    const Exempt exempt;
+    const Fd peer = test::ConnectedPeer(port);
+    std::string text;
+    char bytes[2048];
+    while (text.find('>') == std::string::npos) {
+        ASSERT_TRUE(test::WaitReadable(peer));
+        const ssize_t length = recv(peer.Get(), bytes, sizeof(bytes), 0);
+        if (length <= 0) {
+            return;
+        }
+        text.append(bytes, static_cast<size_t>(length));
+    }
+}
+
+} // namespace
+
+TEST(Refused, AConnectionForWhichTheConsoleHasNoMemoryIsClosed) {
+    Library library;
+    const unsigned int port = tq_TelnetInitialize(0, Loopback(), nullptr);
+    ASSERT_NE(0u, port);
+    const long before = OpenSockets();
+    for (unsigned int k = 1; k <= 12; ++k) { // whichever allocation of the way from accept() to the prompt it is
+        const Failing memory(Call::kMemory, ENOMEM, k, /*bOnwards=*/false);
+        Visit(port);
+    }
+    EXPECT_TRUE(test::WaitUntil([before] { return OpenSockets() == before; }));
+    tq_TelnetTerminate();
+}
+
+TEST(Refused, AConsoleThatEndsWithoutMemoryForItsLastMessageLeavesNothing) {
+    Library library;
+    for (int warming = 0; warming < 2; ++warming) {
+        ASSERT_NE(0u, tq_TelnetInitialize(0, Loopback(), nullptr));
+        tq_TelnetTerminate();
+    }
+    const Reading before = ReadSettled();
+    ASSERT_NE(0u, tq_TelnetInitialize(0, Loopback(), nullptr));
+    {
+        const Failing memory(Call::kMemory, ENOMEM);
+        tq_TelnetTerminate();
+    }
+    EXPECT_TRUE(ComesBackTo(before)) << Difference(before, ReadCounters());
+}
+
+TEST(Refused, AConsoleWithoutAThreadClosesTheConnectionsThatWaitForIt) {
+    Library library;
+    ASSERT_EQ(0u, tq_SocketInitialize());
+    unsigned int port = 0;
+    {
+        const Failing threads(Call::kThreadCreate, EAGAIN);
+        port = tq_TelnetInitialize(0, Loopback(), nullptr);
+    }
+    ASSERT_NE(0u, port);
+    const long before = OpenSockets();
+    const Fd peer = test::ConnectedPeer(port);
+    EXPECT_TRUE(test::WaitUntil([before] { return OpenSockets() == before + 1; }));
+    tq_TelnetTerminate();
+    EXPECT_TRUE(test::IsAtEnd(peer));
+    tq_SocketTerminate(99);
+}
+
+TEST(Refused, AChunkThatOutlivesItsPoolGoesWithItsLastSlotWhateverTheMemoryWas) {
+    const long before = HeapBlocks();
+    {
+        test::Memory memory("EnableMemoryPooling=yes\n");
+        void* const pBlock = tq_malloc(20);
+        {
+            const Failing heap(Call::kMemory, ENOMEM);
+            tq_MemoryTerminate(/*bDumpResources=*/false);
+        }
+        EXPECT_GT(HeapBlocks(), before);
+        tq_free(pBlock);
+    }
+    EXPECT_EQ(before, HeapBlocks());
+}
+
+TEST(Refused, ASocketThatOneCallCannotMakeNonBlockingIsMadeSoByAnother) {
+    Library library;
+    Listener queue("listener");
+    queue.Create(0);
+    const Failing options(Call::kIoctl, EINTR);
+    const unsigned int hSocket = tq_SocketOpenUDP(queue.GetHandle(), 0, 0, 0, Loopback(), 0);
+    ASSERT_NE(0u, hSocket);
+    tq_SocketAccess socket(hSocket);
+    const Exempt exempt;
+    EXPECT_NE(0, fcntl(static_cast<int>(socket->socket), F_GETFL) & O_NONBLOCK);
+}
+
+TEST(Refused, AQueueWithoutMemoryForItsLockIsNotCreated) {
+    Library library;
+    for (unsigned int k = 1; k <= 40; ++k) {
+        Arm({Call::kMemory, k, false, ENOMEM});
+        Listener queue("torn");
+        Disarm();
+        queue.Create(0);
+        unsigned int sent = 0;
+        for (unsigned int i = 0; i < 500; ++i) {
+            sent += tq_MsgCreateCommonAndSend(0, queue.GetHandle(), MSG_USER, i, 0, 0, false, 2) ? 1 : 0;
+        }
+        EXPECT_TRUE(sent == 500 || queue.GetHandle() == 0);
+        EXPECT_TRUE(test::WaitUntil([&] { return queue.Count(MSG_USER) == sent; })) << k;
+    }
+}
+
+TEST(Refused, ACopyOfWhatCannotBeReadIsNoCopy) {
+    test::ScratchDirectory directory;
+    test::WriteFile("from", std::string(20000, 'c'));
+    for (unsigned int first : {1u, 2u, 3u}) {
+        const Failing reads(Call::kReadStream, EIO, first);
+        EXPECT_FALSE(tq_CopyFile("from", "to"));
+    }
+    for (unsigned int first : {1u, 2u, 3u}) {
+        const Failing reads(Call::kReadStream, kShort, first, /*bOnwards=*/false);
+        EXPECT_TRUE(tq_CopyFile("from", "to"));
+        const Exempt exempt;
+        EXPECT_EQ(std::string(20000, 'c'), test::ReadFile("to"));
+    }
+}
+
+TEST(Refused, SettingsThatCannotBeRewrittenStayWhole) {
+    test::ScratchDirectory directory;
+    const std::string before = "[Door]\r\nName=front\r\n[Other]\r\nKey=1\r\n";
+    const std::string after = "[Door]\r\n  Name=back\r\n[Other]\r\nKey=1\r\n";
+    struct Step {
+        Call call;
+        unsigned int most;
+    };
+    for (const Step& step : {Step{Call::kReadStream, 120}, Step{Call::kPutText, 12}, Step{Call::kWriteStream, 12},
+                             Step{Call::kCloseStream, 8}, Step{Call::kFlush, 4}}) {
+        for (unsigned int k = 1; k <= step.most; ++k) {
+            test::WriteFile("a.ini", before);
+            int result = 0;
+            {
+                const Failing one(step.call, EIO, k, /*bOnwards=*/false);
+                result = tq_WriteINIFileString("Door", "Name", "back", "a.ini");
+            }
+            const std::string now = test::ReadFile("a.ini");
+            EXPECT_EQ(result ? after : before, now) << kCallRows[static_cast<size_t>(step.call)].pszName << " " << k;
+        }
+    }
+}
+
+TEST(Refused, SocketsThatCannotBeWokenStopAtOnceAllTheSame) {
+    Library library;
+    ASSERT_EQ(0u, tq_SocketInitialize());
+    const unsigned int before = tq_GetTimeInMS();
+    const Failing sends(Call::kSend, ENOBUFS);
+    tq_SocketTerminate(99);
+    EXPECT_LT(tq_GetTimeInMS() - before, 4000u); // by itself the thread looks up every 5 seconds
+}
+
+} // namespace faults
