@@ -88,13 +88,16 @@ FILE* OpenConfiguration(const char* pszFilename, const char* pszMode, int flags)
     if (stat(pszFilename, &status) == 0 && !S_ISREG(status.st_mode)) {
         return nullptr;
     }
-    const int fd = open(pszFilename, flags | O_NONBLOCK | O_CLOEXEC, 0666);
+    const int fd = open(pszFilename, (flags & ~O_TRUNC) | O_NONBLOCK | O_CLOEXEC, 0666);
     if (fd < 0) {
         return nullptr;
     }
     FILE* hFile = fstat(fd, &status) == 0 && S_ISREG(status.st_mode) ? fdopen(fd, pszMode) : nullptr;
     if (!hFile) {
         close(fd);
+    } else if ((flags & O_TRUNC) && ftruncate(fd, 0) != 0) { // emptied only now that it can be written
+        fclose(hFile);
+        hFile = nullptr;
     }
     return hFile;
 }
@@ -260,9 +263,13 @@ bool IsAffirmative(const char* pszText) {
 enum class Stored { Same, Different, NoSection, Unreadable };
 
 Stored CompareStored(const char* pszSection, const char* pszKey, const char* pszValue, const char* pszFilename) {
+    errno = 0;
     FileCloser file(OpenToRead(pszFilename));
-    if (!file || !FindSection(file.hFile, pszSection, nullptr)) {
-        return file && ferror(file.hFile) != 0 ? Stored::Unreadable : Stored::NoSection;
+    if (!file) {
+        return errno == ENOENT ? Stored::NoSection : Stored::Unreadable;
+    }
+    if (!FindSection(file.hFile, pszSection, nullptr)) {
+        return ferror(file.hFile) != 0 ? Stored::Unreadable : Stored::NoSection;
     }
     char value[kValueBytes] = "";
     const bool bPresent = FindKey(file.hFile, pszKey, value, kValueBytes, nullptr) != 0;
@@ -350,9 +357,10 @@ bool CopyBack(const char* pszTemporary, const char* pszFilename) {
 }
 
 Rewrite RewriteFile(const char* pszSection, const char* pszKey, const char* pszValue, const char* pszFilename) {
+    errno = 0;
     FileCloser from(OpenToRead(pszFilename));
     if (!from) {
-        return Rewrite::SectionGone;
+        return errno == ENOENT ? Rewrite::SectionGone : Rewrite::Failed;
     }
     TemporaryFile temporary(pszFilename);
     if (!temporary.ChooseName()) {

@@ -38,9 +38,8 @@ long OpenSockets() {
 }
 
 /// A peer of a console: it is greeted, or the connection is closed. Nobody is left waiting.
-void Visit(unsigned int port) {
+void WaitForAttention(const Fd& peer) {
     const Exempt exempt;
-    const Fd peer = test::ConnectedPeer(port);
     std::string text;
     char bytes[2048];
     while (text.find('>') == std::string::npos) {
@@ -61,8 +60,10 @@ TEST(Refused, AConnectionForWhichTheConsoleHasNoMemoryIsClosed) {
     ASSERT_NE(0u, port);
     const long before = OpenSockets();
     for (unsigned int k = 1; k <= 12; ++k) { // whichever allocation of the way from accept() to the prompt it is
+        const Fd peer(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)); // goes when memory is there again
         const Failing memory(Call::kMemory, ENOMEM, k, /*bOnwards=*/false);
-        Visit(port);
+        ASSERT_TRUE(test::ConnectPeer(peer, port));
+        WaitForAttention(peer);
     }
     EXPECT_TRUE(test::WaitUntil([before] { return OpenSockets() == before; }));
     tq_TelnetTerminate();
@@ -81,6 +82,18 @@ TEST(Refused, AConsoleThatEndsWithoutMemoryForItsLastMessageLeavesNothing) {
         tq_TelnetTerminate();
     }
     EXPECT_TRUE(ComesBackTo(before)) << Difference(before, ReadCounters());
+}
+
+TEST(Refused, AConsoleThatCannotTellItsPortDoesNotRunUncounted) {
+    Library library;
+    ASSERT_EQ(0u, tq_SocketInitialize());
+    {
+        const Failing names(Call::kGetSockName, ENOBUFS);
+        EXPECT_EQ(0u, tq_TelnetInitialize(0, Loopback(), nullptr));
+    }
+    const unsigned int port = tq_TelnetInitialize(0, Loopback(), nullptr);
+    EXPECT_NE(0u, port);
+    tq_TelnetTerminate();
 }
 
 TEST(Refused, AConsoleWithoutAThreadClosesTheConnectionsThatWaitForIt) {
@@ -166,8 +179,9 @@ TEST(Refused, SettingsThatCannotBeRewrittenStayWhole) {
         Call call;
         unsigned int most;
     };
-    for (const Step& step : {Step{Call::kReadStream, 120}, Step{Call::kPutText, 12}, Step{Call::kWriteStream, 12},
-                             Step{Call::kCloseStream, 8}, Step{Call::kFlush, 4}}) {
+    for (const Step& step :
+         {Step{Call::kReadStream, 120}, Step{Call::kPutText, 12}, Step{Call::kWriteStream, 12},
+          Step{Call::kCloseStream, 8}, Step{Call::kFlush, 4}, Step{Call::kDescriptorStream, 8}, Step{Call::kOpen, 8}}) {
         for (unsigned int k = 1; k <= step.most; ++k) {
             test::WriteFile("a.ini", before);
             int result = 0;

@@ -176,7 +176,7 @@ public:
         const unsigned int used = UsedBytes();
         {
             myCritSecLock lock(MemoryTrackingCritSec);
-            gMaxRequestedMemoryAllocations = gRequestedMemoryAllocations;
+            gMaxRequestedMemoryAllocations = +gRequestedMemoryAllocations;
         }
         RunClean("measuring");
         myCritSecLock lock(MemoryTrackingCritSec);
