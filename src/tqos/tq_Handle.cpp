@@ -10,6 +10,7 @@
 #include "tq_LockOrder_p.h"
 #include "tq_Memory.h"
 #include "tq_Report_p.h"
+#include "tq_WorkingLock_p.h"
 
 unsigned int gInitialHandleCount = 100;
 unsigned int gGrowthHandleCount = 10;
@@ -214,7 +215,7 @@ unsigned int tq_HandleInitialize() {
     gMaxAllocatedHandles = kReservedHandle;
     gMaxHandles = kReservedHandle;
     // The handle is given: a list that drew its own could not be the one it is drawn from.
-    gpHandleList = tq_newObject<tq_List>("TQOS: Handles", static_cast<int>(kReservedHandle));
+    gpHandleList = tq_IfItLocks(tq_newObject<tq_List>("TQOS: Handles", static_cast<int>(kReservedHandle)));
     if (!gpHandleList) {
         return 1;
     }

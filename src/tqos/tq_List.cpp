@@ -12,6 +12,7 @@
 #include "tq_LockOrder_p.h"
 #include "tq_Memory.h"
 #include "tq_SemMutex_p.h"
+#include "tq_WorkingLock_p.h"
 
 static_assert(sizeof(void*) != 4 || sizeof(tq_List::_TQ_LIST_ENTRY) == 12, "three words");
 static_assert(sizeof(void*) != 4 || sizeof(tq_List::_LIST_INSTANCE) == 84, "twenty-one words");
@@ -760,7 +761,7 @@ char* tq_stristr(const char* string, const char* strSearch) {
 
 bool tq_ListRegistryOpen() {
     if (!gpListOfListsCritSec) {
-        gpListOfListsCritSec = tq_newObject<tq_SemCritSec>(/*bRecursive=*/true);
+        gpListOfListsCritSec = tq_IfItLocks(tq_newObject<tq_SemCritSec>(/*bRecursive=*/true));
         tq_LockOrderPlace(gpListOfListsCritSec, tq_LockRank::kListOfLists);
     }
     if (!gpListOfListsCritSec) {

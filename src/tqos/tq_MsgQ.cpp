@@ -12,9 +12,9 @@
 #include "tq_IniKeys_p.h"
 #include "tq_LockOrder_p.h"
 #include "tq_Memory_p.h"
-#include "tq_SemMutex_p.h"
 #include "tq_Thread_p.h"
 #include "tq_Trace.h"
+#include "tq_WorkingLock_p.h"
 
 static_assert(sizeof(MSG_COMMON) == 28, "header of every message");
 #if __SIZEOF_POINTER__ == 4
@@ -152,7 +152,7 @@ void tq_MsgQ::Create(int priority) {
 
 /// Makes the queue one that takes messages; false, with nothing changed, when that cannot be.
 bool tq_MsgQInside::Register(tq_MsgQ& queue, unsigned int* phSource) {
-    if (!tq_SemInside::Works(queue.m_CritSecListLock)) {
+    if (!tq_LockWorks(queue.m_CritSecListLock)) {
         return false; // there was no memory for the lock: worker and senders would tear the lists apart
     }
     QUEUE_DETAILS* pDetails = static_cast<QUEUE_DETAILS*>(tq_calloc(1, sizeof(QUEUE_DETAILS)));
@@ -831,7 +831,7 @@ unsigned int tq_MsgQInitialize() {
 void tq_MsgQTerminate() {}
 
 bool tq_MsgQRegistryOpen() {
-    gpListOfQs = tq_newObject<tq_List>("TQOS: All Queues");
+    gpListOfQs = tq_IfItLocks(tq_newObject<tq_List>("TQOS: All Queues"));
     tq_ListPlace(gpListOfQs, tq_LockRank::kQueues);
     if (!gpListOfQs) {
         return false;

@@ -17,6 +17,7 @@
 #include "tq_Socket.h"
 #include "tq_Thread.h"
 #include "tq_Timer.h"
+#include "tq_WorkingLock_p.h"
 
 /// Fields that stand where tools look for them.
 struct tq_NetTraceLayout {
@@ -219,7 +220,7 @@ int CNetTrace::Init(const char* szApplicationName, const char* szVersion, PFN_ON
     snprintf(m_szApplicationName, sizeof(m_szApplicationName), "%s", szApplicationName);
     snprintf(m_szVersion, sizeof(m_szVersion), "%s", szVersion);
     m_pfnOnReset = pfnOnReset;
-    m_ClientList = tq_newObject<tq_List>(m_szApplicationName);
+    m_ClientList = tq_IfItLocks(tq_newObject<tq_List>(m_szApplicationName));
     tq_ListPlace(m_ClientList, tq_LockRank::kViewers);
     tq_GetMACAddress(m_pMACAddr);
     const unsigned int ip = LocalAddresses().First();

@@ -16,6 +16,7 @@
 #include "tq_LockOrder_p.h"
 #include "tq_Memory.h"
 #include "tq_Time.h"
+#include "tq_WorkingLock_p.h"
 
 // State
 
@@ -482,13 +483,13 @@ tq_PlacedMutex gUsersMutex(tq_LockRank::kLeaf); // guards the count of users and
 bool gbStopping = false;                        ///< from the last user's going until everything is unmade
 
 unsigned int MakeSyncObjects() {
-    pListOfSockets = tq_newObject<tq_List>("TQOS: All Sockets");
+    pListOfSockets = tq_IfItLocks(tq_newObject<tq_List>("TQOS: All Sockets"));
     tq_ListPlace(pListOfSockets, tq_LockRank::kSockets);
     pListOfSocketsInSets = tq_newObject<tq_List>("TQOS: Sockets Currently In a set");
     pSyncEvent1 = tq_newObject<tq_SemEvent>(1, 0);
     pSyncEvent2 = tq_newObject<tq_SemEvent>(1, 0);
-    pSocketTerminateSem = tq_newObject<tq_SemCritSec>(true);
-    pSocketGetHostByNameSem = tq_newObject<tq_SemCritSec>(true);
+    pSocketTerminateSem = tq_IfItLocks(tq_newObject<tq_SemCritSec>(true));
+    pSocketGetHostByNameSem = tq_IfItLocks(tq_newObject<tq_SemCritSec>(true));
     if (!pListOfSockets || !pListOfSocketsInSets || !pSyncEvent1 || !pSyncEvent2 || !pSocketTerminateSem ||
         !pSocketGetHostByNameSem) {
         return 1;

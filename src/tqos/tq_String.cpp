@@ -13,6 +13,7 @@
 #include "tq_LockOrder_p.h"
 #include "tq_Memory.h"
 #include "tq_SemCritSec.h"
+#include "tq_WorkingLock_p.h"
 
 static_assert(sizeof(void*) != 4 || (sizeof(TqString) == 20 && offsetof(TqString, ptr) == 12),
               "record of applications");
@@ -641,8 +642,8 @@ unsigned int tq_StringInitialize() {
     if (gpEntityList) {
         return 0;
     }
-    gpSandboxLock = tq_newObject<tq_SemCritSec>(/*bRecursive=*/true);
-    gpEntityList = tq_newObject<tq_List>("tqString Ampersand Escaping");
+    gpSandboxLock = tq_IfItLocks(tq_newObject<tq_SemCritSec>(/*bRecursive=*/true));
+    gpEntityList = tq_IfItLocks(tq_newObject<tq_List>("tqString Ampersand Escaping"));
     tq_LockOrderPlace(gpSandboxLock, tq_LockRank::kHandlesAndStrings);
     tq_ListPlace(gpEntityList, tq_LockRank::kHandlesAndStrings);
     if (!gpSandboxLock || !gpEntityList || !BuildIndex()) {

@@ -23,6 +23,7 @@
 #include "tq_Time.h"
 #include "tq_Timer.h"
 #include "tq_Trace.h"
+#include "tq_WorkingLock_p.h"
 
 static_assert(offsetof(TELNET_INSTANCE, socket) == 0, "the key that sessions are searched by");
 static_assert(offsetof(TELNET_TEXT, text) == 28, "layout of a message with a text");
@@ -800,11 +801,11 @@ namespace {
 /// Everything but the listening socket; false when something could not be had.
 bool MakeConsole(const char* pszPassword) {
     gbStopping = false;
-    gpTelnetTerminate = tq_newObject<tq_SemCritSec>(true);
+    gpTelnetTerminate = tq_IfItLocks(tq_newObject<tq_SemCritSec>(true));
     gpTelnetMsgQueue = tq_newObject<tq_TelnetMsgQ>();
     gbRequirePassword = pszPassword && *pszPassword != '\0';
     gpszPassword = gbRequirePassword ? tq_newString(pszPassword) : nullptr;
-    gpTelnetInstanceList = tq_newObject<tq_List>("TQOS: Telnet Instances");
+    gpTelnetInstanceList = tq_IfItLocks(tq_newObject<tq_List>("TQOS: Telnet Instances"));
     tq_ListPlace(gpTelnetInstanceList, tq_LockRank::kSessions);
     if (!gpTelnetTerminate || !gpTelnetMsgQueue || !gpTelnetInstanceList || (gbRequirePassword && !gpszPassword)) {
         return false;

@@ -19,6 +19,7 @@
 #include "tq_Report_p.h"
 #include "tq_SemEvent.h"
 #include "tq_SemMutex.h"
+#include "tq_WorkingLock_p.h"
 
 namespace {
 
@@ -491,7 +492,7 @@ extern "C" unsigned int tq_ThreadInitialize() {
     gbTerminationWaits = false;
     gInitialTid = tq_GetThreadId();
     gInitialPSTid = tq_GetPSThreadId();
-    gpThreadList = tq_newObject<tq_List>("TQOS: Thread List");
+    gpThreadList = tq_IfItLocks(tq_newObject<tq_List>("TQOS: Thread List"));
     tq_ListPlace(gpThreadList, tq_LockRank::kThreads);
     gpListEmptyEvent = tq_newObject<tq_SemEvent>(/*bManualReset=*/1, /*bInitialState=*/1);
     if (gpThreadList) { // without a list threads run untracked

@@ -18,6 +18,7 @@
 #include "tq_SemSemaphore.h"
 #include "tq_Thread_p.h"
 #include "tq_Time.h"
+#include "tq_WorkingLock_p.h"
 
 #if __SIZEOF_POINTER__ == 4
 static_assert(sizeof(TIMER_NODE) == 40, "layout of a timer");
@@ -464,8 +465,8 @@ bool HasMemoryToStart() {
 bool MakeObjects() {
     gpTimerSem = tq_newObject<tq_SemSemaphore>(0, kMaxWakeUps);
     gpTimerStarted = tq_newObject<tq_SemEvent>(/*bManualReset=*/1, /*bInitialState=*/0);
-    gpTimerTermLatch = tq_newObject<tq_SemCritSec>(/*bRecursive=*/true);
-    gpTimerList = tq_newObject<tq_TimerList>();
+    gpTimerTermLatch = tq_IfItLocks(tq_newObject<tq_SemCritSec>(/*bRecursive=*/true));
+    gpTimerList = tq_IfItLocks(tq_newObject<tq_TimerList>());
     tq_ListPlace(gpTimerList, tq_LockRank::kTimers);
     if (!gpTimerSem || !gpTimerStarted || !gpTimerTermLatch || !gpTimerList) {
         return false;

@@ -21,6 +21,7 @@
 #include "tq_Report_p.h"
 #include "tq_Thread.h"
 #include "tq_Time.h"
+#include "tq_WorkingLock_p.h"
 
 // Settings
 
@@ -1244,8 +1245,8 @@ unsigned int tq_TraceInitialize() {
     guiLastTimeStampInMS = 0;
     DropKeptCriticalErrors();
     ReadSettings();
-    pTimeLock = tq_newObject<tq_SemCritSec>(true);
-    gpTraceInstanceList = tq_newObject<tq_List>("TQOS: Trace Instances");
+    pTimeLock = tq_IfItLocks(tq_newObject<tq_SemCritSec>(true));
+    gpTraceInstanceList = tq_IfItLocks(tq_newObject<tq_List>("TQOS: Trace Instances"));
     tq_LockOrderPlace(pTimeLock, tq_LockRank::kTraceTime);
     tq_ListPlace(gpTraceInstanceList, tq_LockRank::kTraceInstances);
     if (!pTimeLock || !gpTraceInstanceList) {

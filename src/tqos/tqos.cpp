@@ -17,6 +17,7 @@
 #include "tq_MsgQ_p.h"
 #include "tq_Telnet_p.h"
 #include "tq_Thread_p.h"
+#include "tq_WorkingLock_p.h"
 
 // State. The application initialises and terminates from one thread, so nothing here has a lock; what other threads
 // read meanwhile is atomic.
@@ -240,7 +241,7 @@ unsigned int RecordStartTime() {
 }
 
 unsigned int OpenLazyStarts() {
-    pSubsystemInitCritSec = tq_newObject<tq_SemCritSec>(true);
+    pSubsystemInitCritSec = tq_IfItLocks(tq_newObject<tq_SemCritSec>(true));
     tq_LockOrderPlace(pSubsystemInitCritSec, tq_LockRank::kLazyStart);
     if (pSubsystemInitCritSec) {
         gLazyStartGate.Open();

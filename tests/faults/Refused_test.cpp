@@ -11,7 +11,11 @@
 #include "MemoryBlocks.h"
 #include "SocketPeers.h"
 #include "TestSupport.h"
+#include "tq_Handle_p.h"
+#include "tq_MsgQ_p.h"
 #include "tq_Socket_p.h"
+#include "tq_Trace_p.h"
+#include "tq_WorkingLock_p.h"
 #include "tqos.h"
 
 namespace faults {
@@ -153,6 +157,20 @@ TEST(Refused, AQueueWithoutMemoryForItsLockIsNotCreated) {
         }
         EXPECT_TRUE(sent == 500 || queue.GetHandle() == 0);
         EXPECT_TRUE(test::WaitUntil([&] { return queue.Count(MSG_USER) == sent; })) << k;
+    }
+}
+
+TEST(Refused, WhatThreadsShareDoesNotStartWithoutItsLock) {
+    test::ScratchDirectory directory;
+    for (unsigned int k = 1; k <= 120; ++k) {
+        Arm({Call::kMutexInit, k, false, EAGAIN}); // one after the other, of all the locks that a start makes
+        if (tqOS_Initialize() == 0 && tq_SocketInitialize() == 0 && tq_TimerInitialize() == 0) {
+            for (tq_List* pList : {gpListOfQs, gpTraceInstanceList, pListOfSockets, gpHandleList}) {
+                EXPECT_TRUE(pList && tq_LockWorks(*pList)) << k;
+            }
+        }
+        Disarm();
+        tqOS_Terminate(false, true);
     }
 }
 
