@@ -33,15 +33,27 @@ bool Means(const std::string& word, const std::string& keyword) {
     return word.size() >= capitals && word.size() <= keyword.size() && SameText(word, keyword.substr(0, word.size()));
 }
 
+/// The row of the table that a word means; null when it means none.
+const TOKEN_PARSER* RowOf(const std::string& word, const TOKEN_PARSER* pTable) {
+    while (pTable->pszToken && !Means(word, pTable->pszToken)) {
+        ++pTable;
+    }
+    return pTable->pszToken ? pTable : nullptr;
+}
+
+/// Whether the line is the command that switches the echo. A script may have it too, but gives back what it found.
+bool IsEcho(std::string line) {
+    std::string word;
+    const TOKEN_PARSER* pRow = TakeWord(line, &word) ? RowOf(word, kTopCommands) : nullptr;
+    return pRow && SameText(pRow->pszToken, "Echo");
+}
+
 /// Whether the table has a handler for the line.
 bool IsKnown(std::string line, const TOKEN_PARSER* pTable) {
     std::string word;
     while (TakeWord(line, &word)) {
-        const TOKEN_PARSER* pRow = pTable;
-        while (pRow->pszToken && !Means(word, pRow->pszToken)) {
-            ++pRow;
-        }
-        if (!pRow->pszToken) {
+        const TOKEN_PARSER* pRow = RowOf(word, pTable);
+        if (!pRow) {
             return false;
         }
         if (pRow->uiFlagValue == 0 && !pRow->pNextTokenStruct) {
@@ -58,11 +70,13 @@ bool Ends(const std::string& text, const std::string& end) {
 
 /// Types a command; false when it has ended the session.
 bool RunCommand(const std::string& line) {
+    const bool bEcho = console::Session()->bEcho;
     const std::string shown = console::Type(line + '\r');
     const TELNET_INSTANCE* pSession = console::Session();
     if (!pSession) {
         return false;
     }
+    FUZZ_CHECK(pSession->bEcho == bEcho || IsEcho(line));
     console::CheckSession(*pSession);
     FUZZ_EQUAL(0u, pSession->uiCommandIndex);
     FUZZ_CHECK(Ends(shown, ">"));
