@@ -4,7 +4,8 @@
 // By default a test takes a seeded choice of points. The environment widens it:
 //   TQOS_SWEEP_POINTS=all      every point, or a number of them a test
 //   TQOS_SWEEP_SEED=n          another choice
-//   TQOS_SWEEP_FROM=n          leaves the points before the n-th out: goes on where an earlier run was stopped
+//   TQOS_SWEEP_FROM=n          leaves n points out: goes on where an earlier run was stopped
+//   TQOS_SWEEP_MOST=n          of what is then left, no more than this
 #include <algorithm>
 #include <chrono>
 #include <random>
@@ -292,6 +293,7 @@ std::vector<unsigned int> Choose(unsigned int count, unsigned int usual) {
     }
     const unsigned long from = std::min<unsigned long>(Setting("TQOS_SWEEP_FROM", 0), all.size());
     all.erase(all.begin(), all.begin() + static_cast<long>(from));
+    all.resize(std::min<unsigned long>(all.size(), Setting("TQOS_SWEEP_MOST", ~0ul)));
     return all;
 }
 
