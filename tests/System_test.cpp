@@ -7,11 +7,8 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <dirent.h>
 #include <functional>
 #include <memory>
-#include <random>
-#include <set>
 #include <stddef.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -22,20 +19,19 @@
 
 #include <gtest/gtest.h>
 
-#include "ConsoleClient.h"
+#include "EchoLoad.h"
+#include "EngineerLoad.h"
+#include "Load.h"
 #include "SocketPeers.h"
+#include "Standing.h"
 #include "TestSupport.h"
-#include "tq_List_p.h"
-#include "tq_MsgQ_p.h"
+#include "TraceLoad.h"
 #include "tq_NetTrace_p.h"
-#include "tq_Socket_p.h"
 #include "tqos.h"
 
 namespace {
 
-using test::Fd;
-using test::Loopback;
-using test::WaitUntil;
+using namespace test;
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 constexpr unsigned int kLoadSeconds = 20;
@@ -44,121 +40,12 @@ constexpr unsigned int kLoadSeconds = 60;
 #endif
 constexpr unsigned int kWarmUpSeconds = 1;
 
-/// A limit that only a hang reaches.
-constexpr int kHangMs = 60000;
-constexpr unsigned int kHangSeconds = kHangMs / 1000;
-
 /// Everything that the library can watch of itself is on.
 const char kIni[] = "[Memory]\nEnableMemoryPooling=yes\nEnableMemoryTracking=yes\nDirtyMemoryFree=0xDD\n"
                     "[Sem]\nTracking=yes\n"
                     "[MsgQ]\nDefaultHistory=20\n"
                     "[Trace]\ntqos_Level=Warning\ntqos_LogToFile=tqos.log\n"
                     "Journal_Level=All\nLive_Level=All\nLive_LogToMulticast=yes\n";
-
-unsigned int Random(unsigned int below) {
-    thread_local std::minstd_rand generator(tq_GetThreadId());
-    return static_cast<unsigned int>(generator()) % below;
-}
-
-// What the loads are made of
-
-/// A part of what the device does. It begins with the object.
-class Load {
-public:
-    virtual ~Load() = default;
-
-    /// True once it has done something of each kind.
-    virtual bool HasWorked() const = 0;
-
-    /// Ends it: waits until nothing of it is under way, and checks that all is accounted for.
-    virtual void Stop() = 0;
-
-    /// What it has done.
-    virtual std::string Account() const = 0;
-};
-
-/// A thread of the device that does a piece of work over and over, with a pause in between.
-class Worker {
-public:
-    Worker(unsigned int pauseMs, std::function<void()> work)
-        : m_pauseMs(pauseMs), m_work(std::move(work)), m_stop(/*bManualReset=*/1, /*bInitialState=*/0),
-          m_ended(/*bManualReset=*/0, /*bInitialState=*/0) {
-        m_bRuns = tq_beginthread(0, Run, this, nullptr, TQ_THREAD_PRIORITY_NORMAL) != 0;
-        EXPECT_TRUE(m_bRuns);
-    }
-    ~Worker() { Stop(); }
-    Worker(const Worker&) = delete;
-    Worker& operator=(const Worker&) = delete;
-
-    /// Returns when the piece of work under way is done.
-    void Stop() {
-        if (m_bRuns) {
-            m_bRuns = false;
-            m_stop.Set();
-            EXPECT_EQ(1, m_ended.WaitForEvent(2 * kHangMs));
-        }
-    }
-
-private:
-    static void* Run(void* pArgument) {
-        Worker* const pWorker = static_cast<Worker*>(pArgument);
-        do {
-            pWorker->m_work();
-        } while (!pWorker->m_stop.WaitForEvent(static_cast<int>(pWorker->m_pauseMs)));
-        pWorker->m_ended.Set();
-        return nullptr;
-    }
-
-    const unsigned int m_pauseMs;
-    const std::function<void()> m_work;
-    tq_SemEvent m_stop;
-    tq_SemEvent m_ended;
-    bool m_bRuns = false;
-};
-
-/// Several of them.
-class Workers {
-public:
-    void Add(unsigned int pauseMs, std::function<void()> work) {
-        m_workers.push_back(std::make_unique<Worker>(pauseMs, std::move(work)));
-    }
-    void Stop() { m_workers.clear(); }
-
-private:
-    std::vector<std::unique_ptr<Worker>> m_workers;
-};
-
-/// A queue of the device: its first message is MSG_CREATE and its last MSG_DESTROY, and it gets each once.
-class DeviceQueue : public tq_MsgQ {
-public:
-    explicit DeviceQueue(const char* pszName) : tq_MsgQ(pszName, "under load") {}
-
-    void MessageHandler(MSG_COMMON* pMsg) final {
-        EXPECT_EQ(pMsg->command == MSG_CREATE, !m_bCreated);
-        EXPECT_FALSE(m_bDestroyed);
-        EXPECT_EQ(GetHandle(), pMsg->hDest);
-        m_bCreated = true;
-        m_bDestroyed = pMsg->command == MSG_DESTROY;
-        if (pMsg->command == MSG_CREATE || pMsg->command == MSG_DESTROY || !Handle(pMsg)) {
-            tq_free(pMsg);
-        }
-    }
-
-protected:
-    /// True when it has passed the message on, which is then no longer its own.
-    virtual bool Handle(MSG_COMMON* pMsg) = 0;
-
-    /// For a destructor: ends the queue, which must have nothing left to do.
-    void EndIdle() {
-        EXPECT_TRUE(WaitUntil([this] { return GetQueueDepth(0) == 0; }, kHangSeconds));
-        Cleanup();
-        EXPECT_TRUE(m_bDestroyed);
-    }
-
-private:
-    bool m_bCreated = false; // both by the queue's own thread
-    bool m_bDestroyed = false;
-};
 
 // Queues: jobs of three priorities on their way through a ring of queues
 
@@ -366,151 +253,6 @@ private:
 
 // Sockets: a server that sends back what it gets, over TCP, local-domain sockets and UDP, and its clients
 
-class EchoQueue : public DeviceQueue {
-public:
-    explicit EchoQueue(const std::string& path) : DeviceQueue("Echo") {
-        Create(TQ_THREAD_PRIORITY_NORMAL);
-        m_hTcp = tq_SocketOpenTCPServer(GetHandle(), 0, 0, Loopback());
-        m_hLocal = tq_SocketOpenTCPServerDomain(GetHandle(), test::Bytes(path), 0);
-        m_hUdp = tq_SocketOpenUDP(GetHandle(), 0, 0, 0, Loopback(), 0);
-        EXPECT_TRUE(m_hTcp != 0 && m_hLocal != 0 && m_hUdp != 0);
-    }
-    ~EchoQueue() override { EndIdle(); }
-
-    unsigned int TcpPort() const { return tq_SocketGetBoundPort(m_hTcp); }
-    unsigned int UdpPort() const { return tq_SocketGetBoundPort(m_hUdp); }
-
-    void CloseAll() {
-        for (const unsigned int hSocket : {m_hTcp, m_hLocal, m_hUdp}) {
-            EXPECT_EQ(0u, tq_SocketClose(hSocket));
-        }
-    }
-
-    std::atomic<unsigned int> m_accepted{0};
-    std::atomic<unsigned int> m_closed{0};
-    std::atomic<unsigned int> m_datagrams{0};
-    std::atomic<unsigned long long> m_bytes{0};
-
-protected:
-    bool Handle(MSG_COMMON* pMsg) override {
-        switch (pMsg->command) {
-        case MSG_SOCKET_NEW_CONNECTION:
-            ++m_accepted;
-            break;
-        case MSG_SOCKET_DATASTREAM:
-            SendBack(pMsg->instance);
-            break;
-        case MSG_SOCKET_DATAGRAM:
-            SendBack(*reinterpret_cast<const SOCKET_DATAGRAM*>(pMsg));
-            break;
-        case MSG_SOCKET_CLOSED:
-            EXPECT_EQ(0, reinterpret_cast<const SOCKET_CLOSED*>(pMsg)->error);
-            EXPECT_EQ(0u, tq_SocketClose(pMsg->instance));
-            ++m_closed;
-            break;
-        default: // the datagram socket announces itself; the machine's interfaces may change
-            break;
-        }
-        return false;
-    }
-
-private:
-    void SendBack(unsigned int hSocket) {
-        unsigned char buffer[3000];
-        while (const unsigned int length = tq_SocketRecv(hSocket, buffer, sizeof(buffer))) {
-            EXPECT_EQ(length, tq_SocketSendTo(hSocket, buffer, length, 0, 0));
-            m_bytes += length;
-        }
-    }
-    void SendBack(const SOCKET_DATAGRAM& datagram) {
-        ++m_datagrams;
-        EXPECT_EQ(datagram.length, tq_SocketSendTo(datagram.msg.instance, datagram.data, datagram.length,
-                                                   datagram.srcaddress, datagram.srcport));
-    }
-
-    unsigned int m_hTcp = 0;
-    unsigned int m_hLocal = 0;
-    unsigned int m_hUdp = 0;
-};
-
-/// A client made of the library's own sockets: it calls the server, now by TCP and now by the local-domain socket, gets
-/// a text back, and hangs up; a timer says when to call again.
-class CallerQueue : public DeviceQueue {
-public:
-    CallerQueue(unsigned int port, std::string path) : DeviceQueue("Caller"), m_port(port), m_path(std::move(path)) {
-        Create(TQ_THREAD_PRIORITY_NORMAL);
-        tq_MsgCreateCommonAndSend(0, GetHandle(), MSG_TIMER, 0, 0, 0, /*bAddToHead=*/false, TQ_MSG_PRIORITY_MEDIUM);
-    }
-    ~CallerQueue() override { EndIdle(); }
-
-    void Stop() {
-        m_bStop = true;
-        EXPECT_TRUE(WaitUntil([this] { return m_bIdle.load(); }, kHangSeconds));
-    }
-    unsigned int Calls() const { return m_calls; }
-
-protected:
-    bool Handle(MSG_COMMON* pMsg) override {
-        switch (pMsg->command) {
-        case MSG_TIMER:
-            Call();
-            break;
-        case MSG_SOCKET_CONNECTED:
-            EXPECT_EQ(m_hSocket, pMsg->instance);
-            EXPECT_EQ(m_text.size(), tq_SocketSendTo(m_hSocket, test::Bytes(m_text), TextBytes(), 0, 0));
-            break;
-        case MSG_SOCKET_DATASTREAM:
-            Listen();
-            break;
-        case MSG_SOCKET_CLOSED:
-            ADD_FAILURE() << "the server has hung up";
-            break;
-        default:
-            break;
-        }
-        return false;
-    }
-
-private:
-    unsigned int TextBytes() const { return static_cast<unsigned int>(m_text.size()); }
-
-    void Call() {
-        if (m_bStop) {
-            m_bIdle = true;
-            return;
-        }
-        m_text = test::Pattern(1 + Random(20000));
-        m_heard.clear();
-        m_hSocket = m_calls % 2 != 0 ? tq_SocketOpenTCPClient(GetHandle(), Loopback(), m_port, 0, 0, 0)
-                                     : tq_SocketOpenTCPClientDomain(GetHandle(), test::Bytes(m_path), 0);
-        EXPECT_NE(0u, m_hSocket);
-        ++m_calls;
-    }
-
-    void Listen() {
-        unsigned char buffer[5000];
-        while (const unsigned int length = tq_SocketRecv(m_hSocket, buffer, sizeof(buffer))) {
-            m_heard.append(reinterpret_cast<const char*>(buffer), length);
-        }
-        if (m_hSocket == 0 || m_heard.size() < m_text.size()) {
-            return;
-        }
-        EXPECT_TRUE(m_heard == m_text);
-        EXPECT_EQ(0u, tq_SocketClose(m_hSocket));
-        m_hSocket = 0;
-        EXPECT_EQ(0u, tq_TimerSet(GetHandle(), 10, 0, 0, 0, TQ_TIMER_ONE_SHOT, "next call", false));
-    }
-
-    const unsigned int m_port;
-    const std::string m_path;
-    std::atomic<bool> m_bStop{false};
-    std::atomic<bool> m_bIdle{false};
-    std::atomic<unsigned int> m_calls{0};
-    unsigned int m_hSocket = 0; // this and the next two by the queue's own thread
-    std::string m_text;
-    std::string m_heard;
-};
-
 class SocketLoad : public Load {
 public:
     explicit SocketLoad(const std::string& path) : m_echo(path), m_caller(m_echo.TcpPort(), path) {
@@ -540,25 +282,25 @@ public:
 private:
     /// A client from outside: what it sends comes back.
     void HoldConversation() {
-        const Fd peer = test::ConnectedPeer(m_echo.TcpPort());
+        const Fd peer = ConnectedPeer(m_echo.TcpPort());
         ++m_conversations;
         for (unsigned int i = 0; i < 5; ++i) {
-            const std::string text = test::Pattern(1 + Random(10000));
-            test::SendAll(peer, text);
-            EXPECT_TRUE(test::ReadBytes(peer, text.size()) == text);
+            const std::string text = Pattern(1 + Random(10000));
+            SendAll(peer, text);
+            EXPECT_TRUE(ReadBytes(peer, text.size()) == text);
         }
     }
 
     /// One datagram at a time is on its way, so that none is lost.
     void ExchangeDatagrams() {
-        const Fd peer = test::BoundPeer(SOCK_DGRAM);
-        EXPECT_TRUE(test::ConnectPeer(peer, m_echo.UdpPort()));
+        const Fd peer = BoundPeer(SOCK_DGRAM);
+        EXPECT_TRUE(ConnectPeer(peer, m_echo.UdpPort()));
         for (unsigned int i = 0; i < 5; ++i) {
-            const std::string text = test::Pattern(1 + Random(5000));
+            const std::string text = Pattern(1 + Random(5000));
             EXPECT_EQ(static_cast<ssize_t>(text.size()), send(peer.Get(), text.data(), text.size(), 0));
             ++m_datagrams;
             char answer[6000];
-            const ssize_t length = test::WaitReadable(peer, kHangSeconds) ? recv(peer.Get(), answer, 6000, 0) : -1;
+            const ssize_t length = WaitReadable(peer, kHangSeconds) ? recv(peer.Get(), answer, 6000, 0) : -1;
             EXPECT_TRUE(length > 0 && std::string(answer, static_cast<size_t>(length)) == text);
         }
     }
@@ -571,79 +313,6 @@ private:
 };
 
 // Trace: every line stands in the files, once and in order; viewers on the network see them in order
-
-constexpr unsigned int kTracers = 3;
-constexpr char kLastLine[] = "the last line\n";
-
-/// What has been seen of numbered lines.
-struct LineCheck {
-    unsigned int last[kTracers] = {};
-    std::atomic<unsigned int> seen{0};
-    bool bAscending = true;
-    bool bWithoutGap = true;
-
-    /// A line that holds "tracer <t> line <n>"; others count for nothing.
-    void See(const char* pszLine) {
-        unsigned int tracer = 0;
-        unsigned int number = 0;
-        const char* const pszText = strstr(pszLine, "tracer ");
-        if (!pszText || sscanf(pszText, "tracer %u line %u", &tracer, &number) != 2 || tracer >= kTracers) {
-            return;
-        }
-        ++seen;
-        bAscending = bAscending && number > last[tracer];
-        bWithoutGap = bWithoutGap && number == last[tracer] + 1;
-        last[tracer] = number;
-    }
-};
-
-/// Somebody on the network who looks at the lines, and answers when asked whether he is still there.
-class Viewer {
-public:
-    explicit Viewer(unsigned int port) : m_fd(test::BoundPeer(SOCK_DGRAM)) {
-        EXPECT_TRUE(test::ConnectPeer(m_fd, port));
-        Send("TRACEON/");
-        m_thread = std::thread([this] { Look(); });
-    }
-    ~Viewer() {
-        m_bStop = true;
-        m_thread.join();
-    }
-
-    bool HasSeenLast() const { return m_bSeenLast; }
-    bool HasSeenLines() const { return m_lines.seen > 0; }
-    /// To be asked when he has seen the last line.
-    bool HasSeenThemInOrder() const { return m_lines.bAscending; }
-
-private:
-    void Send(const char* pszText) { send(m_fd.Get(), pszText, strlen(pszText) + 1, 0); }
-
-    void Look() {
-        char text[1100];
-        while (!m_bStop) {
-            struct pollfd wait = {m_fd.Get(), POLLIN, 0};
-            const ssize_t length = poll(&wait, 1, 20) == 1 ? recv(m_fd.Get(), text, sizeof(text), 0) : 0;
-            if (length <= 0) {
-                continue;
-            }
-            EXPECT_EQ('\0', text[length - 1]);
-            text[length - 1] = '\0';
-            if (strcmp(text, "KEEPALIVE/") == 0) {
-                Send("KEEPALIVE/");
-            } else if (strstr(text, kLastLine)) {
-                m_bSeenLast = true;
-            } else {
-                m_lines.See(text);
-            }
-        }
-    }
-
-    const Fd m_fd;
-    std::atomic<bool> m_bStop{false};
-    std::atomic<bool> m_bSeenLast{false};
-    LineCheck m_lines; // by the thread
-    std::thread m_thread;
-};
 
 class TraceLoad : public Load {
 public:
@@ -723,8 +392,8 @@ private:
         for (;; ++m_files) {
             char name[64];
             snprintf(name, sizeof(name), "%s%04u.log", m_prefix.c_str(), m_files);
-            std::istringstream file(test::ReadFile(name));
-            if (!test::FileExists(name)) {
+            std::istringstream file(ReadFile(name));
+            if (!FileExists(name)) {
                 break;
             }
             for (std::string line; std::getline(file, line);) {
@@ -748,72 +417,6 @@ private:
 };
 
 // Console: engineers look at everything while the device works, and talk to a queue of it
-
-class DoorQueue : public DeviceQueue {
-public:
-    DoorQueue() : DeviceQueue("Door") { Create(TQ_THREAD_PRIORITY_NORMAL); }
-    ~DoorQueue() override { EndIdle(); }
-
-    std::atomic<unsigned int> m_requests{0};
-    std::atomic<unsigned int> m_summaries{0};
-
-protected:
-    bool Handle(MSG_COMMON* pMsg) override {
-        std::string answer;
-        if (pMsg->command == MSG_TELNET_CUSTOM) {
-            ++m_requests;
-            answer = std::string("<") + reinterpret_cast<const TELNET_TEXT*>(pMsg)->text + ">";
-        } else if (pMsg->command == MSG_TELNET_SUMMARY) {
-            ++m_summaries;
-            answer = "<summary>";
-        }
-        tq_TelnetSendResponse(answer.c_str(), pMsg->hDest, pMsg->instance, pMsg->userparm, pMsg->flags);
-        return false;
-    }
-};
-
-/// An engineer at the console.
-class Session {
-public:
-    Session(unsigned int port, unsigned int hDoor) : m_client(port), m_door(std::to_string(hDoor)) {
-        m_client.ReadTo("login: ");
-        m_client.Send("Secret\r");
-        m_client.ReadTo("Welcome...\r\n\r\n>");
-    }
-    ~Session() {
-        m_client.Send("quit\r");
-        m_client.ReadTo("quit\r\n");
-        EXPECT_TRUE(m_client.IsClosed());
-    }
-
-    /// One command of those that show something, and two requests to the door. Its answer comes after the report.
-    void Command() {
-        static const char* const kCommands[] = {
-            "sh queues",        "sh det queues",
-            "sh lists",         "sh hashes",
-            "sh timers",        "sh sockets",
-            "sh threads",       "sh sem",
-            "sh trace",         "sh mem",
-            "sh handles",       "sh uptime",
-            "sh interfaces",    "ch mem",
-            "sh hlists",        "sh det trace Live",
-            "sh mem histogram", "sh det mem group=bytes",
-        };
-        const std::string command = kCommands[m_commands++ % (sizeof(kCommands) / sizeof(kCommands[0]))];
-        m_client.Send(command + "\r");
-        m_client.Send("sh sum " + m_door + "\r");
-        m_client.ReadTo("<summary>\r\n>");
-        const std::string word = "word-" + std::to_string(m_commands);
-        m_client.Send("send " + m_door + " " + word + "\r");
-        m_client.ReadTo("<" + word + ">\r\n>");
-    }
-    unsigned int Commands() const { return m_commands; }
-
-private:
-    test::ConsoleClient m_client;
-    const std::string m_door;
-    unsigned int m_commands = 0;
-};
 
 class ConsoleLoad : public Load {
 public:
@@ -892,7 +495,7 @@ void UseStrings() {
 
 /// Data that compresses more or less well. One call at a time in the process, so this has one thread.
 void UseCompression() {
-    std::string input = test::Pattern(1 + Random(30000));
+    std::string input = Pattern(1 + Random(30000));
     for (unsigned int i = Random(3000); i > 0; --i) {
         input[Random(static_cast<unsigned int>(input.size()))] = static_cast<char>(Random(256));
     }
@@ -932,7 +535,7 @@ void UseProcesses() {
     EXPECT_STREQ("done", found.pFilename);
     tq_FindClose(pSearch);
     tq_Deltree(directory.c_str()); // whose result cannot be known while the library runs
-    EXPECT_FALSE(test::FileExists(directory));
+    EXPECT_FALSE(FileExists(directory));
 }
 
 struct Node {
@@ -1044,77 +647,6 @@ private:
 
 // What there is
 
-unsigned int EntriesOf(const char* pszDirectory) {
-    unsigned int entries = 0;
-    DIR* pDirectory = opendir(pszDirectory);
-    while (const struct dirent* pEntry = readdir(pDirectory)) {
-        entries += pEntry->d_name[0] == '.' ? 0 : 1;
-    }
-    closedir(pDirectory);
-    return entries;
-}
-
-unsigned int ThreadsOfProcess() {
-    return EntriesOf("/proc/self/task");
-}
-
-/// With the first thread a sanitizer starts one of its own, which stays. A thread that has been joined may still be
-/// seen for a moment; when this returns it is gone.
-void StartAndEndAThread() {
-    std::atomic<unsigned int> id{0};
-    std::thread([&id] { id = tq_GetPSThreadId(); }).join();
-    const std::string task = "/proc/self/task/" + std::to_string(id);
-    EXPECT_TRUE(WaitUntil([&task] { return !test::FileExists(task); }, kHangSeconds));
-}
-
-unsigned int DescriptorsOfProcess() {
-    return EntriesOf("/proc/self/fd");
-}
-
-std::multiset<std::string> RegisteredLists() {
-    const tq_CritSecLock lock(gpListOfListsCritSec);
-    std::multiset<std::string> names;
-    for (const LISTOFLISTS* pRecord = gpListOfLists; pRecord; pRecord = pRecord->pNext) {
-        const char* const pszName = tq_ListInside::StateOf(*pRecord->pList).pName;
-        names.insert(pszName ? pszName : "(none)");
-    }
-    return names;
-}
-
-unsigned int RegisteredQueues() {
-    const tq_ListLock lock(gpListOfQs);
-    return gpListOfQs->NodeCount();
-}
-
-/// True when the device has nothing to do: of its threads and sockets only the library's own are left, and no timer.
-bool IsAtRest(unsigned int threads) {
-    char* pszTimers = nullptr;
-    tq_TimerShowTimers(&pszTimers);
-    const std::string timers = pszTimers ? pszTimers : "";
-    tq_free(pszTimers);
-    const tq_ListLock lock(pListOfSockets);
-    const bool bBreakerAlone = pListOfSockets->NodeCount() == 1; // with it others wake the sockets thread
-    return bBreakerAlone && timers == "No Timers currently set..." && ThreadsOfProcess() == threads;
-}
-
-/// All that stands while nothing is going on.
-struct Standing {
-    std::multiset<std::string> lists = RegisteredLists();
-    unsigned int queues = RegisteredQueues();
-    unsigned int descriptors = DescriptorsOfProcess();
-
-    bool operator==(const Standing& other) const {
-        return lists == other.lists && queues == other.queues && descriptors == other.descriptors;
-    }
-    std::string Text() const {
-        std::string text;
-        for (const std::string& name : lists) {
-            text += "  list: " + name + "\n";
-        }
-        return text + std::to_string(queues) + " queues, " + std::to_string(descriptors) + " descriptors\n";
-    }
-};
-
 std::vector<std::unique_ptr<Load>> StartLoads(const std::string& directory, const std::string& journal) {
     std::vector<std::unique_ptr<Load>> loads;
     loads.push_back(std::make_unique<JobLoad>());
@@ -1161,7 +693,7 @@ TEST(System, ADeviceUnderLoadLosesNoMessageAndLeavesNothingBehind) {
     StartAndEndAThread();
     const unsigned int threads = ThreadsOfProcess();
     const unsigned int descriptors = DescriptorsOfProcess();
-    test::Library library(kIni);
+    Library library(kIni);
 
     // What is only started when it is first needed runs from now on: the threads of timers, sockets and network trace.
     const unsigned int threadsAtRest = threads + 3;
@@ -1174,7 +706,7 @@ TEST(System, ADeviceUnderLoadLosesNoMessageAndLeavesNothingBehind) {
     const Standing after;
     EXPECT_TRUE(after == before) << "before:\n" << before.Text() << "after:\n" << after.Text();
     EXPECT_FALSE(tq_CheckMemoryPools()) << "damaged memory";
-    EXPECT_EQ("", test::ReadFile("tqos_error.log"));
+    EXPECT_EQ("", ReadFile("tqos_error.log"));
 
     testing::internal::CaptureStdout();
     library.Terminate(/*bDumpResources=*/true);
