@@ -347,6 +347,23 @@ TEST(Telnet, ASessionMayCloseItsOwnSocket) {
     EXPECT_NE(std::string::npos, next.ReadTo("Connections: 1\r\n>").find("\r\n>\r\n"));
 }
 
+// When somebody else closes a session's socket the session is told nothing, and its handle comes to name another
+// connection in the end.
+TEST(Telnet, AConnectionWithTheHandleOfALostSessionDoesNotInheritItsLogin) {
+    Console console("Secret");
+    ConsoleClient client = console.Connect();
+    client.Send("Secret\r");
+    client.ReadTo("Welcome...\r\n\r\n>");
+    const unsigned int session = console.SocketOf(client);
+    SOCKET_NEW_CONNECTION* pMsg = static_cast<SOCKET_NEW_CONNECTION*>(tq_calloc(1, sizeof(SOCKET_NEW_CONNECTION)));
+    pMsg->msg = {0, tq_ConsoleQueueHandle(), sizeof(*pMsg), MSG_SOCKET_NEW_CONNECTION, 0, 0, 0};
+    pMsg->new_socket = session;
+    ASSERT_TRUE(tq_MsgSend(&pMsg->msg, /*bAddToHead=*/false, TQ_MSG_PRIORITY_MEDIUM));
+    client.ReadTo("login: ");
+    client.Send("sh tic\r");
+    EXPECT_TRUE(client.Expect("******\r\nInvalid login attempt.\r\n\r\nlogin: "));
+}
+
 TEST(Telnet, AScriptMayCloseTheSocketOfItsSession) {
     Console console;
     ConsoleClient client = console.Connect();

@@ -526,6 +526,23 @@ void Greet(const TELNET_INSTANCE& session) {
     SendPrompt(session);
 }
 
+/// The session without its socket.
+void FreeSession(TELNET_INSTANCE* pSession) {
+    while (pSession->pHistoryHead) {
+        TakeOffHistory(*pSession, pSession->pHistoryHead);
+    }
+    tq_free(pSession);
+}
+
+/// A session whose socket somebody else has closed is told nothing of it, and stays. Whoever comes to have the handle
+/// next must not find himself in it, logged in as it was.
+void ForgetSessionLocked(unsigned int socket) {
+    while (TELNET_INSTANCE* pSession = FindSessionLocked(socket)) {
+        gpTelnetInstanceList->RemoveNode(pSession);
+        FreeSession(pSession);
+    }
+}
+
 void CloseSessionsLocked() {
     while (void* pSession = gpTelnetInstanceList->RemoveHead()) {
         TelnetClose(static_cast<TELNET_INSTANCE*>(pSession));
@@ -539,10 +556,7 @@ void TelnetClose(TELNET_INSTANCE* pTelnetInstance) {
         return;
     }
     tq_SocketClose(pTelnetInstance->socket);
-    while (pTelnetInstance->pHistoryHead) {
-        TakeOffHistory(*pTelnetInstance, pTelnetInstance->pHistoryHead);
-    }
-    tq_free(pTelnetInstance);
+    FreeSession(pTelnetInstance);
 }
 
 // The listening socket. The list of sessions is locked.
@@ -636,6 +650,7 @@ void OnNewConnection(const MSG_COMMON& msg) {
         tq_SocketClose(socket);
         return;
     }
+    ForgetSessionLocked(socket);
     TELNET_INSTANCE* pSession = static_cast<TELNET_INSTANCE*>(tq_calloc(1, sizeof(TELNET_INSTANCE)));
     if (!pSession) {
         tq_SocketClose(socket); // nobody would attend to the connection, or close it
