@@ -122,6 +122,18 @@ prepare_to_test() {
     install_packages ${packages[@]+"${packages[@]}"}
 }
 
+# without_random_addresses COMMAND...: the thread sanitizer has no place for its shadow where the kernel spreads
+# mappings over more bits than it knows.
+without_random_addresses() {
+    local bits
+    bits=$(cat /proc/sys/vm/mmap_rnd_bits 2>/dev/null || echo 0)
+    if [ "$bits" -gt 28 ] && setarch "$(uname -m)" -R true 2>/dev/null; then
+        setarch "$(uname -m)" -R "$@"
+    else
+        "$@"
+    fi
+}
+
 # prepare_to_show: what only the demo needs.
 prepare_to_show() {
     local -a packages=()
