@@ -1,9 +1,11 @@
 #include "tq_Telnet_p.h"
 
 #include <atomic>
+#include <chrono>
 #include <functional>
 #include <future>
 #include <list>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -267,6 +269,16 @@ unsigned int HandleOf(const tq_List& list) {
     return pRecord ? pRecord->handle : 0;
 }
 
+#if defined(__SANITIZE_THREAD__)
+constexpr int kRounds = 1; // each costs ten times as much
+constexpr int kSessions = 2;
+constexpr std::chrono::milliseconds kPause{1}; // between two steps of the work, which is slow enough
+#else
+constexpr int kRounds = 2;
+constexpr int kSessions = 3;
+constexpr std::chrono::milliseconds kPause{0};
+#endif
+
 constexpr char kAllOfMemory[] = "[Memory]\nEnableMemoryPooling=Yes\nEnableMemoryTracking=Yes\nEnableHistogram=Yes\n";
 
 /// What the written sessions are about: besides the console's queues a timer, a list with a hash, and blocks of memory.
@@ -512,6 +524,28 @@ TEST(TelnetCommands, UptimeIsToldFromItsLargestUnitOn) {
     }
 }
 
+TEST(TelnetCommands, ASummaryIsAskedOfEveryNamedQueue) {
+    Console console;
+    test::AnsweringQueue unnamed("unnamed");
+    unnamed.SetName(nullptr);
+    ConsoleClient client = console.Connect();
+    for (const char* pszAsk : {"sh sum", "sh sum 0"}) {
+        client.Send(std::string(pszAsk) + "\r");
+        ASSERT_TRUE(client.Expect(std::string(pszAsk) + "\r\n>"));
+        std::string answers;
+        for (int i = 0; i < 3; ++i) {
+            answers += client.ReadTo("\r\n>");
+        }
+        for (const char* pszQueue : {"Door", "Back Door", "TQOS: Telnet"}) {
+            EXPECT_EQ(1u, test::CountOf(answers, std::string("\r\nResponse received from queue ") + pszQueue + ": "));
+        }
+        EXPECT_EQ(2u, test::CountOf(answers, "\r\nsummary, flags 0\r\n>"));
+        EXPECT_EQ(1u, test::CountOf(answers, "\r\nTelnet Connections: 1\r\n>"));
+    }
+    client.Send("echo on\r");
+    EXPECT_TRUE(client.Expect("echo on\r\n>")); // the queue without a name has not been asked
+}
+
 /// A queue whose worker stays in its first message until it is let go.
 class HeldQueue : public tq_MsgQ {
 public:
@@ -601,6 +635,19 @@ TEST(TelnetCommands, EveryFormOfTheHistogramComes) {
         other.Send(ask + "\r");
         EXPECT_TRUE(other.Expect(ask + "\r\n>" + row.second + "\r\n>"));
     }
+}
+
+TEST(TelnetCommands, AReportGoesIntoTheFileThatIsNamed) {
+    House house(kAllOfMemory);
+    ConsoleClient client = house.TheConsole().Connect();
+    client.Send("sh det mem filter=window line=72 file=report.txt\r");
+    client.ReadTo("\r\n>");
+    client.Send("echo on\r");
+    EXPECT_TRUE(client.Expect("echo on\r\n>"));
+    const std::string report = test::ReadFile("report.txt");
+    EXPECT_EQ(0u, report.find("Pool #1:\n    20 bytes "));
+    EXPECT_NE(std::string::npos, report.find("Summary for ALL tqos Memory Pools\n   Total allocations:     1\n"));
+    EXPECT_EQ(std::string::npos, report.find('\r'));
 }
 
 // What users type and name is never a format, nor too long
@@ -694,13 +741,19 @@ TEST(TelnetCommands, EveryCommandStandsEveryKindOfArgument) {
 
 // Reports while the device works
 
+/// Longer than any column, and than what the reports' first buffers have for a row.
+const std::string kLongNameBegin = "[name %s%n%d ";
+const std::string kLongNameEnd = " end]";
+const std::string kLongName = kLongNameBegin + std::string(400, 'x') + kLongNameEnd;
+
 /// Runs a step over and over until it is told to stop.
 class Busy {
 public:
-    Busy(std::atomic<bool>& stop, std::function<void()> step)
+    Busy(const std::atomic<bool>& stop, std::function<void()> step)
         : m_thread([&stop, step] {
               while (!stop) {
                   step();
+                  std::this_thread::sleep_for(kPause);
               }
           }) {}
     ~Busy() { m_thread.join(); }
@@ -709,107 +762,276 @@ private:
     std::thread m_thread;
 };
 
-void RunEveryReport(ConsoleClient& client, unsigned int door) {
-    const std::string handle = std::to_string(door);
-    int mark = 0;
-    const std::vector<std::string> commands = {"sh sum",
-                                               "sh det sum",
-                                               "sh so",
-                                               "sh det so " + handle,
-                                               "sh in",
-                                               "sh q",
-                                               "sh det q " + handle,
-                                               "sh l",
-                                               "sh l sort=-maxcount",
-                                               "sh l sort=name -tqos",
-                                               "sh hl",
-                                               "sh has 1",
-                                               "sh mem",
-                                               "sh mem pool=1",
-                                               "sh det mem group=-bytes",
-                                               "sh det mem size=28",
-                                               "sh mem histogram",
-                                               "sh mem histogram format=ini",
-                                               "sh t",
-                                               "sh th",
-                                               "sh sem",
-                                               "sh han",
-                                               "sh tr",
-                                               "sh det tr tqos",
-                                               "ch mem",
-                                               "ch han",
-                                               "set mem",
-                                               "re hist",
-                                               "set his door 10",
-                                               "send door " + std::string(500, 'x')};
-    for (const std::string& command : commands) {
-        const std::string end = "mark" + std::to_string(++mark);
-        client.Send(command + "\r" + end + "\r");
-        client.ReadTo("Syntax error.\r\n\r\n>");
+/// What stands still while the reports run, with long names, a few dozen of each kind.
+class Stock {
+public:
+    explicit Stock(unsigned int door) : m_door(door) {
+        for (int i = 0; i < 45; ++i) {
+            m_lists.push_back(std::make_unique<tq_List>(kLongName.c_str()));
+            m_lists.back()->HashCreate(LIST_TYPE_U32BITS, 0, 4, nullptr, kLongName.c_str());
+        }
+        for (unsigned int i = 0; i < 8; ++i) {
+            m_queues.push_back(std::make_unique<test::AnsweringQueue>(kLongName.c_str()));
+            m_queues.back()->SetDescription(kLongName.c_str());
+            m_traces[i] = tq_TraceInitInstance((std::to_string(i) + kLongName).c_str());
+            tq_TraceSetCategoryName(m_traces[i], 1, kLongName.c_str());
+            // Repeating ones: these fire while the reports run.
+            tq_TimerSet(door, 10 + i, 1000 + i, 0, 0, TQ_TIMER_REPEATING, kLongName.c_str(), true);
+            m_sockets[i] = tq_SocketOpenUDP(door, test::Loopback(), 9, 0, test::Loopback(), 0);
+            tq_SocketSetName(m_sockets[i], kLongName.c_str());
+        }
     }
-}
+    ~Stock() {
+        for (unsigned int i = 0; i < 8; ++i) {
+            tq_TimerKill(m_door, 1000 + i, 0, 0);
+            tq_TraceTermInstance(m_traces[i]);
+            tq_SocketClose(m_sockets[i]);
+        }
+    }
 
-TEST(TelnetCommands, EveryReportHoldsWhileTheDeviceWorks) {
-    Console console(nullptr, "[Memory]\nEnableMemoryPooling=Yes\nEnableMemoryTracking=Yes\nEnableHistogram=Yes\n"
-                             "[Sem]\nTracking=Yes\n[MsgQ]\nDefaultHistory=20\n");
-    const unsigned int door = console.Door().GetHandle();
-    std::atomic<bool> stop{false};
-    {
-        Busy sending(stop, [door] {
-            tq_MsgCreateCommonAndSend(0, door, MSG_USER, 1, 2, 3, false, 1);
-            tq_MsgCreateCommonAndSend(0, door, MSG_USER, 1, 2, 3, true, 3);
-            std::this_thread::yield();
-        });
-        Busy timing(stop, [door] {
-            for (unsigned int instance = 100; instance < 110; ++instance) {
-                tq_TimerSet(door, 10 + instance, instance, 0, 0, instance % 2, "busy", true);
-            }
-            for (unsigned int instance = 100; instance < 110; ++instance) {
-                tq_TimerKill(door, instance, 0, 0);
-            }
-        });
-        Busy opening(stop, [door] {
-            const unsigned int socket = tq_SocketOpenUDP(door, test::Loopback(), 9, 0, test::Loopback(), 0);
-            tq_SocketSetName(socket, "a name that is longer than the column of the report that shows it");
-            tq_SocketClose(socket);
-        });
-        Busy listing(stop, [] {
-            tq_List list(LIST_FLAGS_SORT_ASCENDING, LIST_TYPE_U32BITS, 0,
-                         "a list with a name that is longer than the column of the report that shows it");
-            unsigned int keys[20];
-            for (unsigned int i = 0; i < 20; ++i) {
-                keys[i] = i;
-                list.AddNode(&keys[i]);
-            }
-            while (list.RemoveHead()) {
-            }
-        });
-        Busy queueing(stop, [] {
-            test::AnsweringQueue queue("a queue with a name that is longer than the column of the report");
-            tq_MsgCreateCommonAndSend(0, queue.GetHandle(), MSG_USER, 0, 0, 0, false, 2);
-        });
-        {
-            std::vector<ConsoleClient> clients;
-            std::vector<std::thread> sessions;
-            for (int i = 0; i < 3; ++i) {
-                clients.push_back(console.Connect());
-            }
-            for (ConsoleClient& client : clients) {
-                sessions.emplace_back([&client, door] {
-                    for (int round = 0; round < 3; ++round) {
-                        RunEveryReport(client, door);
-                    }
-                });
-            }
-            for (std::thread& session : sessions) {
-                session.join();
-            }
-            for (ConsoleClient& client : clients) {
-                client.Send("quit\r");
-                test::ReadToEnd(client.Descriptor());
+    unsigned int List() const { return HandleOf(*m_lists[0]); }
+    unsigned int Socket() const { return m_sockets[0]; }
+    unsigned int Queue() const { return m_queues[0]->GetHandle(); }
+
+private:
+    const unsigned int m_door;
+    std::vector<std::unique_ptr<tq_List>> m_lists;
+    std::vector<std::unique_ptr<test::AnsweringQueue>> m_queues;
+    unsigned int m_traces[8];
+    unsigned int m_sockets[8];
+};
+
+/// What works while the reports run: everything that comes and goes, each on a thread of its own.
+class Work {
+public:
+    Work(Console& console, const std::atomic<bool>& stop)
+        : m_console(console), m_door(console.Door().GetHandle()), m_listener(test::ListeningPeer()),
+          m_sending(stop, [this] { SendMessages(); }), m_timing(stop, [this] { SetAndKillTimers(); }),
+          m_opening(stop, [this] { OpenAndCloseSockets(); }), m_listing(stop, MakeAndUnmakeList),
+          m_queueing(stop, [this] { MakeAndUnmakeQueue(); }), m_tracing(stop, OpenAndCloseTrace),
+          m_vanishing(stop, [this] { ComeAndVanish(); }) {}
+
+private:
+    void SendMessages() {
+        if (m_console.Door().GetQueueDepth(0) < 100) {
+            tq_MsgCreateCommonAndSend(0, m_door, MSG_USER, 1, 2, 3, false, TQ_MSG_PRIORITY_HIGH);
+            tq_MsgCreateCommonAndSend(0, m_door, MSG_USER, 1, 2, 3, true, TQ_MSG_PRIORITY_LOW);
+        }
+    }
+
+    void SetAndKillTimers() {
+        for (unsigned int instance = 100; instance < 110; ++instance) {
+            tq_TimerSet(m_door, 10 + instance, instance, 0, 0, instance % 2, kLongName.c_str(), true);
+        }
+        for (unsigned int instance = 100; instance < 110; ++instance) {
+            tq_TimerKill(m_door, instance, 0, 0); // unless a session has
+        }
+    }
+
+    void OpenAndCloseSockets() {
+        const unsigned int udp = tq_SocketOpenUDP(m_door, test::Loopback(), 9, 0, test::Loopback(), 0);
+        tq_SocketSetName(udp, kLongName.c_str());
+        const unsigned int tcp =
+            tq_SocketOpenTCPClient(m_door, test::Loopback(), test::PortOf(m_listener), 0, test::Loopback(), 0);
+        tq_SocketSetName(tcp, kLongName.c_str());
+        const test::Fd peer = test::AcceptPeer(m_listener);
+        test::SendAll(peer, "some bytes that nobody takes");
+        tq_SocketClose(udp);
+        tq_SocketClose(tcp);
+    }
+
+    static void MakeAndUnmakeList() {
+        tq_List list(LIST_FLAGS_SORT_ASCENDING, LIST_TYPE_U32BITS, 0, kLongName.c_str());
+        const unsigned int hash = list.HashCreate(LIST_TYPE_U32BITS, 0, 7, nullptr, kLongName.c_str());
+        unsigned int keys[20];
+        for (unsigned int i = 0; i < 20; ++i) {
+            keys[i] = i;
+            list.AddNode(&keys[i]);
+        }
+        list.HashDestroy(hash);
+        list.SetName((kLongName + " again" + kLongNameEnd).c_str());
+        while (list.RemoveHead()) {
+        }
+    }
+
+    void MakeAndUnmakeQueue() {
+        test::AnsweringQueue queue(kLongName.c_str());
+        tq_MsgCreateCommonAndSend(0, queue.GetHandle(), MSG_USER, 0, 0, 0, false, TQ_MSG_PRIORITY_MEDIUM);
+        queue.SetName(("another " + kLongName).c_str());
+    }
+
+    static void OpenAndCloseTrace() {
+        const unsigned int hTrace = tq_TraceInitInstance(("comes and goes " + kLongName).c_str());
+        tq_TraceSetCategoryName(hTrace, 2, kLongName.c_str());
+        tq_TraceTermInstance(hTrace);
+    }
+
+    void ComeAndVanish() {
+        ConsoleClient client(m_console.Port());
+        client.ReadTo("\r\n\r\n>");
+        client.Send("sh l\rsh th\rsh mem\rsh q\rsh so\r"); // and is gone before the answers are
+    }
+
+    Console& m_console;
+    const unsigned int m_door;
+    const test::Fd m_listener;
+    Busy m_sending;
+    Busy m_timing;
+    Busy m_opening;
+    Busy m_listing;
+    Busy m_queueing;
+    Busy m_tracing;
+    Busy m_vanishing;
+};
+
+struct ReportRow {
+    const char* pszCommand;
+    const char* pszPart; // comes in the report, sooner or later
+};
+
+constexpr ReportRow kReports[] = {
+    {"sh sum", "Telnet Connections: "},
+    {"sh det sum", "summary, flags 1"},
+    {"sh so", "Handle T S Src Info               Dst Info               Name\r\n"},
+    {"sh det so {socket}", "             type: UDP\r\n"},
+    {"sh in", "Interface 0:  ip: "},
+    {"sh q", "QueueId  Depth   TID      Queue Name           Queue Description\r\n"},
+    {"sh det q {door}", "Historical queue commands: (oldest to most recent)"},
+    {"sh det q {queue}", "No High Priority Messages enqueued.\r\n"},
+    {"sh l", "Index Handle  Node Count/Max   Hash List Name\r\n-----"},
+    {"sh l start=20 max=15 [name", "\r\n>  20) "},
+    {"sh l sort=-maxcount", "Index Handle  Node Count/Max   Hash List Name\r\n"},
+    {"sh l sort=count", "TQOS: All Queues"},
+    {"sh l sort=name -tqos", "Total matching Lists: "},
+    {"sh l sort=handle nosuchlist", "Total matching Lists: 0\r\n"},
+    {"sh hl", "TQOS: All Queues"},
+    {"sh has {list}", " there is 1 hash (0 nodes)\r\n"},
+    {"sh det has {list} 1", "  HashValue[0003] contains          0 nodes\r\n"},
+    {"sh mem", "  MAX Bytes allocated through TQOS: "},
+    {"sh mem pool=1", "Pool #001 "},
+    {"sh det mem filter=tq_", ""},
+    {"sh det mem size=4000000", "No memory leaks detected!\r\n"},
+    {"sh det mem group=-bytes", ""},
+    {"sh det mem group=ratio size=28", ""},
+    {"sh mem histogram", "Bytes     Allocations (* = current   ...| = Maximum)\r\n"},
+    {"sh mem histogram format=numeric", "Bytes         current  (maximum)\r\n"},
+    {"sh mem histogram format=combo", "Bytes     Allocations (* = current   ...| = Maximum)\r\n"},
+    {"sh mem histogram format=ini", "  EnableMemoryPooling=Yes\r\n"},
+    {"sh mem ?", "    format=numeric|graphic|combo|ini\r\n"},
+    {"sh tic", "ms for each clock tick."},
+    {"sh t", "  MsgQ Inst   User    Flg  R Dur(ms)   Rem(ms)   Name\r\n"},
+    {"sh th", "Index   ThreadID    PSTID     Pri Thread Name / File\r\n"},
+    {"sh sem", "    Sem     ThreadId   State  Type   Line  File\r\n"},
+    {"sh han", "TQOS handles currently available: "},
+    {"sh tr", "Inst   Type   Level     Category    Name\r\n"},
+    {"sh det tr tqos", "Trace Instance Details...\r\n"},
+    {"sh en", "     byte[3]:0x"},
+    {"sh dir", "The current working directory is:\r\n"},
+    {"sh up", "TQOS has been up for: "},
+    {"sh cur", "Current System milliseond time: "},
+    {"sh ?", "    CURtime\r\n"},
+    {"ch mem", "    No corrupt blocks detected.\r\n"},
+    {"ch han", "No duplicate handles detected in the TQOS handle subsystem!\r\n"},
+    {"set mem", ""},
+    {"re hist", ""},
+    {"set his {door} 10", "Queue History set to 10."},
+    {"clo t {door} 100", ""},
+    {"clo t {door} 101", ""},
+    {"send {door} a text %s%n", ": a text %s%n\r\n"},
+};
+
+/// A session that runs every report, and has its own socket closed under its hands.
+class Reader {
+public:
+    Reader(ConsoleClient& client, const test::Values& values, unsigned int door)
+        : m_client(client), m_values(values), m_door(door) {}
+
+    void RunAll() {
+        std::string all;
+        unsigned int mark = 0;
+        for (const ReportRow& row : kReports) {
+            const std::string end = "mark" + std::to_string(++mark);
+            m_client.Send(test::WithValues(row.pszCommand, m_values) + "\r" + end + "\r");
+            all += m_client.ReadTo(end + "\r\nSyntax error.\r\n\r\n>");
+        }
+        // Responses come in their order: this one behind all those that the console itself has sent.
+        m_client.Send("sh has 4000000000\r");
+        all += m_client.ReadTo("List not found.\r\n>");
+        for (const ReportRow& row : kReports) { // queues answer when they come to it
+            SCOPED_TRACE(row.pszPart);
+            while (all.find(row.pszPart) == std::string::npos && !testing::Test::HasFailure()) {
+                all += m_client.ReadTo("\r\n>");
             }
         }
+        CheckThatNoNameIsCut(all);
+        CloseOwnSocket();
+    }
+
+private:
+    static void CheckThatNoNameIsCut(const std::string& all) {
+        // Where a name begins it ends too, in the same line. The table of threads shows the ends of names alone, and
+        // the list of blocks, in lines that are indented, the first bytes of each.
+        static const std::string kBlock = "\r\n        ";
+        size_t lineEnd = 0;
+        for (size_t at = all.find(kLongNameBegin); at != std::string::npos; at = all.find(kLongNameBegin, lineEnd)) {
+            lineEnd = all.find("\r\n", at);
+            const size_t lineBegin = all.rfind("\r\n", at);
+            const bool bBlock = lineBegin != std::string::npos && all.compare(lineBegin, kBlock.size(), kBlock) == 0;
+            ASSERT_TRUE(bBlock || all.compare(at, kLongName.size(), kLongName) == 0)
+                << "cut: " << all.substr(at > 200 ? at - 200 : 0, 300);
+        }
+        EXPECT_EQ(0u, test::CountOf(all, "Corruption"));
+    }
+
+    /// The owner goes on using it meanwhile.
+    void CloseOwnSocket() {
+        const unsigned int socket = tq_SocketOpenUDP(m_door, test::Loopback(), 9, 0, test::Loopback(), 0);
+        m_client.Send("clo so " + std::to_string(socket) + "\recho on\r");
+        for (int i = 0; i < 20; ++i) {
+            tq_SocketSetName(socket, kLongName.c_str());
+            tq_SocketSendTo(socket, test::Bytes("x"), 1, 0, 0);
+            tq_SocketGetBoundPort(socket);
+        }
+        m_client.ReadTo("echo on\r\n>");
+        tq_SocketClose(socket); // what is left of it
+    }
+
+    ConsoleClient& m_client;
+    test::Values m_values;
+    unsigned int m_door;
+};
+
+TEST(TelnetCommands, EveryReportHoldsWhileTheDeviceWorks) {
+    Console console(nullptr, std::string(kAllOfMemory) + "[Sem]\nTracking=Yes\n[MsgQ]\nDefaultHistory=20\n");
+    const unsigned int door = console.Door().GetHandle();
+    const Stock stock(door);
+    test::Values values = console.TheValues();
+    values["list"] = std::to_string(stock.List());
+    values["socket"] = std::to_string(stock.Socket());
+    values["queue"] = std::to_string(stock.Queue());
+    std::vector<ConsoleClient> clients;
+    for (int i = 0; i < kSessions; ++i) {
+        clients.push_back(console.Connect());
+    }
+    std::atomic<bool> stop{false};
+    {
+        const Work work(console, stop);
+        std::vector<std::thread> sessions;
+        for (ConsoleClient& client : clients) {
+            sessions.emplace_back([&client, &values, door] {
+                for (int round = 0; round < kRounds; ++round) {
+                    Reader(client, values, door).RunAll();
+                }
+            });
+        }
+        for (std::thread& session : sessions) {
+            session.join();
+        }
         stop = true;
+    }
+    for (ConsoleClient& client : clients) {
+        client.Send("quit\r");
+        test::ReadToEnd(client.Descriptor());
     }
 }
 
