@@ -138,13 +138,11 @@ private:
         }
     }
 
+    /// Each time half of it, so that two of these do not go on for ever.
     void Echo(unsigned int hSocket) {
         unsigned char buffer[500];
         while (const unsigned int length = tq_SocketRecv(hSocket, buffer, sizeof(buffer))) {
-            if (buffer[0] % 2 != 0) { // not endlessly to and fro
-                buffer[0] = static_cast<unsigned char>(buffer[0] & ~1);
-                tq_SocketSendTo(hSocket, buffer, length, 0, 0);
-            }
+            tq_SocketSendTo(hSocket, buffer, length / 2, 0, 0);
         }
     }
 
@@ -450,7 +448,7 @@ public:
         tq_TraceDisableFile(hTrace);
         if (Maybe()) {
             tq_TraceEnableFile(hTrace, ("trace" + std::to_string(Any(3)) + ".log").c_str(), static_cast<int>(Any(4)),
-                               static_cast<int>(Any(2000)));
+                               static_cast<int>(Maybe() ? 0 : 1000 + Any(20000)));
         }
     }
 
