@@ -65,9 +65,17 @@ TQ_API unsigned int tqOS_uptime();
 
 /// The crash reporter; installed by tqOS_Initialize(), not called by applications. Traces signal, reason, fault
 /// address, threads and return addresses at level Critical, writes the symbolised backtrace to descriptor 1 and ends
-/// the process with status 0. A fault while it reports, or a report that takes longer than 5 seconds, ends the process
-/// with one line on descriptor 2 and status 0. It runs on the faulting thread's own stack: a stack overflow cannot
-/// be reported unless the application gave that thread an alternate stack and installs the reporter with SA_ONSTACK.
+/// the process with status 0, at the latest 5 seconds after the fault:
+/// - A fault while it reports (a broken heap, for instance), or a report that hangs for 4 seconds (on a lock of another
+///   thread, on a trace destination that nobody reads), ends the process with one line on descriptor 2 instead.
+/// - Of threads that fault at the same time one is reported; one line on descriptor 2 says that there were others.
+/// - The backtrace is cut where descriptor 1 takes no more for a second. Output that the application's own streams hold
+///   is written, unless that takes longer than half a second.
+///
+/// The reporter needs some 4 KB of the faulting thread's stack; the report itself has a stack of its own. A stack
+/// overflow cannot be reported: there is nothing left to start the reporter on, and the signal ends the process.
+/// An application that wants a report even then gives each thread an alternate stack (sigaltstack()) and installs the
+/// reporter for SIGSEGV again with SA_SIGINFO | SA_ONSTACK.
 TQ_API void tqos_SignalHandler(int sig, siginfo_t* info, void* context);
 
 } // extern "C"

@@ -21,17 +21,20 @@
 #include "tq_SemMutex.h"
 #include "tq_WorkingLock_p.h"
 
+// The gate is open from tq_ThreadInitialize() to tq_ThreadTerminate(). What tq_ThreadInitialize() makes is set and
+// cleared while it is shut, and the list's content is guarded by the list's lock.
+
+tq_List* gpThreadList = nullptr;
+
 namespace {
 
 // Settings, read by tq_ThreadInitialize()
 
 std::atomic<unsigned int> gDefaultStackSize{0}; ///< bytes for threads started with 0; 0: the system's default
 
-// State. The gate is open from tq_ThreadInitialize() to tq_ThreadTerminate(); what follows it is set and cleared while
-// it is shut, and the list's content is guarded by the list's lock.
+// State
 
 tq_Gate gThreadGate;
-tq_List* gpThreadList = nullptr;         ///< TQ_THREAD_LIST_NODE records in order of creation
 tq_SemEvent* gpListEmptyEvent = nullptr; ///< signalled while no record of a running thread is in the list
 unsigned int gInitialTid = 0;            ///< of the thread that ran tq_ThreadInitialize()
 unsigned int gInitialPSTid = 0;

@@ -8,6 +8,7 @@
 
 #include <stddef.h>
 
+#include "tq_List.h"
 #include "tq_Thread.h"
 
 /// One tracked thread, in the list "TQOS: Thread List".
@@ -35,6 +36,8 @@ static_assert(sizeof(TQ_THREAD_LIST_NODE) == 20 && offsetof(TQ_THREAD_LIST_NODE,
 static_assert(sizeof(TQ_THREAD_ARGS) == 12 && offsetof(TQ_THREAD_ARGS, start_address) == 8,
               "layout of thread arguments");
 #endif
+
+extern tq_List* gpThreadList; ///< TQ_THREAD_LIST_NODE records in order of creation
 
 /// First step of the library's termination: says whether it will wait for all tracked threads. If so, records keep
 /// coming off as threads end although the library no longer counts as initialised.

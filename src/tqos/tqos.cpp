@@ -1,12 +1,15 @@
 #include "tqos_p.h"
 
 #include <execinfo.h>
+#include <poll.h>
 #include <pthread.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/syscall.h>
+#include <sys/time.h>
+#include <ucontext.h>
 #include <unistd.h>
 
 #include "tq_CriticalErrorTrace_p.h"
@@ -57,7 +60,13 @@ tq_LazyStart::~tq_LazyStart() {
 namespace {
 
 constexpr int kMaxFrames = 256;
-constexpr unsigned int kReportSeconds = 5; // a report that takes longer hangs
+constexpr size_t kReportStackBytes = 128 * 1024;
+
+// Together below 5 seconds, within which the process is gone.
+constexpr int kReportMs = 4000;   // a report that takes longer hangs
+constexpr int kPatienceMs = 1000; // for a reader of standard output, within these
+constexpr int kLastLineMs = 500;
+constexpr int kLastFlushMs = 500;
 
 const int kCrashSignals[] = {SIGILL, SIGSEGV, SIGABRT, SIGFPE, SIGBUS};
 
@@ -133,24 +142,54 @@ const char* SignalReason(int sig, int code) {
     return gOtherSignalReason;
 }
 
-/// One line straight to standard error, for when nothing else can be trusted.
-void WriteRawLine(const char* pszLine) {
-    const ssize_t written = write(STDERR_FILENO, pszLine, strlen(pszLine));
-    static_cast<void>(written); // there is nobody left to tell
+/// Whether a write of a line or so would not have to wait; gives the reader so long to make room. A descriptor that is
+/// closed or broken takes everything: writing to it fails at once.
+bool TakesOutput(int fd, int timeoutMs) {
+    struct pollfd output = {fd, POLLOUT, 0};
+    return poll(&output, 1, timeoutMs) == 1;
 }
 
-void OnReportHangs(int) {
-    WriteRawLine("tqos: the crash report did not finish in time\n");
+/// One line straight to standard error, where somebody takes it.
+void WriteRawLine(const char* pszLine) {
+    if (TakesOutput(STDERR_FILENO, 0)) {
+        const ssize_t written = write(STDERR_FILENO, pszLine, strlen(pszLine));
+        static_cast<void>(written); // there is nobody left to tell
+    }
+}
+
+/// Where the report stands; whoever moves it on from kReporting has the last word.
+enum ReportState { kReporting, kComplete, kGivenUp };
+std::atomic<int> gReportState{kReporting};
+
+void EndIn(int ms) {
+    const struct timeval again = {0, kLastLineMs * 1000}; // what ends the process may hang, too
+    const struct itimerval timer = {again, {ms / 1000, (ms % 1000) * 1000}};
+    setitimer(ITIMER_REAL, &timer, nullptr);
+}
+
+/// Ends the process with one line straight to standard error: nothing else can be trusted. Without it when the report
+/// is complete, when such a line has been written, or when nobody takes it.
+[[noreturn]] void GiveUp(const char* pszLine) {
+    int state = kReporting;
+    if (gReportState.compare_exchange_strong(state, kGivenUp)) {
+        EndIn(kLastLineMs);
+        WriteRawLine(pszLine);
+    }
     _exit(0);
+}
+
+void OnTimeIsUp(int) {
+    GiveUp("tqos: the crash report did not finish in time\n");
 }
 
 /// Ends the process when the report hangs: on a lock that another thread holds, in a broken heap, on a full pipe.
 void StartWatchdog() {
     struct sigaction action;
     memset(&action, 0, sizeof(action));
-    action.sa_handler = OnReportHangs;
+    action.sa_handler = OnTimeIsUp;
+    action.sa_flags = SA_NODEFER;
     sigaction(SIGALRM, &action, nullptr);
-    alarm(kReportSeconds);
+    EndIn(kReportMs);
 }
 
 /// A fault on a blocked signal is answered by the kernel with the process's end, so a second fault would go unsaid.
@@ -164,8 +203,19 @@ void UnblockReportSignals() {
     pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
 }
 
+/// What is reported. Set by the thread that reports, once; static, as its stack may be small.
+struct Fault {
+    int sig;
+    const siginfo_t* info;
+    void* frames[kMaxFrames];
+    int frameCount;
+};
+Fault gFault;
+
+std::atomic<bool> gbOthersFault{false};
+
 /// Lets the first faulting thread through, once. Nobody else returns: a fault of the reporter itself ends the process;
-/// a fault of another thread leaves that to the reporter, so that its report is not torn.
+/// a fault of another thread leaves that to the reporter, and is told by it after its report, which so is not torn.
 void ClaimReport() {
     static std::atomic<long> gReporter{0};
     const long me = syscall(SYS_gettid);
@@ -174,44 +224,108 @@ void ClaimReport() {
         return;
     }
     if (reporter == me) {
-        WriteRawLine("tqos: a second fault while the crash was being reported\n");
-        _exit(0);
+        GiveUp("tqos: a second fault while the crash was being reported\n");
     }
-    WriteRawLine("tqos: another thread faults while a crash is being reported\n");
+    gbOthersFault = true;
     for (;;) {
         pause();
     }
 }
 
+/// Waits for the reader of standard output; for one that let the time pass, not again.
+bool StandardOutputIsRead() {
+    static int patienceMs = kPatienceMs;
+    const bool bRead = TakesOutput(STDOUT_FILENO, patienceMs);
+    patienceMs = bRead ? patienceMs : 0;
+    return bRead;
+}
+
 /// Puts out what standard output holds, so that what goes to its descriptor next stands behind it. Passed over while
-/// another thread is inside the stream: it may never leave it.
+/// another thread is inside the stream, which it may never leave, and when nobody reads.
 void FlushStandardOutput() {
     if (ftrylockfile(stdout) == 0) {
-        fflush(stdout);
+        if (StandardOutputIsRead()) {
+            fflush(stdout);
+        }
         funlockfile(stdout);
     }
 }
 
-void ReportCrash(int sig, const siginfo_t* info) {
-    void* frames[kMaxFrames];
-    const int count = backtrace(frames, kMaxFrames);
+/// The symbolised frames, as long as somebody takes them: a pipe that nobody reads must not cost the rest of the
+/// report.
+void WriteBacktrace() {
+    for (int i = 0; i < gFault.frameCount && StandardOutputIsRead(); ++i) {
+        backtrace_symbols_fd(gFault.frames + i, 1, STDOUT_FILENO);
+    }
+}
+
+void TraceFault() {
     char* pszThreads = nullptr;
     tq_ShowThreads(&pszThreads);
+    const int code = gFault.info->si_code;
     tq_Trace(tqosTraceHandle, TQ_TRACE_LEVEL_CRITICAL, TQ_TRACE_CAT_SYSTEM, /*bIncludeTimeStamp=*/true,
              "Thread id: %u:%u\nSignal: %s\nReason: %s\nFault addr: %p\nNumber of elements: %d\n"
              "tqos uptime: %ums\ntqos Thread list:\n%s\n",
-             tq_GetPSThreadId(), tq_GetThreadId(), SignalName(sig), SignalReason(sig, info->si_code), info->si_addr,
-             count, tqOS_uptime(), pszThreads ? pszThreads : "Could not get tqos thread list!");
+             tq_GetPSThreadId(), tq_GetThreadId(), SignalName(gFault.sig), SignalReason(gFault.sig, code),
+             gFault.info->si_addr, gFault.frameCount, tqOS_uptime(),
+             pszThreads ? pszThreads : "Could not get tqos thread list!");
     tq_free(pszThreads);
+}
+
+void ReportCrash() {
+    TraceFault();
     FlushStandardOutput();
-    backtrace_symbols_fd(frames, count, STDOUT_FILENO);
-    for (int i = 0; i < count; ++i) {
+    WriteBacktrace();
+    for (int i = 0; i < gFault.frameCount; ++i) {
         tq_Trace(tqosTraceHandle, TQ_TRACE_LEVEL_CRITICAL, TQ_TRACE_CAT_SYSTEM, /*bIncludeTimeStamp=*/true, "%p\n",
-                 frames[i]);
+                 gFault.frames[i]);
     }
     tq_TraceKeptCriticalErrors();
+    FlushStandardOutput();
+}
+
+/// The report is whole: nothing that happens from here on is worth a line, and little of it is worth waiting for.
+void EndReport() {
+    int state = kReporting;
+    if (!gReportState.compare_exchange_strong(state, kComplete)) {
+        return;
+    }
+    EndIn(kLastFlushMs);
+    if (gbOthersFault) {
+        WriteRawLine("tqos: another thread faults while a crash is being reported\n");
+    }
+    // What the application's own streams hold. A thread that waits for input holds its stream for as long.
     fflush(nullptr);
 }
+
+[[noreturn]] void ReportAndExit() {
+    ReportCrash();
+    EndReport();
+    // Deliberate: status 0 after a crash, where a reader would expect failure. The report is the record of the fault; a
+    // supervisor that restarts the device looks there. _exit, since handlers of exit() may use what has just broken.
+    _exit(0);
+}
+
+#if defined(__SANITIZE_ADDRESS__)
+/// The address sanitizer takes any stack but the thread's own for an error of the program, and says so on standard
+/// error.
+[[noreturn]] void ReportOnItsOwnStack() {
+    ReportAndExit();
+}
+#else
+/// Runs the report on a stack of its own: formatting takes more than a small thread's stack has left.
+[[noreturn]] void ReportOnItsOwnStack() {
+    alignas(16) static char stack[kReportStackBytes];
+    static ucontext_t context;
+    if (getcontext(&context) == 0) {
+        context.uc_stack.ss_sp = stack;
+        context.uc_stack.ss_size = sizeof(stack);
+        makecontext(&context, ReportAndExit, 0);
+        setcontext(&context);
+    }
+    ReportAndExit();
+}
+#endif
 
 } // namespace
 
@@ -220,10 +334,10 @@ void tqos_SignalHandler(int sig, siginfo_t* info, void*) {
     ClaimReport();
     const tq_LockOrderUnchecked unchecked;
     StartWatchdog();
-    ReportCrash(sig, info);
-    // Deliberate: status 0 after a crash, where a reader would expect failure. The report is the record of the fault; a
-    // supervisor that restarts the device looks there. _exit, since handlers of exit() may use what has just broken.
-    _exit(0);
+    gFault.sig = sig;
+    gFault.info = info;
+    gFault.frameCount = backtrace(gFault.frames, kMaxFrames);
+    ReportOnItsOwnStack();
 }
 
 // Start and stop
