@@ -41,7 +41,8 @@ extern "C" {
 /// @param Level     trace level of the line; the library uses 30000 for memory that ran out, 40000 for corruption and
 ///                  misuse
 /// @param Category  trace category of the line
-/// A log that cannot be opened is passed over in silence; so is the trace line while the library does not run.
+/// A process that is killed may leave its last line torn; the next one begins with a line of its own. A log that cannot
+/// be opened is passed over in silence; so is the trace line while the library does not run.
 /// Threads: any. While the caller holds a lock of the library, the trace line is kept and printed when it leaves its
 /// last one. A call made on the same thread from inside the report (say, because memory for it is refused) reports
 /// nothing.

@@ -105,6 +105,15 @@ TEST(CriticalError, KeepsWhatTheLogHolds) {
     EXPECT_EQ((Messages{"(no time) kept", "added"}), MessagesIn(ReadFile("tqos_error.log")));
 }
 
+TEST(CriticalError, BeginsALineOfItsOwnBehindOneThatAKilledProcessHasTorn) {
+    Configured configured;
+    WriteFile("tqos_error.log", "torn");
+    LogCriticalError("first", false, 40000, 8);
+    LogCriticalError("second", false, 40000, 8);
+    EXPECT_TRUE(std::regex_match(ReadFile("tqos_error.log"), std::regex(std::string("torn\n") + kTimePattern +
+                                                                        "first\n" + kTimePattern + "second\n")));
+}
+
 TEST(CriticalError, OfMoreThan511CharactersIsNotWrittenToTheLog) {
     Configured configured;
     const std::string longest(511, 'x');

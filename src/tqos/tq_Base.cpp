@@ -1,5 +1,6 @@
 #include "tq_Base_p.h"
 
+#include <atomic>
 #include <ctype.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -26,6 +27,16 @@ static_assert(sizeof(_TQ_UUID) == 16, "a UUID is its 16 bytes");
 // it.
 thread_local bool tbReportingCriticalError __attribute__((tls_model("initial-exec"))) = false;
 
+/// Set from the start until the first entry.
+std::atomic<bool> gbFirstEntry{true};
+
+/// Whether an earlier process was killed while it wrote to the log, and has left its last line without an end.
+bool EndsWithinALine(FILE* hFile) {
+    const bool bWithin = fseek(hFile, -1, SEEK_END) == 0 && fgetc(hFile) != '\n';
+    fseek(hFile, 0, SEEK_END);
+    return bWithin;
+}
+
 void AppendToErrorLog(const char* pMessage) {
     if (gTQOSErrorLogfile[0] == '\0' || strlen(pMessage) > kLongestLoggedMessage) {
         return;
@@ -37,6 +48,9 @@ void AppendToErrorLog(const char* pMessage) {
     FILE* hFile = fopen(gTQOSErrorLogfile, "a+");
     if (!hFile) {
         return;
+    }
+    if (gbFirstEntry.exchange(false) && EndsWithinALine(hFile)) {
+        fputc('\n', hFile);
     }
     fputs(line, hFile); // leaves as one write at the end of the file: lines of several threads never mix
     fclose(hFile);
@@ -219,6 +233,7 @@ unsigned int tq_BaseInitialize() {
     strcpy(psz_tqos_ini_file, "tqos.ini");
     tq_GetINIFileString("ErrorLog", "Filename", "tqos_error.log", gTQOSErrorLogfile, sizeof(gTQOSErrorLogfile),
                         psz_tqos_ini_file);
+    gbFirstEntry = true;
     const tq_IniSwitch kSwitches[] = {{"AssertOnCriticalError", true, &gbAssertOnCriticalError}};
     tq_ReadIniTable("ErrorLog", kSwitches);
     return 0;
