@@ -103,6 +103,8 @@ void NameDataList(tq_List* pList, const char* pszPrefix, const char* pszName) {
 void InitializeInstance(SOCKET_INSTANCE* pSocket) {
     pSocket->DataInCap = kSocketNoCap;
     pSocket->DataOutCap = kSocketNoCap;
+    pSocket->AcceptedInCap = kSocketNoCap;
+    pSocket->AcceptedOutCap = kSocketNoCap;
 }
 
 SOCKET_INSTANCE* MakeSocketRecord(unsigned int type, unsigned int state, unsigned int hMsgQ, unsigned int userparm) {
@@ -384,6 +386,19 @@ void tq_SocketSetDataOutCap(unsigned int hSocket, unsigned int MaxBytesToCache) 
     if (socket) {
         socket->DataOutCap = MaxBytesToCache;
     }
+}
+
+void CapAcceptedSockets(unsigned int hListener, unsigned int inCap, unsigned int outCap) {
+    tq_SocketAccess listener(hListener);
+    if (listener) {
+        listener->AcceptedInCap = inCap;
+        listener->AcceptedOutCap = outCap;
+    }
+}
+
+struct sockaddr_in PeerOfSocket(unsigned int hSocket) {
+    tq_SocketAccess socket(hSocket);
+    return socket ? socket->dstaddr : sockaddr_in{};
 }
 
 void tq_SocketSetWritePercentageNotification(unsigned int hSocket, unsigned int PercentRemaining) {

@@ -56,8 +56,43 @@ struct Sending {
     SendOutcome outcome;
 };
 
+constexpr unsigned int kSharedBlockBytes = 1024;
+
+/// Copies the rest into the last block that is queued; false when there is none with room, or no memory.
+///
+/// The out cap counts bytes of data. It would be no bound of memory if each of many small sends took a block of its
+/// own.
+bool QueueInLastBlockLocked(SOCKET_INSTANCE* pSocket, const unsigned char* data, unsigned int bytes) {
+    tq_List* const pList = pSocket->pDataOutList;
+    if (pSocket->type != SOCKET_TYPE_TCP || pSocket->DataOutCap == kSocketNoCap || !pList) {
+        return false;
+    }
+    DATA_BLOCK* pLast = static_cast<DATA_BLOCK*>(pList->GetTail());
+    const unsigned int used = pLast ? pLast->offset + pLast->size : 0;
+    if (!pLast || used > kSharedBlockBytes || bytes > kSharedBlockBytes - used) {
+        return false;
+    }
+    DATA_BLOCK* pLonger = MakeDataBlock(used + bytes);
+    if (!pLonger) {
+        return false;
+    }
+    memcpy(pLonger, pLast, offsetof(DATA_BLOCK, data) + used);
+    memcpy(pLonger->data + used, data, bytes);
+    pLonger->size += bytes;
+    if (!AppendBlockLocked(pSocket, &pSocket->pDataOutList, pLonger)) {
+        tq_free(pLonger);
+        return false;
+    }
+    tq_free(pList->RemoveNode(pLast));
+    return true;
+}
+
 /// Copies the rest behind what is queued; false without memory.
 bool QueueOutputLocked(SOCKET_INSTANCE* pSocket, const Sending& sending, unsigned int sent, unsigned int bytes) {
+    if (QueueInLastBlockLocked(pSocket, sending.data + sent, bytes)) {
+        pSocket->DataOutCount += bytes;
+        return true;
+    }
     DATA_BLOCK* pBlock = MakeDataBlock(bytes);
     if (!pBlock) {
         return false;

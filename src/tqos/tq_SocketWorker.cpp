@@ -19,6 +19,7 @@ namespace {
 
 constexpr unsigned int kPaceMs = 5000;       // longest wait, and how often the interfaces are looked at
 constexpr unsigned int kMemoryPauseMs = 100; // before a read is tried again that found no memory
+constexpr unsigned int kShortageMs = 500;    // before an accept is tried again that found no descriptor
 constexpr unsigned int kBreakerPiece = 64;
 constexpr unsigned int kMostSendErrors = 4; // in a row, before a block is given up
 
@@ -299,7 +300,7 @@ bool AcceptInto(SOCKET_INSTANCE* pNew, unsigned int listener) {
         accept4(static_cast<int>(listener), reinterpret_cast<struct sockaddr*>(&peer), &length, SOCK_CLOEXEC);
     if (descriptor < 0) {
         if (IsShortage(errno)) {
-            gAcceptPause.Begin(kPaceMs);
+            gAcceptPause.Begin(kShortageMs);
         }
         return false;
     }
@@ -344,6 +345,8 @@ bool AcceptPeer(SOCKET_INSTANCE* pListener) {
         gAcceptPause.Begin(kMemoryPauseMs);
         return false;
     }
+    pNew->DataInCap = pListener->AcceptedInCap;
+    pNew->DataOutCap = pListener->AcceptedOutCap;
     pNew->pszSocketName = pListener->pszSocketName ? tq_newString(pListener->pszSocketName) : nullptr;
     if (!AcceptInto(pNew, pListener->socket)) {
         CleanUpSocket(pNew, /*bDrain=*/false);
@@ -599,13 +602,24 @@ void FailDeadDescriptorsLocked() {
     }
 }
 
+/// Without a descriptor the interfaces cannot be read, which says nothing about them: they would seem to have gone, and
+/// every socket that follows them would be opened anew, just when none can be.
+bool HasDescriptorLeft() {
+    const int descriptor = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (descriptor < 0) {
+        return !IsShortage(errno);
+    }
+    close(descriptor);
+    return true;
+}
+
 void CheckInterfacesLocked() {
     const unsigned int now = tq_GetTimeInMS();
     if (now - gLastInterfaceCheck <= kPaceMs) {
         return;
     }
     gLastInterfaceCheck = now;
-    if (!RefreshInterfaceTable()) {
+    if (!HasDescriptorLeft() || !RefreshInterfaceTable()) {
         return;
     }
     QueueTraceLocked(TQ_TRACE_LEVEL_WARNING, "tqos Sockets: A change to the local interfaces was just detected!\n", 0,

@@ -84,6 +84,9 @@ typedef struct _SOCKET_INSTANCE {
     struct sockaddr_un un_addr;
     tq_List* pDataOutList; ///< DATA_BLOCKs; null until first needed
     tq_List* pDataInList;
+
+    unsigned int AcceptedInCap; ///< of a listener: the caps that its connections begin with
+    unsigned int AcceptedOutCap;
 } SOCKET_INSTANCE;
 
 /// One chunk of data, allocated with its bytes behind it.
@@ -119,7 +122,7 @@ static_assert(sizeof(void*) != 4 ||
                   (offsetof(SOCKET_INSTANCE, SocketStateHistory) == 60 &&
                    offsetof(SOCKET_INSTANCE, SocketStateHistoryIndex) == 140 &&
                    offsetof(SOCKET_INSTANCE, pszName) == 144 && offsetof(SOCKET_INSTANCE, srcaddr) == 152 &&
-                   offsetof(SOCKET_INSTANCE, un_addr) == 184 && sizeof(SOCKET_INSTANCE) == 304),
+                   offsetof(SOCKET_INSTANCE, un_addr) == 184 && offsetof(SOCKET_INSTANCE, pDataInList) == 300),
               "record layout");
 static_assert(sizeof(void*) != 4 || sizeof(TQSOCKET_TRACE_STRUCT) == 20, "record layout");
 
@@ -157,6 +160,11 @@ extern std::atomic<bool> gbDescriptorClosed; ///< set whenever the layer has giv
 
 // Records (tq_Socket.cpp). "Locked": the caller holds the lock of pListOfSockets.
 
+/// Connections that the listener accepts from now on begin with these caps, so that nothing comes in unbounded before
+/// their owner hears of them.
+void CapAcceptedSockets(unsigned int hListener, unsigned int inCap, unsigned int outCap);
+/// The peer's address; zeros when no socket has the handle.
+struct sockaddr_in PeerOfSocket(unsigned int hSocket);
 /// What a zeroed record has besides zeros.
 void InitializeInstance(SOCKET_INSTANCE* pSocket);
 /// A new record with a handle and without a descriptor; null without memory.
