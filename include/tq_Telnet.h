@@ -17,7 +17,13 @@
 /// after the other, and a command that takes long holds up all sessions. Any thread may send responses. Starting and
 /// stopping may be done by any thread but the console's own.
 ///
-/// The console speaks plain text: whoever can reach the port can read the password off the wire.
+/// The console speaks plain text: whoever can reach the port can read the password off the wire. Before the login a
+/// session keeps at most 64 KiB of output that its peer does not take; what goes beyond is dropped. At any time it keeps
+/// at most 4 KiB of input that is not handled yet. Each failed login is traced as a warning, with the peer's address.
+///
+/// Settings in section "Telnet" of tqos.ini, all off (0) unless given: "MaxSessions" closes connections beyond so many
+/// sessions; "LoginSeconds" closes a session that has not logged in by then; "BackOffSeconds" keeps an address out for
+/// so long after three failed logins. docs/security.md tells more.
 #ifndef TQ_TELNET_H
 #define TQ_TELNET_H
 
@@ -95,8 +101,10 @@ extern "C" {
 /// A port that cannot be opened is followed by the next one, up to the first plus 100; after one below 1025 comes 1025,
 /// and 1125 is the last.
 /// @param port         port to listen on; with 0 the system chooses one
-/// @param srcIP        local address, in network byte order; 0 for all
-/// @param pszPassword  copied; null or empty: whoever connects is logged in
+/// @param srcIP        local address, in network byte order; 0 for all, of which a console without a password warns in
+///                     the trace
+/// @param pszPassword  copied; null or empty: whoever connects is logged in. With one of more than 1024 characters
+///                     nobody can log in
 /// @return the port that is listened on; 0 when the library does not run, there is no memory, or none of the ports
 ///         could be opened (this is logged as a critical error), and the call then does not count. While the console
 ///         runs the arguments are not looked at.

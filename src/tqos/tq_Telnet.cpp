@@ -20,6 +20,7 @@
 #include "tq_Memory.h"
 #include "tq_SemMutex_p.h"
 #include "tq_Socket_p.h"
+#include "tq_TelnetGuard_p.h"
 #include "tq_Time.h"
 #include "tq_Timer.h"
 #include "tq_Trace.h"
@@ -29,7 +30,7 @@ static_assert(offsetof(TELNET_INSTANCE, socket) == 0, "the key that sessions are
 static_assert(offsetof(TELNET_TEXT, text) == 28, "layout of a message with a text");
 #if __SIZEOF_POINTER__ == 4
 static_assert(sizeof(HISTORY_NODE) == 12, "layout of a remembered command");
-static_assert(sizeof(TELNET_INSTANCE) == 1080, "layout of a session");
+static_assert(offsetof(TELNET_INSTANCE, szSpecialKeys) == 1068, "layout of a session");
 static_assert(sizeof(TOKEN_PARSER) == 16, "layout of a row of the command tables");
 #endif
 
@@ -38,15 +39,20 @@ namespace {
 constexpr unsigned int kMaxSendBytes = 8192;
 constexpr unsigned int kMaxHistory = 100;
 constexpr unsigned int kMaxScriptDepth = 8;
-constexpr unsigned int kLoginTries = 3;
 
 constexpr unsigned int kFirstFreePort = 1025; // those below are the system's
 constexpr unsigned int kPortWindow = 100;
 constexpr unsigned int kLastPort = 65535;
 
-constexpr unsigned int kReopenTimer = 1; // instance of the timer that re-opens the listening socket
+/// The console's timers: a timer's instance. That of a login has the session's socket as userparm.
+enum { kReopenTimer = 1, kLoginTimer = 2 };
 constexpr unsigned int kReopenMs = 5000;
 constexpr char kListenName[] = "Telnet Listen Socket";
+
+/// So many messages may wait for the console; a session whose input comes faster is not read for a while.
+constexpr unsigned int kMostWaiting = 64;
+/// What the console sends itself behind everything that waits: the session's input is read again.
+constexpr unsigned int kReadAgain = MSG_TELNET_CUSTOM + 1;
 
 constexpr unsigned char kCtrlE = 5;
 constexpr unsigned char kBackspace = 8;
@@ -73,8 +79,6 @@ tq_PlacedMutex gStartStopMutex(tq_LockRank::kConsoleStart); // comes before ever
 unsigned int gInstanceCount = 0;
 tq_TelnetMsgQ* gpTelnetMsgQueue = nullptr;
 tq_SemCritSec* gpTelnetTerminate = nullptr; // held by the worker from MSG_CREATE to MSG_DESTROY
-bool gbRequirePassword = false;
-char* gpszPassword = nullptr;
 
 // Guarded by the lock of the list of sessions.
 unsigned int gListenSocket = 0;
@@ -337,15 +341,6 @@ void TypeByte(TELNET_INSTANCE& session, unsigned char byte) {
 
 namespace {
 
-/// The next byte of a script or a socket; EOF when there is none.
-int NextByte(const TELNET_INSTANCE& session, FILE* hFile) {
-    if (hFile) {
-        return getc(hFile);
-    }
-    unsigned char byte;
-    return tq_SocketRecv(session.socket, &byte, 1) == 1 ? byte : EOF;
-}
-
 FUNCTION_RC EndLine(tq_TelnetMsgQ& queue, TELNET_INSTANCE& session, bool bUseHistory) {
     if (bUseHistory && session.bLoggedIn && session.uiCommandIndex > 0) {
         Remember(session);
@@ -379,15 +374,49 @@ FUNCTION_RC RunLine(TELNET_INSTANCE& session) {
 
 } // namespace
 
-FUNCTION_RC tq_TelnetMsgQ::ProcessDataStream(TELNET_INSTANCE* pTelnetInstance, FILE* hFile, bool bUseHistory) {
-    for (int byte = NextByte(*pTelnetInstance, hFile); byte != EOF; byte = NextByte(*pTelnetInstance, hFile)) {
-        if (byte != kCarriageReturn || pTelnetInstance->bProcessingSpecialKeys) {
-            TypeByte(*pTelnetInstance, static_cast<unsigned char>(byte));
-        } else if (EndLine(*this, *pTelnetInstance, bUseHistory) == FUNCTION_RC::CLOSE_SESSION) {
-            return FUNCTION_RC::CLOSE_SESSION; // the session may be gone
+namespace {
+
+/// CLOSE_SESSION: the session may be gone.
+FUNCTION_RC ProcessByte(tq_TelnetMsgQ& queue, TELNET_INSTANCE& session, unsigned char byte, bool bUseHistory) {
+    if (byte == kCarriageReturn && !session.bProcessingSpecialKeys) {
+        return EndLine(queue, session, bUseHistory);
+    }
+    TypeByte(session, byte);
+    return FUNCTION_RC::SUCCESS;
+}
+
+/// Takes what waits on the session's socket, and not all that comes meanwhile, of which other messages tell: a peer
+/// that never stops sending has its turn like every other.
+FUNCTION_RC ProcessInput(tq_TelnetMsgQ& queue, TELNET_INSTANCE& session, bool bUseHistory) {
+    const unsigned int socket = session.socket;
+    do {
+        for (unsigned int taken = 0; taken <= kSessionInputCap; ++taken) {
+            unsigned char byte;
+            if (tq_SocketRecv(socket, &byte, 1) != 1) {
+                return FUNCTION_RC::SUCCESS;
+            }
+            if (ProcessByte(queue, session, byte, bUseHistory) == FUNCTION_RC::CLOSE_SESSION) {
+                return FUNCTION_RC::CLOSE_SESSION;
+            }
+        }
+    } while (tq_SocketDataAvailable(socket) > kSessionInputCap); // read before the socket had its cap
+    return FUNCTION_RC::SUCCESS;
+}
+
+FUNCTION_RC ProcessFile(tq_TelnetMsgQ& queue, TELNET_INSTANCE& session, FILE* hFile, bool bUseHistory) {
+    for (int byte = getc(hFile); byte != EOF; byte = getc(hFile)) {
+        if (ProcessByte(queue, session, static_cast<unsigned char>(byte), bUseHistory) == FUNCTION_RC::CLOSE_SESSION) {
+            return FUNCTION_RC::CLOSE_SESSION;
         }
     }
     return FUNCTION_RC::SUCCESS;
+}
+
+} // namespace
+
+FUNCTION_RC tq_TelnetMsgQ::ProcessDataStream(TELNET_INSTANCE* pTelnetInstance, FILE* hFile, bool bUseHistory) {
+    return hFile ? ProcessFile(*this, *pTelnetInstance, hFile, bUseHistory)
+                 : ProcessInput(*this, *pTelnetInstance, bUseHistory);
 }
 
 FUNCTION_RC tq_TelnetMsgQ::ProcessCommand(TELNET_INSTANCE* pTelnetInstance) {
@@ -415,14 +444,23 @@ FUNCTION_RC tq_TelnetMsgQ::ProcessCommand(TELNET_INSTANCE* pTelnetInstance) {
 }
 
 FUNCTION_RC tq_TelnetMsgQ::TryToLogin(TELNET_INSTANCE* pTelnetInstance) {
-    if (gpszPassword && strcmp(pTelnetInstance->szCommand, gpszPassword) == 0) {
-        pTelnetInstance->bLoggedIn = true;
-        pTelnetInstance->bHideEcho = false;
-        pTelnetInstance->uiFailedLoginCount = 0;
+    TELNET_INSTANCE& session = *pTelnetInstance;
+    if (tq_TelnetHoldsOff(tq_TelnetAddressOf(session.socket))) {
+        return FUNCTION_RC::CLOSE_SESSION;
+    }
+    const bool bRight = tq_TelnetIsPassword(session.szCommand, session.uiCommandIndex);
+    explicit_bzero(session.szCommand, sizeof(session.szCommand)); // nothing of it stays in memory
+    if (bRight) {
+        session.bLoggedIn = true;
+        session.bHideEcho = false;
+        session.uiFailedLoginCount = 0;
+        tq_TelnetLoginSucceeded(session.socket);
+        tq_SocketSetDataOutCap(session.socket, kSocketNoCap);
         return FUNCTION_RC::SUCCESSFUL_LOGIN;
     }
-    pTelnetInstance->uiFailedLoginCount += 1;
-    return pTelnetInstance->uiFailedLoginCount == kLoginTries ? FUNCTION_RC::CLOSE_SESSION : FUNCTION_RC::FAILED_LOGIN;
+    session.uiFailedLoginCount += 1;
+    tq_TelnetLoginFailed(session.socket);
+    return session.uiFailedLoginCount == kLoginTries ? FUNCTION_RC::CLOSE_SESSION : FUNCTION_RC::FAILED_LOGIN;
 }
 
 // Scripts
@@ -555,6 +593,9 @@ void TelnetClose(TELNET_INSTANCE* pTelnetInstance) {
     if (!pTelnetInstance) {
         return;
     }
+    if (pTelnetInstance->bLoginTimerSet) {
+        tq_TimerKill(gTelnetQueueHandle, kLoginTimer, pTelnetInstance->socket, 0);
+    }
     tq_SocketClose(pTelnetInstance->socket);
     FreeSession(pTelnetInstance);
 }
@@ -568,6 +609,7 @@ bool ListenLocked(unsigned int port) {
     if (gListenSocket == 0) {
         return false;
     }
+    CapAcceptedSockets(gListenSocket, kSessionInputCap, kLoginOutputCap);
     tq_SocketSetName(gListenSocket, kListenName);
     return true;
 }
@@ -628,11 +670,7 @@ void OnDestroy(const MSG_COMMON&) {
     }
 }
 
-void OnTimer(const MSG_COMMON& msg) {
-    if (msg.instance != kReopenTimer) {
-        return;
-    }
-    tq_ListLock lock(gpTelnetInstanceList);
+void ReopenLocked() {
     gbReopenTimerSet = false;
     if (gbStopping) {
         return;
@@ -643,10 +681,40 @@ void OnTimer(const MSG_COMMON& msg) {
     }
 }
 
-void OnNewConnection(const MSG_COMMON& msg) {
-    const unsigned int socket = reinterpret_cast<const SOCKET_NEW_CONNECTION&>(msg).new_socket;
+/// Ends a session that has not logged in. The timer may have been that of an earlier session with the same socket.
+void EndLateLoginLocked(unsigned int socket) {
+    TELNET_INSTANCE* pSession = FindSessionLocked(socket);
+    if (pSession && !pSession->bLoggedIn && tq_GetTimeInMS() - pSession->uiConnectedMs >= tq_TelnetLoginMs()) {
+        gpTelnetInstanceList->RemoveNode(pSession);
+        TelnetClose(pSession);
+    }
+}
+
+void OnTimer(const MSG_COMMON& msg) {
     tq_ListLock lock(gpTelnetInstanceList);
-    if (gbStopping) {
+    if (msg.instance == kReopenTimer) {
+        ReopenLocked();
+    } else if (msg.instance == kLoginTimer) {
+        EndLateLoginLocked(msg.userparm);
+    }
+}
+
+/// What a session may cost before its login, in time and in memory.
+void LimitSession(TELNET_INSTANCE& session) {
+    tq_SocketSetDataInCap(session.socket, kSessionInputCap);
+    tq_SocketSetDataOutCap(session.socket, session.bLoggedIn ? kSocketNoCap : kLoginOutputCap);
+    if (!session.bLoggedIn && tq_TelnetLoginMs() != 0) {
+        session.uiConnectedMs = tq_GetTimeInMS();
+        session.bLoginTimerSet = tq_TimerSet(gTelnetQueueHandle, tq_TelnetLoginMs(), kLoginTimer, session.socket, 0,
+                                             TQ_TIMER_ONE_SHOT, "Telnet login", /*bAllowSkew=*/false) == 0;
+    }
+}
+
+void OnNewConnection(const MSG_COMMON& msg) {
+    const SOCKET_NEW_CONNECTION& connection = reinterpret_cast<const SOCKET_NEW_CONNECTION&>(msg);
+    const unsigned int socket = connection.new_socket;
+    tq_ListLock lock(gpTelnetInstanceList);
+    if (gbStopping || tq_TelnetRefuses(connection.srcaddress, gpTelnetInstanceList->NodeCount())) {
         tq_SocketClose(socket);
         return;
     }
@@ -658,23 +726,50 @@ void OnNewConnection(const MSG_COMMON& msg) {
     }
     pSession->socket = socket;
     pSession->bEcho = true;
-    pSession->bHideEcho = gbRequirePassword;
-    pSession->bLoggedIn = !gbRequirePassword;
+    pSession->bHideEcho = tq_TelnetNeedsPassword();
+    pSession->bLoggedIn = !tq_TelnetNeedsPassword();
     gpTelnetInstanceList->AddToTail(pSession);
     if (FindSessionLocked(socket) != pSession) { // there was no memory for its place in the list
         TelnetClose(pSession);
         return;
     }
+    LimitSession(*pSession);
     tq_SocketSetName(socket, "Telnet instance");
     const int noDelay = 1; // the many small pieces of an answer do not wait for each other to be acknowledged
     tq_SocketSetOpt(static_cast<int>(socket), IPPROTO_TCP, TCP_NODELAY, &noDelay, sizeof(noDelay));
     Greet(*pSession);
 }
 
+/// Every piece of input that the sockets layer reads comes with a message, and a single byte may be a piece, as is each
+/// that is read in the place of one just taken from a full socket. They would pile up while the console is busy with
+/// what they tell of. So a session that is fast is not read until all of them are gone.
+void HoldInputWithinBounds(TELNET_INSTANCE& session) {
+    const bool bFast =
+        tq_SocketDataAvailable(session.socket) >= kSessionInputCap || gpTelnetMsgQueue->GetQueueDepth(0) > kMostWaiting;
+    if (session.bInputHeld || !bFast) {
+        return;
+    }
+    tq_SocketSetDataInCap(session.socket, 0);
+    session.bInputHeld = tq_MsgCreateCommonAndSend(0, gTelnetQueueHandle, kReadAgain, session.socket, 0, 0,
+                                                   /*bAddToHead=*/false, TQ_MSG_PRIORITY_MEDIUM);
+    if (!session.bInputHeld) {
+        tq_SocketSetDataInCap(session.socket, kSessionInputCap);
+    }
+}
+
 void OnData(const MSG_COMMON& msg) {
     tq_ListLock lock(gpTelnetInstanceList);
     if (TELNET_INSTANCE* pSession = FindSessionLocked(msg.instance)) {
+        HoldInputWithinBounds(*pSession);
         gpTelnetMsgQueue->ProcessDataStream(pSession, nullptr, /*bUseHistory=*/true);
+    }
+}
+
+void OnReadAgain(const MSG_COMMON& msg) {
+    tq_ListLock lock(gpTelnetInstanceList);
+    if (TELNET_INSTANCE* pSession = FindSessionLocked(msg.instance)) {
+        pSession->bInputHeld = false;
+        tq_SocketSetDataInCap(pSession->socket, kSessionInputCap);
     }
 }
 
@@ -737,6 +832,7 @@ constexpr MessageRow kMessages[] = {
     {MSG_TIMER, OnTimer},
     {MSG_SOCKET_NEW_CONNECTION, OnNewConnection},
     {MSG_SOCKET_DATASTREAM, OnData},
+    {kReadAgain, OnReadAgain},
     {MSG_SOCKET_CLOSED, OnClosed},
     {MSG_SOCKET_NEW_INTERFACES, OnNewInterfaces},
     {MSG_TELNET_RESPONSE, OnResponse},
@@ -818,25 +914,35 @@ bool MakeConsole(const char* pszPassword) {
     gbStopping = false;
     gpTelnetTerminate = tq_IfItLocks(tq_newObject<tq_SemCritSec>(true));
     gpTelnetMsgQueue = tq_newObject<tq_TelnetMsgQ>();
-    gbRequirePassword = pszPassword && *pszPassword != '\0';
-    gpszPassword = gbRequirePassword ? tq_newString(pszPassword) : nullptr;
+    tq_TelnetGuardStart();
+    const bool bHasPassword = tq_TelnetSetPassword(pszPassword);
     gpTelnetInstanceList = tq_IfItLocks(tq_newObject<tq_List>("TQOS: Telnet Instances"));
     tq_ListPlace(gpTelnetInstanceList, tq_LockRank::kSessions);
-    if (!gpTelnetTerminate || !gpTelnetMsgQueue || !gpTelnetInstanceList || (gbRequirePassword && !gpszPassword)) {
+    if (!gpTelnetTerminate || !gpTelnetMsgQueue || !gpTelnetInstanceList || !bHasPassword) {
         return false;
     }
     gpTelnetMsgQueue->Create(0);
     return gpTelnetMsgQueue->GetHandle() != 0;
 }
 
+void WarnOfOpenConsole(unsigned int srcIP) {
+    if (srcIP == 0 && !tq_TelnetNeedsPassword()) {
+        tq_Trace(tqosTraceHandle, TQ_TRACE_LEVEL_WARNING, TQ_TRACE_CAT_SYSTEM, /*bIncludeTimeStamp=*/true,
+                 "tqos Telnet: Listening on every address without a password. Whoever connects is logged in.\n");
+    }
+}
+
 bool StartListening(unsigned int port, unsigned int srcIP) {
+    bool bListening = false;
     {
         tq_ListLock lock(gpTelnetInstanceList);
         gTelnetSrcIP = srcIP;
-        if (FindPortLocked(port)) {
-            return true;
-        }
-        gTelnetListenPort = 0;
+        bListening = FindPortLocked(port);
+        gTelnetListenPort = bListening ? gTelnetListenPort.load() : 0;
+    }
+    if (bListening) {
+        WarnOfOpenConsole(srcIP);
+        return true;
     }
     LogCriticalError("Failed to initialize Telnet Interface!\n", /*bAbort=*/false, TQ_TRACE_LEVEL_WARNING,
                      TQ_TRACE_CAT_SYSTEM);
@@ -890,9 +996,7 @@ void StopConsole() {
     gpTelnetMsgQueue = nullptr;
     tq_deleteObject(gpTelnetTerminate);
     gpTelnetTerminate = nullptr;
-    tq_free(gpszPassword);
-    gpszPassword = nullptr;
-    gbRequirePassword = false;
+    tq_TelnetForgetPassword();
 }
 
 } // namespace

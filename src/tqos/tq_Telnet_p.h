@@ -35,6 +35,10 @@ struct _TELNET_INSTANCE {
     unsigned int pHistoryCount;
     unsigned int uiSpecialIndex; ///< bytes collected of an escape sequence
     char szSpecialKeys[kMaxSpecialKeys + 1];
+
+    unsigned int uiConnectedMs; ///< when the session began, where its login has a limit
+    bool bLoginTimerSet;
+    bool bInputHeld; ///< not read until a message that is on its way has come
 };
 
 typedef FUNCTION_RC (*PFN_TELNET_COMMAND)(TELNET_INSTANCE* pTelnetInstance, char* pszArguments, unsigned int uiFlags,
