@@ -249,7 +249,9 @@ TQ_API int tq_TraceDisableFile(unsigned int hTraceInstance);
 /// |              | none is dropped, until somebody subscribes                                                 |
 /// | "RESET/"     | call the application's handler (tq_TraceSetResetHandler())                                 |
 ///
-/// Nothing of this is protected: whoever can reach the port may read the trace and ask for a reset.
+/// Nothing of this is protected: whoever can reach the port may read the trace and ask for a reset. Section "Trace" of
+/// tqos.ini may say that "MaxViewers" (0: 128) viewers are the most, and that requests are taken from "AllowedViewers"
+/// (empty: all) alone: addresses, or networks like "10.0.0.0/8", with commas or blanks between them.
 ///
 /// On an instance that has the destination already, everything begins anew, without viewers and reset handler.
 /// @return 0 on; 1 it could not be (no socket, no memory), trace does not run or the handle is unknown. The instance is

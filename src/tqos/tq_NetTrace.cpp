@@ -6,10 +6,13 @@
 #include <linux/filter.h>
 #include <mutex>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
 
 #include "tq_ConsoleResponse_p.h"
+#include "tq_Dir_p.h"
+#include "tq_IniKeys_p.h"
 #include "tq_List_p.h"
 #include "tq_LockOrder_p.h"
 #include "tq_Memory.h"
@@ -58,6 +61,52 @@ constexpr unsigned int kReadNothing = 0;
 constexpr unsigned int kMessageOverhead = 43; ///< what a message of a datagram is longer than the datagram
 constexpr unsigned int kMostInterfaces = 20;  ///< entries of the table of interfaces
 
+constexpr char kSection[] = "Trace";
+constexpr unsigned int kMostAllowed = 32;
+
+unsigned int guiMaxViewers = 0;
+
+constexpr tq_IniInteger kLimits[] = {
+    {"MaxViewers", 0, &guiMaxViewers},
+};
+
+/// Addresses that requests are taken from.
+struct AllowedNetwork {
+    unsigned int ip; ///< network byte order, like the mask
+    unsigned int mask;
+};
+AllowedNetwork gAllowed[kMostAllowed];
+unsigned int guiAllowed = 0;
+bool gbAllowsAll = true;
+
+/// "10.0.0.7" or "10.0.0.0/8"; false for anything else.
+bool ParseNetwork(char* pszText, AllowedNetwork* pNetwork) {
+    unsigned long bits = 32;
+    if (char* pszSlash = strchr(pszText, '/')) {
+        *pszSlash = '\0';
+        char* pszEnd = nullptr;
+        bits = strtoul(pszSlash + 1, &pszEnd, 10);
+        if (pszSlash[1] < '0' || pszSlash[1] > '9' || *pszEnd != '\0' || bits > 32) {
+            return false;
+        }
+    }
+    pNetwork->mask = bits == 0 ? 0 : htonl(0xFFFFFFFFu << (32 - bits));
+    return inet_pton(AF_INET, pszText, &pNetwork->ip) == 1;
+}
+
+bool IsAllowed(unsigned int ip) {
+    for (unsigned int i = 0; i < guiAllowed; ++i) {
+        if (((ip ^ gAllowed[i].ip) & gAllowed[i].mask) == 0) {
+            return true;
+        }
+    }
+    return gbAllowsAll;
+}
+
+unsigned int MostViewers() {
+    return guiMaxViewers == 0 || guiMaxViewers > kMostViewers ? kMostViewers : guiMaxViewers;
+}
+
 /// The timers of a sender: a timer's instance. Its userparm is the sender's socket.
 enum { kAnnouncementTimer = 1, kKeepAliveTimer = 2 };
 
@@ -66,6 +115,19 @@ const char* TimerName(unsigned int timer) {
 }
 
 } // namespace
+
+void tq_NetTraceReadSettings() {
+    tq_ReadIniTable(kSection, kLimits);
+    char list[1024];
+    tq_GetINIFileString(kSection, "AllowedViewers", "", list, sizeof(list), psz_tqos_ini_file);
+    gbAllowsAll = list[0] == '\0';
+    guiAllowed = 0;
+    char* pszRest = nullptr;
+    for (char* pszWord = strtok_r(list, ", \t", &pszRest); pszWord && guiAllowed < kMostAllowed;
+         pszWord = strtok_r(nullptr, ", \t", &pszRest)) {
+        guiAllowed += ParseNetwork(pszWord, &gAllowed[guiAllowed]) ? 1 : 0;
+    }
+}
 
 // State
 
@@ -301,7 +363,7 @@ bool CNetTrace::AddViewer(unsigned int ip, unsigned short port) {
         pViewer->usKeepAlive = 0;
         bListed = true;
     });
-    if (bListed || m_uiTracingCount >= kMostViewers) {
+    if (bListed || m_uiTracingCount >= MostViewers()) {
         return false;
     }
     TRACE_CLIENT* pViewer = static_cast<TRACE_CLIENT*>(tq_calloc(1, sizeof(TRACE_CLIENT)));
@@ -439,10 +501,10 @@ constexpr Keyword kKeywords[] = {
 };
 
 void OnDatagram(MSG_COMMON& msg) {
-    if (msg.size <= kMessageOverhead) {
+    SOCKET_DATAGRAM& datagram = reinterpret_cast<SOCKET_DATAGRAM&>(msg);
+    if (msg.size <= kMessageOverhead || !IsAllowed(datagram.srcaddress)) {
         return;
     }
-    SOCKET_DATAGRAM& datagram = reinterpret_cast<SOCKET_DATAGRAM&>(msg);
     const unsigned int length = msg.size - kMessageOverhead;
     char* pText = reinterpret_cast<char*>(datagram.data);
     pText[length - 1] = '\0'; // in place of whatever the datagram ends with

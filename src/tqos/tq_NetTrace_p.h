@@ -21,7 +21,7 @@
 #include "tq_Trace_p.h"
 
 /// The most viewers of one instance. Whoever can reach the port can subscribe, under any number of addresses; further
-/// ones are refused until a place is free.
+/// ones are refused until a place is free. The setting "MaxViewers" makes it fewer.
 constexpr unsigned int kMostViewers = 128;
 
 /// So many messages may wait for the queue's handler; with more of them the sockets of all senders are not read until
@@ -125,6 +125,9 @@ public:
 };
 
 extern CTraceMsgQ* gpTraceMsgQ; ///< made when multicast is first enabled
+
+/// Reads who may subscribe. Before there is a sender.
+void tq_NetTraceReadSettings();
 
 /// Destroys an instance's sender, if it has one. The instance is in no list any more.
 void tq_NetTraceFreeSender(_TRACEINSTANCE* pInstance);

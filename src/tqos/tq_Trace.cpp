@@ -183,6 +183,7 @@ int ReadDefaultDestinations() {
 void ReadSettings() {
     tq_ReadIniTable(kSection, kIntegerKeys);
     tq_ReadIniTable(kSection, kSwitchKeys);
+    tq_NetTraceReadSettings();
     gDefaultFlags = ReadDefaultDestinations();
     gDefaultTraceLevel = ReadDefaultLevel();
     if (gDefaultTraceLevel == kNoLevel) {
