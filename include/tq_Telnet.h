@@ -18,8 +18,9 @@
 /// stopping may be done by any thread but the console's own.
 ///
 /// The console speaks plain text: whoever can reach the port can read the password off the wire. Before the login a
-/// session keeps at most 64 KiB of output that its peer does not take; what goes beyond is dropped. At any time it keeps
-/// at most 4 KiB of input that is not handled yet. Each failed login is traced as a warning, with the peer's address.
+/// session keeps at most 64 KiB of output that its peer does not take; what goes beyond is dropped. At any time it
+/// keeps at most 4 KiB of input that is not handled yet. Each failed login is traced as a warning, with the peer's
+/// address.
 ///
 /// Settings in section "Telnet" of tqos.ini, all off (0) unless given: "MaxSessions" closes connections beyond so many
 /// sessions; "LoginSeconds" closes a session that has not logged in by then; "BackOffSeconds" keeps an address out for
