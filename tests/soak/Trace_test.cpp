@@ -67,8 +67,9 @@ public:
         for (unsigned int tracer = 0; tracer < kTracers; ++tracer) {
             m_workers.Add(PauseMs(), [this, tracer] { TraceLines(tracer); });
         }
+        // The silent ones are sent each line for some seconds more; in a long run there are a few dozen of them.
         for (unsigned int i = 0; i < 2; ++i) {
-            m_lookers.Add(1, [this] { LookOn(); });
+            m_lookers.Add(IsLong() ? 500 : 1, [this] { LookOn(); });
         }
     }
 
