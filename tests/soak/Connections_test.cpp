@@ -166,7 +166,7 @@ public:
     ConnectionSoak()
         : m_path("soak.sock"), m_echo(m_path), m_callers{{m_echo.TcpPort(), m_path}, {m_echo.TcpPort(), m_path}} {
         for (unsigned int i = 0; i < 3; ++i) {
-            m_workers.Add(PauseMs(), [this] { ConnectOnce(); });
+            m_workers.Add(ConnectionPauseMs(), [this] { ConnectOnce(); });
         }
     }
 

@@ -32,7 +32,7 @@ public:
     ConsoleSoak() : m_port(tq_TelnetInitialize(0, Loopback(), "Secret")) {
         EXPECT_NE(0u, m_port);
         for (unsigned int i = 0; i < 3; ++i) {
-            m_workers.Add(PauseMs(), [this] {
+            m_workers.Add(ConnectionPauseMs(), [this] {
                 if (Random(10) < 3) {
                     ComeAndVanish();
                 } else {

@@ -11,9 +11,9 @@ using namespace soak;
 using namespace test;
 
 constexpr unsigned int kMost = 65507;
-/// So much of those that are under way at once finds room with the system, which may throw away the rest.
-constexpr unsigned int kBigPeers = 2;
-constexpr unsigned int kSmallPeers = 3;
+/// What is under way at once finds room with the system, which may throw away the rest.
+constexpr unsigned int kBigPeers = 1;
+constexpr unsigned int kSmallPeers = 4;
 constexpr unsigned int kSmallMost = 2000;
 
 /// Sizes at which something changes; the others are drawn.

@@ -52,6 +52,10 @@ inline bool IsLong() {
 inline unsigned int PauseMs() {
     return CountAskedFor() != 0 ? 0 : 1;
 }
+/// The same between connections: a port that has been used is nobody's for a minute, and other tests want some.
+inline unsigned int ConnectionPauseMs() {
+    return 10 * PauseMs();
+}
 
 /// When a soak has done enough; ends the test when nothing is done for a time that only a hang reaches.
 class Limit {
