@@ -4,6 +4,7 @@
 #include <arpa/inet.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <string.h>
 #include <sys/ioctl.h>
 #include <sys/select.h>
@@ -20,6 +21,7 @@ namespace {
 constexpr unsigned int kPaceMs = 5000;       // longest wait, and how often the interfaces are looked at
 constexpr unsigned int kMemoryPauseMs = 100; // before a read is tried again that found no memory
 constexpr unsigned int kShortageMs = 500;    // before an accept is tried again that found no descriptor
+constexpr unsigned int kMostAccepts = 64;    // in one turn
 constexpr unsigned int kBreakerPiece = 64;
 constexpr unsigned int kMostSendErrors = 4; // in a row, before a block is given up
 
@@ -338,6 +340,7 @@ bool AnnounceConnection(const SOCKET_INSTANCE* pListener, const SOCKET_INSTANCE*
     return true;
 }
 
+/// False when there is no further one to be accepted for now.
 bool AcceptPeer(SOCKET_INSTANCE* pListener) {
     SOCKET_INSTANCE* pNew =
         MakeSocketRecord(SOCKET_TYPE_TCP, SOCKET_STATE_CONNECTED, pListener->hMsgQ, pListener->UserParm);
@@ -361,9 +364,26 @@ bool AcceptPeer(SOCKET_INSTANCE* pListener) {
     // In the list before the message goes out: its receiver may use the new handle at once.
     if (!AddSocketLocked(pNew)) {
         CleanUpSocket(pNew, /*bDrain=*/false);
-    } else if (!AnnounceConnection(pListener, pNew)) {
+        return false;
+    }
+    if (!AnnounceConnection(pListener, pNew)) {
         RemoveSocketLocked(pNew);
         CleanUpSocket(pNew, /*bDrain=*/false);
+        return false;
+    }
+    return true;
+}
+
+bool HasPeerWaiting(const SOCKET_INSTANCE* pListener) {
+    struct pollfd wait = {static_cast<int>(pListener->socket), POLLIN, 0};
+    return poll(&wait, 1, 0) == 1;
+}
+
+/// Accepts those who wait, up to a number: with thousands of sockets a turn for each of them would take so long that
+/// the system turns others away meanwhile.
+bool AcceptPeers(SOCKET_INSTANCE* pListener) {
+    unsigned int accepted = 0;
+    while (AcceptPeer(pListener) && ++accepted < kMostAccepts && HasPeerWaiting(pListener)) {
     }
     return false;
 }
@@ -496,7 +516,7 @@ constexpr StateRow kStates[] = {
     //                         read             readable      write          writeable        exception
     {0, nullptr, nullptr, nullptr, nullptr, nullptr},
     {SOCKET_STATE_BREAKER, Always, DrainWakeUps, nullptr, nullptr, nullptr},
-    {SOCKET_STATE_LISTEN, CanAccept, AcceptPeer, nullptr, nullptr, nullptr},
+    {SOCKET_STATE_LISTEN, CanAccept, AcceptPeers, nullptr, nullptr, nullptr},
     {SOCKET_STATE_CONNECTING, nullptr, nullptr, Always, BecomeConnected, Always},
     {SOCKET_STATE_CONNECTED, HasRoomForInput, ReadWaiting, HasOutput, SendQueued, nullptr},
     {SOCKET_STATE_CLOSED, nullptr, nullptr, FlushesOutput, SendQueued, nullptr},
