@@ -30,3 +30,14 @@ if(TQOS_SANITIZE)
   target_link_options(tqos_compile INTERFACE -fsanitize=${TQOS_SANITIZE})
 endif()
 target_link_libraries(tqos_compile INTERFACE Threads::Threads ${CMAKE_DL_LIBS})
+
+# What a device's library is hardened with: checked buffers and stacks, and nothing writable that is executable or, once
+# it is loaded, has to be written. Applications that link it choose for themselves.
+add_library(tqos_hardening INTERFACE)
+target_compile_options(tqos_hardening INTERFACE -fstack-protector-strong)
+# Debug builds call the C library by its plain names, which tests take the place of; sanitizers check by themselves.
+if(NOT TQOS_SANITIZE AND NOT CMAKE_BUILD_TYPE STREQUAL "Debug")
+  target_compile_options(tqos_hardening INTERFACE -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2)
+endif()
+target_link_options(tqos_hardening INTERFACE
+  -Wl,-z,relro -Wl,-z,now -Wl,-z,noexecstack -Wl,-z,text)

@@ -34,7 +34,7 @@ function(tqos_libraries)
   if(NOT TQOS_SANITIZE) # a sanitizer checks by its type information that an object is what it is used as
     target_compile_options(tqos_objects PRIVATE -fno-rtti)
   endif()
-  target_link_libraries(tqos_objects PRIVATE tqos_compile)
+  target_link_libraries(tqos_objects PRIVATE tqos_compile tqos_hardening)
 
   add_library(tqos SHARED $<TARGET_OBJECTS:tqos_objects>)
   add_library(tqos_static STATIC $<TARGET_OBJECTS:tqos_objects>)
@@ -48,6 +48,7 @@ function(tqos_libraries)
     target_include_directories(${library} PUBLIC
       "$<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include>"
       "$<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>")
-    target_link_libraries(${library} PRIVATE $<BUILD_INTERFACE:tqos_compile> Threads::Threads ${CMAKE_DL_LIBS})
+    target_link_libraries(${library} PRIVATE $<BUILD_INTERFACE:tqos_compile>
+      $<BUILD_INTERFACE:tqos_hardening> Threads::Threads ${CMAKE_DL_LIBS})
   endforeach()
 endfunction()

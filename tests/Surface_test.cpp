@@ -1,5 +1,5 @@
-// The shared object exports what the public headers declare, all of it and nothing else. The headers are read as text:
-// TQ_API in front of a function or a class says that it is public.
+// The shared object exports what the public headers declare, all of it and nothing else, and is hardened. The headers
+// are read as text: TQ_API in front of a function or a class says that it is public.
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -109,16 +109,35 @@ Surface ReadSurface() {
     return surface;
 }
 
-std::set<std::string> ReadExports() {
-    std::set<std::string> exports;
-    FILE* pOutput = popen(TQOS_NM " -D --defined-only --format=posix " TQOS_LIBRARY, "r");
+std::vector<std::string> OutputOf(const char* pszCommand) {
+    std::vector<std::string> lines;
+    FILE* pOutput = popen(pszCommand, "r");
     EXPECT_NE(nullptr, pOutput);
     char line[1024];
     while (pOutput && fgets(line, sizeof(line), pOutput)) {
-        exports.insert(std::string(line).substr(0, std::string(line).find(' ')));
+        lines.push_back(line);
     }
     EXPECT_EQ(0, pOutput ? pclose(pOutput) : -1);
+    return lines;
+}
+
+std::set<std::string> ReadExports() {
+    std::set<std::string> exports;
+    for (const std::string& line : OutputOf(TQOS_NM " -D --defined-only --format=posix " TQOS_LIBRARY)) {
+        exports.insert(line.substr(0, line.find(' ')));
+    }
     return exports;
+}
+
+/// Those of the lines that hold the text.
+std::vector<std::string> Holding(const std::vector<std::string>& lines, const std::string& text) {
+    std::vector<std::string> found;
+    for (const std::string& line : lines) {
+        if (line.find(text) != std::string::npos) {
+            found.push_back(line);
+        }
+    }
+    return found;
 }
 
 std::string Mangled(const std::string& name) {
@@ -185,6 +204,28 @@ TEST(Surface, TheHeadersAreUnderstood) {
     EXPECT_FALSE(critSec.bVirtual);
     EXPECT_EQ(1u, critSec.methods.count("_Enter"));
     EXPECT_EQ(0u, critSec.methods.count("Enter")); // inline
+}
+
+TEST(Hardening, NothingIsBothWritableAndExecutable) {
+    const std::vector<std::string> segments = OutputOf(TQOS_READELF " -lW " TQOS_LIBRARY);
+    EXPECT_FALSE(Holding(segments, "LOAD").empty());
+    EXPECT_TRUE(Holding(Holding(segments, "LOAD"), "RWE").empty());
+    const std::vector<std::string> stack = Holding(segments, "GNU_STACK");
+    ASSERT_EQ(1u, stack.size());
+    EXPECT_EQ(std::string::npos, stack[0].find("RWE")) << stack[0];
+}
+
+TEST(Hardening, RelocationsAreDoneAtTheStartAndClosed) {
+    EXPECT_EQ(1u, Holding(OutputOf(TQOS_READELF " -lW " TQOS_LIBRARY), "GNU_RELRO").size());
+    const std::vector<std::string> dynamic = OutputOf(TQOS_READELF " -dW " TQOS_LIBRARY);
+    EXPECT_FALSE(Holding(dynamic, "NOW").empty());
+    EXPECT_TRUE(Holding(dynamic, "TEXTREL").empty());
+}
+
+TEST(Hardening, BuffersAndStacksAreChecked) {
+    const std::vector<std::string> imports = OutputOf(TQOS_NM " -D --undefined-only " TQOS_LIBRARY);
+    EXPECT_FALSE(Holding(imports, "__stack_chk_fail").empty());
+    EXPECT_EQ(TQOS_DEBUG_BUILD, Holding(imports, "__vsnprintf_chk").empty());
 }
 
 } // namespace

@@ -71,6 +71,11 @@ void vsyslog(int priority, const char* format, va_list args) {
     free(text);
 }
 
+/// What calls of it become where buffers are checked.
+void __vsyslog_chk(int priority, int /*flag*/, const char* format, va_list args) {
+    vsyslog(priority, format, args);
+}
+
 } // extern "C"
 
 namespace {
