@@ -4,6 +4,7 @@
 #include <arpa/inet.h>
 #include <atomic>
 #include <dirent.h>
+#include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
 #include <pthread.h>
@@ -76,7 +77,9 @@ void OnThisThread(Action fault) {
 
 void OnAQueueWorker(Action fault) {
     gpQueue->SetAction([fault](const MSG_COMMON&) { fault(); });
-    gpQueue->Post(MSG_USER);
+    if (!gpQueue->Post(MSG_USER)) {
+        _exit(92);
+    }
     WaitForTheEnd();
 }
 
@@ -446,11 +449,15 @@ public:
         if (m_child == 0) {
             Run(thread, fault);
         }
+        EXPECT_GT(m_child, 0) << strerror(errno);
     }
 
     /// Waits for its end.
     int Status() {
         int status = -1;
+        if (m_child <= 0) { // to wait for it, or to kill it, would mean others
+            return status;
+        }
         if (!WaitUntil([&] { return waitpid(m_child, &status, WNOHANG) == m_child; }, kSeconds)) {
             ADD_FAILURE() << "the process hangs; killed";
             kill(m_child, SIGKILL);

@@ -283,6 +283,7 @@ public:
         if (child == 0) {
             Run();
         }
+        ASSERT_GT(child, 0) << strerror(errno); // to kill no child would kill others
         int status = 0;
         const bool bReady =
             WaitUntil([&] { return m_pShared->ready != 0 || waitpid(child, &status, WNOHANG) == child; }, 60);

@@ -1,6 +1,7 @@
 #include "TestSupport.h"
 
 #include <chrono>
+#include <errno.h>
 #include <fstream>
 #include <ftw.h>
 #include <limits.h>
@@ -9,6 +10,7 @@
 #include <sstream>
 #include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <thread>
@@ -149,6 +151,12 @@ ChildResult RunInChild(const std::function<void()>& body, unsigned int seconds) 
     }
     close(outPipe[1]);
     close(errPipe[1]);
+    if (child < 0) { // to wait for it, or to kill it, would mean others
+        ADD_FAILURE() << "no process: " << strerror(errno);
+        close(outPipe[0]);
+        close(errPipe[0]);
+        return result;
+    }
     const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
     Collect(outPipe[0], errPipe[0], result, limit);
     int status = 0;
