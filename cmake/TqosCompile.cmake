@@ -20,6 +20,8 @@ target_compile_definitions(tqos_compile INTERFACE _FILE_OFFSET_BITS=64 _TIME_BIT
 # Debug builds check the order in which the library takes its locks.
 target_compile_definitions(tqos_compile INTERFACE $<$<CONFIG:Debug>:TQOS_LOCK_ORDER>)
 target_compile_options(tqos_compile INTERFACE -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Wvla)
+# Texts are cut at the ends of their buffers on purpose wherever snprintf() writes them.
+target_compile_options(tqos_compile INTERFACE $<$<CXX_COMPILER_ID:GNU>:-Wno-format-truncation>)
 if(TQOS_WARNINGS_AS_ERRORS)
   target_compile_options(tqos_compile INTERFACE -Werror)
 endif()

@@ -231,7 +231,8 @@ struct PoolRange {
 
 void ReportStatistics(const Reader& reader, const PoolRange& pools) {
     tq_MemoryRows rows;
-    for (unsigned int pool = pools.first; pool < pools.end; ++pool) {
+    // The optimiser does not know that there are never more pools than places for them, and warns.
+    for (unsigned int pool = pools.first; pool < pools.end && pool < kMaxMemoryPools; ++pool) {
         AddPool(rows, pool, reader.LineEnd());
     }
     if (pools.bAll && gbUseMemoryTracking) {
