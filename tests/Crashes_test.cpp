@@ -174,7 +174,7 @@ void IllegalInstruction() {
 }
 
 void UnmappedMemory() {
-    volatile char* pUnmapped = reinterpret_cast<volatile char*>(16);
+    volatile char* volatile pUnmapped = reinterpret_cast<volatile char*>(16); // or the compiler warns of the address
     static_cast<void>(*pUnmapped);
 }
 

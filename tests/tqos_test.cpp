@@ -52,7 +52,7 @@ ChildResult RunWithLibrary(const std::string& ini, const std::function<void()>& 
 }
 
 void ReadUnmappedMemory() {
-    volatile char* pUnmapped = reinterpret_cast<volatile char*>(16);
+    volatile char* volatile pUnmapped = reinterpret_cast<volatile char*>(16); // or the compiler warns of the address
     static_cast<void>(*pUnmapped);
 }
 
