@@ -6,7 +6,6 @@
 #define CONSOLE_SESSION_H
 
 #include <dirent.h>
-#include <limits.h>
 
 #include "Fuzz.h"
 #include "tq_ConsoleResponse_p.h"
@@ -53,12 +52,6 @@ unsigned int __wrap_tq_SocketRecv(unsigned int hSocket, unsigned char* data, uns
     const size_t taken = typed.copy(reinterpret_cast<char*>(data), len);
     typed.erase(0, taken);
     return static_cast<unsigned int>(taken);
-}
-
-/// Never within the bound of one turn: whatever was typed is taken in this one.
-unsigned int __wrap_tq_SocketDataAvailable(unsigned int hSocket) {
-    FUZZ_EQUAL(console::kSocket, hSocket);
-    return console::ThePeer().typed.empty() ? 0 : UINT_MAX;
 }
 
 unsigned int __wrap_tq__SocketClose(unsigned int hSocket, const char*, unsigned int) {
