@@ -130,7 +130,9 @@ inline const TELNET_INSTANCE* Session() {
 inline std::string Type(const std::string& bytes) {
     ThePeer().typed += bytes;
     ThePeer().shown.clear();
-    Handler().MessageHandler(NewMessage<MSG_COMMON>(MSG_SOCKET_DATASTREAM));
+    do { // a session takes so many bytes a turn, and further messages tell of the rest
+        Handler().MessageHandler(NewMessage<MSG_COMMON>(MSG_SOCKET_DATASTREAM));
+    } while (!ThePeer().typed.empty() && ThePeer().closes == 0);
     return ThePeer().shown;
 }
 
