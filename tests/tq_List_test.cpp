@@ -767,8 +767,8 @@ TEST_F(List, FindFirstAndFindNextGiveTheMatchesInOrder) {
 
 TEST_F(List, FindPrevGoesBackAgainstTheSearch) {
     OpenList list("list");
-    for (const char* p = "aXbXcX"; *p; ++p) {
-        list.AddNode(Make(*p, *p == 'X' ? 0u : 5u));
+    for (const char* p = "aoboco"; *p; ++p) {
+        list.AddNode(Make(*p, *p == 'o' ? 0u : 5u));
     }
     const unsigned int offset = offsetof(Node, number);
     list.FindFirst(tq_ListKey(5), LIST_TYPE_U32BITS, offset, nullptr, kForward);
@@ -789,7 +789,7 @@ TEST_F(List, FindPrevGoesBackAgainstTheSearch) {
 
 TEST_F(List, ASearchBackThatFindsNothingLeavesNoCursor) {
     OpenList list("list");
-    list.AddNode(Make('X', 0));
+    list.AddNode(Make('o', 0));
     list.AddNode(Make('a', 5));
     list.FindFirst(tq_ListKey(5), LIST_TYPE_U32BITS, offsetof(Node, number), nullptr, kForward);
     list.SetCurrent(Of('a'));
@@ -811,8 +811,8 @@ TEST_F(List, AStepBackAfterTheFirstMatchBeginsWhereTheCursorWasBefore) {
 
 TEST_F(List, RemovingSearchesTakeOnlyTheMatches) {
     OpenList list("list");
-    for (const char* p = "aXbXcX"; *p; ++p) {
-        list.AddNode(Make(*p, *p == 'X' ? 0u : 5u));
+    for (const char* p = "aoboco"; *p; ++p) {
+        list.AddNode(Make(*p, *p == 'o' ? 0u : 5u));
     }
     const unsigned int offset = offsetof(Node, number);
     EXPECT_EQ('a', IdOf(list.FindFirstAndRemove(tq_ListKey(5), LIST_TYPE_U32BITS, offset, nullptr, kForward)));
@@ -821,17 +821,17 @@ TEST_F(List, RemovingSearchesTakeOnlyTheMatches) {
     EXPECT_EQ(nullptr, list.GetCurrent());
     list.ExpectSound();
     EXPECT_EQ('b', IdOf(list.FindNext(true)));
-    EXPECT_EQ("XXcX", list.Ids());
+    EXPECT_EQ("ooco", list.Ids());
     list.ExpectSound();
     EXPECT_EQ('c', IdOf(list.FindNext(false)));
     EXPECT_EQ('-', IdOf(list.FindNext(true)));
     EXPECT_EQ('c', IdOf(list.FindPrev(true)));
-    EXPECT_EQ("XXX", list.Ids());
+    EXPECT_EQ("ooo", list.Ids());
     EXPECT_EQ('-', IdOf(list.FindPrev(true)));
     list.ExpectSound();
-    EXPECT_EQ('X', IdOf(list.FindFirstAndRemove(tq_ListKey(0), LIST_TYPE_U32BITS, offset, nullptr, kBackward)));
-    EXPECT_EQ('X', IdOf(list.FindNext(true)));
-    EXPECT_EQ('X', IdOf(list.FindNext(true)));
+    EXPECT_EQ('o', IdOf(list.FindFirstAndRemove(tq_ListKey(0), LIST_TYPE_U32BITS, offset, nullptr, kBackward)));
+    EXPECT_EQ('o', IdOf(list.FindNext(true)));
+    EXPECT_EQ('o', IdOf(list.FindNext(true)));
     EXPECT_EQ('-', IdOf(list.FindNext(true)));
     EXPECT_EQ(0u, list.NodeCount());
     list.ExpectSound();

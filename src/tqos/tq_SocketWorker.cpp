@@ -340,7 +340,7 @@ bool AnnounceConnection(const SOCKET_INSTANCE* pListener, const SOCKET_INSTANCE*
     return true;
 }
 
-/// False when there is no further one to be accepted for now.
+/// Takes one waiting connection; false when none waits, or none can be taken until the pause is over.
 bool AcceptPeer(SOCKET_INSTANCE* pListener) {
     SOCKET_INSTANCE* pNew =
         MakeSocketRecord(SOCKET_TYPE_TCP, SOCKET_STATE_CONNECTED, pListener->hMsgQ, pListener->UserParm);
@@ -423,7 +423,7 @@ void BecomeConnected(SOCKET_INSTANCE* pSocket) {
     SendSocketMessageLocked(pSocket, MSG_SOCKET_CONNECTED);
 }
 
-/// Sends what it can of the first queued block; false when the system takes no more for now.
+/// Sends what it can of the first queued block; false when the system takes no more until the socket is writeable.
 bool SendBlockLocked(SOCKET_INSTANCE* pSocket) {
     DATA_BLOCK* pBlock = static_cast<DATA_BLOCK*>(pSocket->pDataOutList->GetHead());
     if (!pBlock) {

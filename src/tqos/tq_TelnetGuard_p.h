@@ -29,7 +29,7 @@ bool tq_TelnetIsPassword(const char* pLine, size_t length);
 
 /// Whether a connection from this address (network byte order) is closed as soon as it comes.
 bool tq_TelnetRefuses(unsigned int ip, unsigned int sessions);
-/// Whether nobody from this address may log in for now.
+/// Whether nobody from this address may log in until its back-off is over.
 bool tq_TelnetHoldsOff(unsigned int ip);
 /// Traces a failed login of the session with this socket, and counts it against the peer's address.
 void tq_TelnetLoginFailed(unsigned int hSocket);
