@@ -244,7 +244,7 @@ bool ClearInUse(_MEM_HEADER_POOLING_ONLY* pHeader) {
 /// the pool has ended meanwhile.
 bool ReturnToPool(unsigned int pool, char* pBlock) {
     tq_MemoryPoolHold hold(pool);
-    if (tq_MemoryPoolOf(pBlock) != pool) {
+    if (tq_MemoryPoolOf(pBlock) != pool || !PoolLists[pool]) {
         return false;
     }
     if (ClearInUse(tq_MemoryPoolHeaderOf(pBlock))) {
@@ -298,6 +298,7 @@ unsigned int EndSlots(const _MEM_POOL& chunk, unsigned int pool, unsigned int sl
 
 /// Frees a chunk, or keeps it if anybody still uses a slot of it.
 void EndChunk(_MEM_POOL* pChunk, unsigned int pool, unsigned int slots) {
+    myCritSecLock lock(KeptCritSec); // a slot that is marked as ended finds its chunk kept
     const unsigned int slotsInUse = pChunk->pActualPointer ? EndSlots(*pChunk, pool, slots) : 0;
     if (slotsInUse == 0) {
         free(pChunk->pActualPointer);
@@ -306,7 +307,6 @@ void EndChunk(_MEM_POOL* pChunk, unsigned int pool, unsigned int slots) {
     }
     const _MEM_POOL chunk = *pChunk;
     ChunkRecord* pRecord = reinterpret_cast<ChunkRecord*>(pChunk);
-    myCritSecLock lock(KeptCritSec);
     pRecord->kept = {gpKeptChunks,       chunk.pActualPointer,
                      chunk.pMemoryBlock, chunk.pMemoryBlock + slots * tq_MemorySlotStride(pool),
                      PoolSizes[pool],    slotsInUse};
@@ -411,7 +411,8 @@ void tq_MemoryPoolFree(void* pPointer) {
     char* pBlock = static_cast<char*>(pPointer);
     const unsigned int pool = tq_MemoryPoolOf(pBlock);
     if (pool != kNoMemoryPool) { // a number that was run over says nothing of where the block belongs: it stays
-        if (pool >= TotalPools || !ReturnToPool(pool, pBlock)) {
+        // Not TotalPools: it is 0 while pools end one by one, and a slot of one still to come must not be lost.
+        if (pool >= kMaxMemoryPools || !ReturnToPool(pool, pBlock)) {
             ReturnToKept(pBlock);
         }
         return;
