@@ -91,6 +91,20 @@ prepare_fuzz() {
     clang_makes_fuzzers || die "clang++ builds no 32-bit fuzz targets on this machine"
 }
 
+# prepare_tools: what the developer's tools are built from. The compiler is asked: it knows where headers are.
+prepare_tools() {
+    local -a packages=()
+    local header package
+    while read -r header package; do
+        printf '#include <%s>\n' "$header" | "$CXX" -x c++ -E -o /dev/null - >/dev/null 2>&1 || packages+=("$package")
+    done <<'END'
+histedit.h libedit-dev
+nlohmann/json.hpp nlohmann-json3-dev
+zlib.h zlib1g-dev
+END
+    install_packages ${packages[@]+"${packages[@]}"}
+}
+
 # prepare_to_build PRESET...: compiler and build tools for these presets.
 prepare_to_build() {
     local -a packages=()
@@ -105,6 +119,7 @@ prepare_to_build() {
     for preset in "$@"; do
         case $preset in
         *-32) prepare_32 ;;
+        x86-64) prepare_tools ;;
         armhf) prepare_processor arm arm-linux-gnueabihf ;;
         mips) prepare_processor mips mips-linux-gnu ;;
         esac

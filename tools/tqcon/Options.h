@@ -1,0 +1,39 @@
+/// @file Options.h
+/// What tqcon is asked to do.
+#ifndef TQCON_OPTIONS_H
+#define TQCON_OPTIONS_H
+
+#include <string>
+#include <vector>
+
+#include "Console.h"
+
+namespace tqcon {
+
+/// How the output is written.
+enum class Format { Text, Json, Pprof };
+
+struct Options {
+    enum class Mode { Session, Top, Leaks };
+
+    Mode mode = Mode::Session;
+    tools::Address address;
+    std::vector<std::string> commands; ///< of -c and -f, in their order
+    bool bHasCommands = false;         ///< there was a -c or a -f, be it an empty file
+    bool bStopOnError = false;
+    std::string passwordFile;
+    Format format = Format::Text;
+    tools::Limits limits;
+};
+
+/// Reads the arguments. Help and what is wrong are written out here.
+/// @return the status to exit with at once; -1 to go on
+int ParseOptions(int argc, char** argv, Options* pOptions);
+
+/// The lines of a script, whatever they end with: LF, CR LF or CR. Empty lines and those that begin with # are left
+/// out.
+std::vector<std::string> ScriptLines(const std::string& text);
+
+} // namespace tqcon
+
+#endif // TQCON_OPTIONS_H

@@ -1,0 +1,35 @@
+// tqcon: the console of a device, for people and for scripts. --help says how it is called.
+#include <iostream>
+#include <iterator>
+#include <unistd.h>
+
+#include "Login.h"
+#include "Options.h"
+#include "Script.h"
+
+namespace {
+
+using tools::Result;
+
+int Run(tqcon::Options& options) {
+    if (!options.bHasCommands && !isatty(STDIN_FILENO)) {
+        options.commands = tqcon::ScriptLines(std::string(std::istreambuf_iterator<char>(std::cin), {}));
+    }
+    tools::Console console(options.limits);
+    std::string problem;
+    Result result = tqcon::LogIn(options, &console, &problem);
+    if (result == Result::Ok) {
+        result = tqcon::RunCommands(options, &console);
+    } else {
+        std::cerr << "tqcon: " << problem << "\n";
+    }
+    return static_cast<int>(result);
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    tqcon::Options options;
+    const int status = tqcon::ParseOptions(argc, argv, &options);
+    return status >= 0 ? status : Run(options);
+}
