@@ -137,6 +137,34 @@ prepare_to_test() {
     install_packages ${packages[@]+"${packages[@]}"}
 }
 
+# What the benchmarks compare with: a file that is there when it is installed, and its package.
+peers=(
+    "/usr/include/glib-2.0/glib.h libglib2.0-dev"
+    "/usr/include/Poco/Foundation.h libpoco-dev"
+    "/usr/include/ace/ACE.h libace-dev"
+    "/usr/include/uv.h libuv1-dev"
+    "/usr/include/event2/event.h libevent-dev"
+    "/usr/include/boost/asio.hpp libboost-dev"
+    "/usr/include/spdlog/spdlog.h libspdlog-dev"
+    "/usr/include/zlib.h zlib1g-dev"
+    "/usr/include/benchmark/benchmark.h libbenchmark-dev"
+    "/usr/bin/compress ncompress"
+)
+
+# prepare_to_bench: the peers; one that the machine's distribution does not have is left out.
+prepare_to_bench() {
+    local -a packages=()
+    local file package
+    have pkg-config || packages+=(pkg-config)
+    ldconfig -p | grep -q libmimalloc.so || packages+=(libmimalloc2.0)
+    while read -r file package; do
+        [ -e "$file" ] || packages+=("$package")
+    done < <(printf '%s\n' "${peers[@]}")
+    for package in ${packages[@]+"${packages[@]}"}; do
+        (install_packages "$package") || say "goes on without $package"
+    done
+}
+
 # without_random_addresses COMMAND...: the thread sanitizer has no place for its shadow where the kernel spreads
 # mappings over more bits than it knows.
 without_random_addresses() {

@@ -1,0 +1,113 @@
+#include "Table.h"
+
+#include <cmath>
+#include <cstdio>
+
+namespace {
+
+/// Three significant digits.
+std::string Number(double value) {
+    char text[32];
+    const double size = std::fabs(value);
+    snprintf(text, sizeof(text), "%.*f", size >= 100 ? 0 : size >= 10 ? 1 : size >= 1 ? 2 : 3, value);
+    return text;
+}
+
+std::string Bound(const Target& target) {
+    char text[32];
+    snprintf(text, sizeof(text), "%s %g", target.compare == Compare::AtLeast ? ">=" : "<=", target.bound);
+    return text;
+}
+
+const char* Word(const Target& target, const Verdict& verdict) {
+    return verdict.bMet ? "met" : target.bAim ? "below the aim" : "MISSED";
+}
+
+std::string TargetText(const Subject& subject, const Outcome& outcome, const Series* pSeries) {
+    std::string text;
+    for (const Target& target : subject.targets) {
+        const Verdict verdict = Judge(subject, outcome, target);
+        const Series* pSubjectOf = target.reference == Reference::Value ? outcome.Ours() : verdict.pOther;
+        if (verdict.bKnown && pSubjectOf == pSeries) {
+            text += (target.reference == Reference::Value ? "" : "ratio " + Number(verdict.ratio) + ", ") +
+                    Bound(target) + " " + Word(target, verdict) + "  ";
+        }
+    }
+    return text;
+}
+
+struct Columns {
+    std::string ours, other, ratio, bound, word;
+};
+
+Columns ColumnsOf(const Subject& subject, const Outcome& outcome, const Target& target) {
+    const Verdict verdict = Judge(subject, outcome, target);
+    const Series* pOurs = outcome.Ours();
+    Columns columns;
+    columns.ours = pOurs ? Number(pOurs->Median()) : "-";
+    columns.bound = Bound(target);
+    if (verdict.bKnown) {
+        columns.other = verdict.pOther ? verdict.pOther->label + " " + Number(verdict.pOther->Median()) : "";
+        columns.ratio = target.reference == Reference::Value ? "" : Number(verdict.ratio);
+        columns.word = Word(target, verdict);
+    }
+    return columns;
+}
+
+} // namespace
+
+void PrintOutcome(const Subject& subject, const Outcome& outcome) {
+    printf("\n%s   (%s)   %s, %s is better; others used %.0f %% of one processor\n", subject.pszTitle, subject.pszName,
+           subject.pszUnit, subject.better == Better::More ? "more" : "less", outcome.othersPercent);
+    for (const Series& one : outcome.series) {
+        const std::string range = "(" + Number(one.Least()) + " .. " + Number(one.Greatest()) + ")";
+        printf("  %-5s %-44s %9s  %-20s %s\n", one.role == Role::Floor ? "floor" : "", one.label.c_str(),
+               Number(one.Median()).c_str(), range.c_str(), TargetText(subject, outcome, &one).c_str());
+    }
+    fflush(stdout);
+}
+
+void PrintSummary(const Results& results) {
+    int met = 0;
+    int missed = 0;
+    printf("\n%-40s %-10s %9s   %-40s %7s  %-8s\n", "", "unit", "tqos", "against", "ratio", "target");
+    for (const Subject& subject : AllSubjects()) {
+        const auto found = results.find(subject.pszName);
+        if (found == results.end()) {
+            continue;
+        }
+        for (const Target& target : subject.targets) {
+            const Columns columns = ColumnsOf(subject, found->second, target);
+            if (columns.word.empty()) {
+                continue;
+            }
+            printf("%-40s %-10s %9s   %-40s %7s  %-8s %s\n", subject.pszTitle, subject.pszUnit, columns.ours.c_str(),
+                   columns.other.c_str(), columns.ratio.c_str(), columns.bound.c_str(), columns.word.c_str());
+            met += columns.word == "met";
+            missed += columns.word == "MISSED";
+        }
+    }
+    printf("\n%d targets met, %d missed\n", met, missed);
+}
+
+void PrintMarkdown(const Results& results, const Results& before) {
+    printf("| subject | unit | before | after | against | ratio before | ratio after | target | |\n");
+    printf("|---|---|---|---|---|---|---|---|---|\n");
+    for (const Subject& subject : AllSubjects()) {
+        const auto found = results.find(subject.pszName);
+        if (found == results.end()) {
+            continue;
+        }
+        const auto earlier = before.find(subject.pszName);
+        const char* pszTitle = subject.pszTitle;
+        for (const Target& target : subject.targets) {
+            const Columns now = ColumnsOf(subject, found->second, target);
+            const Columns then =
+                earlier == before.end() ? Columns{"", "", "", "", ""} : ColumnsOf(subject, earlier->second, target);
+            printf("| %s | %s | %s | %s | %s | %s | %s | %s | %s |\n", pszTitle, subject.pszUnit, then.ours.c_str(),
+                   now.ours.c_str(), now.other.c_str(), then.ratio.c_str(), now.ratio.c_str(), now.bound.c_str(),
+                   now.word.c_str());
+            pszTitle = "";
+        }
+    }
+}
