@@ -28,11 +28,11 @@ bool StandsAt(const std::string& text, size_t at, const std::string& piece) {
     return text.compare(at, piece.size(), piece) == 0;
 }
 
-/// Something that no text contains: thirteen characters, twelve of them by chance.
-std::string MakeMark(char first) {
+/// Something that no text contains.
+std::string MakeMark() {
     static constexpr char kDigits[] = "0123456789abcdef";
     std::random_device chance;
-    std::string mark(1, first);
+    std::string mark = "~";
     while (mark.size() < 13) {
         mark += kDigits[chance() % 16];
     }
@@ -111,6 +111,10 @@ void TakeResponses(const std::string& mark, std::string* pCame, Answer* pAnswer)
     }
 }
 
+void TakeResponses(const std::string& mark, std::string&& came, Answer* pAnswer) {
+    TakeResponses(mark, &came, pAnswer);
+}
+
 /// Takes the beginning of what was being typed off the front of a text.
 void TakeTyped(const std::string& typed, std::string* pCame) {
     const auto differ = std::mismatch(pCame->begin(), pCame->end(), typed.begin(), typed.end());
@@ -128,15 +132,26 @@ void TakeInterruptions(const std::string& typed, std::string came, Answer* pAnsw
     }
 }
 
-/// Takes what the command wrote out of what came between its echo and the mark behind the next prompt.
-void TakeOutput(const std::string& mark, std::string came, Answer* pAnswer) {
-    came.resize(came.size() - std::min<size_t>(came.size(), 1)); // the prompt before the mark
+/// Where in a text a response begins that came after a prompt and perhaps some of what was then being typed; npos when
+/// none does.
+size_t FindInterruption(const std::string& text, const std::string& typed) {
+    for (size_t at = text.find(kResponse); at != std::string::npos; at = text.find(kResponse, at + 1)) {
+        const size_t prompt = text.rfind(kPrompt, at);
+        const size_t typedAt = prompt + Length(kPrompt);
+        if (prompt != std::string::npos && typedAt <= at && StandsAt(typed, 0, text.substr(typedAt, at - typedAt))) {
+            return prompt;
+        }
+    }
+    return std::string::npos;
+}
+
+/// Takes what the command wrote out of what came between its echo and that of the question behind it.
+void TakeOutput(const std::string& question, std::string came, Answer* pAnswer) {
+    came.resize(came.size() - std::min<size_t>(came.size(), 1)); // the prompt before the question
     const std::string prompted = "\r\n" + came;                  // the command may have written nothing
-    // A response that came into the middle of the mark, or just before it
-    const size_t end =
-        std::min(prompted.find(kPrompt + mark.substr(0, 1)), prompted.find(std::string(kPrompt) + kResponse));
+    const size_t end = FindInterruption(prompted, question);
     if (end != std::string::npos) {
-        TakeInterruptions(mark, prompted.substr(end + Length(kPrompt)) + kPrompt, pAnswer);
+        TakeInterruptions(question, prompted.substr(end + Length(kPrompt)) + kPrompt, pAnswer);
         came = prompted.substr(0, end) + "\r\n";
     }
     pAnswer->text = Readable(came) + pAnswer->text;
@@ -244,8 +259,9 @@ Result Console::Connect(const Address& address) {
     if (!m_stream.Connect(address.host, address.port, In(m_limits.connectMs))) {
         return Fail(Result::NoConnection, address.host + ":" + address.port + ": " + m_stream.Problem());
     }
-    m_marks[0] = MakeMark('~');
-    m_marks[1] = MakeMark('^');
+    m_mark = MakeMark();
+    m_question = "sh mem file=" + m_mark + "/" + m_mark;
+    m_typed.clear();
     bool bLoggedIn = false;
     const Result result = ReadPrompt(kLoginPrompt, &bLoggedIn);
     if (result == Result::NoConnection && m_came.empty()) {
@@ -286,14 +302,9 @@ void Console::Close() {
     m_stream.Close();
     m_telnet = TelnetFilter();
     m_came.clear();
-    m_mark.clear();
 }
 
 // Commands
-
-std::string Console::KeysToErase() const {
-    return std::string(m_mark.size(), kBackspace);
-}
 
 Answer Console::Run(const std::string& line, size_t responses) {
     Answer answer;
@@ -332,54 +343,35 @@ void Console::TakeEarlier(Answer* pAnswer) {
     }
 }
 
-/// Types the line and a mark, and when that has come back, another one: what the command has sent to the session by way
-/// of the console's queue stands in that queue before it.
+/// Types the line, the question, and the mark, and takes what has come once the question is answered.
 Result Console::TypeAndCollect(const std::string& line, Answer* pAnswer) {
-    const Result result = TypeMark(line, pAnswer);
-    if (result != Result::Ok) {
-        return result;
-    }
-    const bool bSyntaxError = HasSyntaxError(pAnswer->text);
-    const Result rest = TypeSecondMark(pAnswer);
-    return rest == Result::Ok && bSyntaxError ? Fail(Result::SyntaxError, kSyntaxError) : rest;
-}
-
-Result Console::TypeMark(const std::string& line, Answer* pAnswer) {
+    const std::string questionAnswer = "/" + m_mark + "!\r\n" + kPrompt + m_mark;
+    const std::string erase(m_typed.size(), kBackspace);
     size_t end = 0;
-    Result result = Type(KeysToErase() + line + "\r" + m_marks[0]);
+    Result result = Type(erase + line + "\r" + m_question + "\r" + m_mark);
+    m_typed = m_mark;
     if (result == Result::Ok) {
-        result = ReadTo(m_marks[0], &end);
+        result = ReadTo(questionAnswer, &end);
     }
     // A session that has ended leaves what came before its end.
-    std::string came = result == Result::Ok ? m_came.substr(0, end) : m_came + ">";
+    std::string came = result == Result::Ok ? m_came.substr(0, end) + kPrompt + m_mark : m_came + ">" + m_question;
+    m_came.erase(0, result == Result::Ok ? end + questionAnswer.size() : std::string::npos);
     RemoveAll(kErased, &came);
+
     const std::string echo = line + "\r\n";
     const size_t atEcho = StandsAt(came, 0, echo) ? 0 : came.find(echo);
-    if (atEcho != std::string::npos) {
-        TakeInterruptions(line, came.substr(0, atEcho), pAnswer);
-        TakeOutput(m_marks[0], came.substr(atEcho + echo.size()), pAnswer);
+    const size_t atQuestion = came.find(m_question);
+    if (atEcho == std::string::npos || atQuestion == std::string::npos || atQuestion < atEcho + echo.size()) {
+        return result == Result::Ok ? Fail(Result::NoConnection, "the device does not echo what is typed") : result;
     }
-    m_came.erase(0, result == Result::Ok ? end + m_marks[0].size() : std::string::npos);
-    m_mark = m_marks[0];
-    return result;
-}
-
-Result Console::TypeSecondMark(Answer* pAnswer) {
-    size_t end = 0;
-    Result result = Type(KeysToErase() + m_marks[1]);
-    if (result == Result::Ok) {
-        result = ReadTo(m_marks[1], &end);
-    }
-    if (result != Result::Ok) {
-        return result;
-    }
-    std::string came = m_came.substr(0, end);
-    m_came.erase(0, end + m_marks[1].size());
-    m_mark = m_marks[1];
-    RemoveAll(kErased, &came);
-    TakeResponses(m_marks[0], &came, pAnswer);
-    TakeInterruptions(m_marks[0], came, pAnswer);
-    return Result::Ok;
+    TakeInterruptions(line, came.substr(0, atEcho), pAnswer);
+    TakeOutput(m_question, came.substr(atEcho + echo.size(), atQuestion - atEcho - echo.size()), pAnswer);
+    const bool bSyntaxError = HasSyntaxError(pAnswer->text);
+    came.erase(0, atQuestion + m_question.size() + Length("\r\n>"));
+    TakeTyped(m_mark, &came);
+    const size_t atAnswer = came.rfind("Failed to open file: " + m_mark);
+    TakeResponses(m_mark, came.substr(0, atAnswer), pAnswer);
+    return result == Result::Ok && bSyntaxError ? Fail(Result::SyntaxError, kSyntaxError) : result;
 }
 
 Result Console::WaitForResponses(size_t responses, Answer* pAnswer) {

@@ -1,12 +1,14 @@
 /// @file Console.h
 /// A session of a device's diagnostic console: connects, logs in, types commands, and takes what comes of them apart.
 ///
-/// What a console sends has no frames: an echo of what is typed, what commands write, prompts, and between two commands
-/// whatever queues answer, behind each answer the prompt and the line typed so far once more. Any of it may contain
-/// what looks like a prompt. So a session always has a line half typed that nobody can guess, its mark. It is never
-/// ended, so it never runs. A command has written all it writes when the mark that was typed behind it is echoed; an
-/// answer of a queue ends where the prompt and the mark come again. Before the next command the mark is taken back with
-/// backspaces.
+/// What a console sends has no frames: an echo of what is typed, what commands write, prompts, what commands send to
+/// the session through the console's own queue, and whatever queues answer, whenever they do. Any of it may contain
+/// what looks like a prompt. So a session goes by something that nobody can guess, its mark:
+/// - It is always typed half a line, which is never ended and so never runs. Behind each answer of a queue the console
+///   repeats the prompt and the line: an answer ends where the prompt and the mark come again.
+/// - Behind each command stands a question of the session's own that has the mark in it: for a report into a file that
+///   cannot be opened. A command has written all it writes when the question is echoed, and what it has sent through
+///   the console's queue has come when the question is answered, since that answer takes the same way.
 ///
 /// One thread uses a session.
 #ifndef TOOLS_CONSOLE_H
@@ -96,10 +98,7 @@ private:
     Result ReceiveMore(Clock::time_point limit);
     Result ReadTo(const std::string& end, size_t* pEnd);
     Result ReadPrompt(const std::string& other, bool* pLoggedIn);
-    std::string KeysToErase() const;
     Result TypeAndCollect(const std::string& line, Answer* pAnswer);
-    Result TypeMark(const std::string& line, Answer* pAnswer);
-    Result TypeSecondMark(Answer* pAnswer);
     void TakeEarlier(Answer* pAnswer);
     Result WaitForResponses(size_t responses, Answer* pAnswer);
     bool TakeResponse(Answer* pAnswer);
@@ -108,8 +107,9 @@ private:
     TcpStream m_stream;
     TelnetFilter m_telnet;
     std::string m_came; ///< and was not taken apart yet
-    std::string m_mark; ///< what is half typed
-    std::string m_marks[2];
+    std::string m_mark;
+    std::string m_question; ///< what is asked behind each command
+    std::string m_typed;    ///< half a line: nothing, or the mark
     bool m_bAsksForPassword = false;
     std::string m_greeting;
     std::string m_problem;

@@ -27,6 +27,7 @@ constexpr char kHelp[] =
     "  -f, --file FILE          runs a file's lines, whatever they end with; \"-\" is the standard input. Empty lines\n"
     "                           and those that begin with # are passed over.\n"
     "      --stop               ends at the first command that the device refuses, instead of going on\n"
+    "      --json               writes an object for each command, one a line: the report's tables, or the text\n"
     "      --password-file FILE the password is the file's first line\n"
     "      --timeout SECONDS    of silence of the device, while it owes an answer (10)\n"
     "      --wait SECONDS       for answers of queues, which owe none, after the last sign of them (1)\n"
@@ -43,7 +44,7 @@ constexpr char kHelp[] =
     "   4  the device was silent for too long\n"
     "  64  the arguments are not understood, or a file cannot be read\n";
 
-enum LongOption { kStop = 256, kPassword, kPasswordFile, kTimeout, kWait };
+enum LongOption { kStop = 256, kPassword, kPasswordFile, kTimeout, kWait, kJson };
 
 const struct option kLongOptions[] = {
     {"command", required_argument, nullptr, 'c'},
@@ -53,6 +54,7 @@ const struct option kLongOptions[] = {
     {"password-file", required_argument, nullptr, kPasswordFile},
     {"timeout", required_argument, nullptr, kTimeout},
     {"wait", required_argument, nullptr, kWait},
+    {"json", no_argument, nullptr, kJson},
     {"help", no_argument, nullptr, 'h'},
     {nullptr, 0, nullptr, 0},
 };
@@ -117,6 +119,9 @@ int TakeOption(int option, Options* pOptions) {
         return SetTime("--timeout", &pOptions->limits.silenceMs);
     case kWait:
         return SetTime("--wait", &pOptions->limits.queueMs);
+    case kJson:
+        pOptions->format = Format::JsonLines;
+        return -1;
     case 'h':
         std::cout << kHelp;
         return 0;

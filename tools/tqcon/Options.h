@@ -11,7 +11,7 @@
 namespace tqcon {
 
 /// How the output is written.
-enum class Format { Text, Json, Pprof };
+enum class Format { Plain, JsonLines, Pprof };
 
 struct Options {
     enum class Mode { Session, Top, Leaks };
@@ -22,7 +22,7 @@ struct Options {
     bool bHasCommands = false;         ///< there was a -c or a -f, be it an empty file
     bool bStopOnError = false;
     std::string passwordFile;
-    Format format = Format::Text;
+    Format format = Format::Plain;
     tools::Limits limits;
 };
 

@@ -2,6 +2,8 @@
 
 #include <iostream>
 
+#include "JsonOutput.h"
+
 namespace tqcon {
 
 using tools::Answer;
@@ -56,25 +58,39 @@ std::string TextOf(const Answer& answer) {
     return text;
 }
 
+namespace {
+
+/// Writes answers in the form that is wanted.
+class Writer {
+public:
+    explicit Writer(Format format) : m_format(format) {}
+
+    void Write(const std::string& line, const Answer& answer) {
+        const std::string text = m_format == Format::JsonLines ? JsonLine(AnswerJson(line, answer)) : TextOf(answer);
+        if (!text.empty()) {
+            std::cout << (m_bFirst || m_format == Format::JsonLines ? "" : "\n") << text << std::flush;
+            m_bFirst = false;
+        }
+        if (answer.result != Result::Ok) {
+            std::cerr << "tqcon: " << line << ": " << answer.problem << "\n";
+        }
+    }
+
+private:
+    Format m_format;
+    bool m_bFirst = true;
+};
+
+} // namespace
+
 Result RunCommands(const Options& options, tools::Console* pConsole) {
     Result first = Result::Ok;
-    const char* pszBetween = "";
+    Writer writer(options.format);
     for (const std::string& line : options.commands) {
         const Answer answer = Ask(pConsole, line);
-        const std::string text = TextOf(answer);
-        if (!text.empty()) {
-            std::cout << pszBetween << text << std::flush;
-            pszBetween = "\n";
-        }
-        if (answer.result == Result::Ok) {
-            if (!pConsole->IsOpen()) {
-                break; // the command has ended the session
-            }
-            continue;
-        }
-        std::cerr << "tqcon: " << line << ": " << answer.problem << "\n";
+        writer.Write(line, answer);
         first = first == Result::Ok ? answer.result : first;
-        if (options.bStopOnError || !pConsole->IsOpen()) {
+        if (!pConsole->IsOpen() || (options.bStopOnError && answer.result != Result::Ok)) {
             break;
         }
     }

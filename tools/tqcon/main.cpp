@@ -3,6 +3,7 @@
 #include <iterator>
 #include <unistd.h>
 
+#include "JsonOutput.h"
 #include "Login.h"
 #include "Options.h"
 #include "Script.h"
@@ -21,6 +22,9 @@ int Run(tqcon::Options& options) {
     if (result == Result::Ok) {
         result = tqcon::RunCommands(options, &console);
     } else {
+        if (options.format == tqcon::Format::JsonLines) {
+            std::cout << tqcon::JsonLine(tqcon::ErrorJson(result, problem));
+        }
         std::cerr << "tqcon: " << problem << "\n";
     }
     return static_cast<int>(result);
