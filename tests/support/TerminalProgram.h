@@ -36,12 +36,25 @@ public:
     }
     ~TerminalProgram() {
         m_pTerminal->Close(); // the program is hung up on
-        waitpid(m_child, nullptr, 0);
+        if (m_child > 0) {
+            waitpid(m_child, nullptr, 0);
+        }
     }
     TerminalProgram(const TerminalProgram&) = delete;
     TerminalProgram& operator=(const TerminalProgram&) = delete;
 
     ConsoleClient& Terminal() { return *m_pTerminal; }
+
+    /// Waits until it ends by itself; its exit status, -1 when it did not exit.
+    int WaitForEnd() {
+        int status = 0;
+        if (!WaitUntil([&] { return waitpid(m_child, &status, WNOHANG) != 0; })) {
+            ADD_FAILURE() << "the program does not end";
+            return -1;
+        }
+        m_child = -1;
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    }
 
 private:
     pid_t m_child;

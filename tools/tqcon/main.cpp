@@ -3,6 +3,7 @@
 #include <iterator>
 #include <unistd.h>
 
+#include "Interactive.h"
 #include "JsonOutput.h"
 #include "Login.h"
 #include "Options.h"
@@ -13,14 +14,15 @@ namespace {
 using tools::Result;
 
 int Run(tqcon::Options& options) {
-    if (!options.bHasCommands && !isatty(STDIN_FILENO)) {
+    const bool bInteractive = !options.bHasCommands && isatty(STDIN_FILENO);
+    if (!options.bHasCommands && !bInteractive) {
         options.commands = tqcon::ScriptLines(std::string(std::istreambuf_iterator<char>(std::cin), {}));
     }
     tools::Console console(options.limits);
     std::string problem;
     Result result = tqcon::LogIn(options, &console, &problem);
     if (result == Result::Ok) {
-        result = tqcon::RunCommands(options, &console);
+        result = bInteractive ? tqcon::RunInteractive(&console) : tqcon::RunCommands(options, &console);
     } else {
         if (options.format == tqcon::Format::JsonLines) {
             std::cout << tqcon::JsonLine(tqcon::ErrorJson(result, problem));
