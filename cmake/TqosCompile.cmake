@@ -31,6 +31,14 @@ if(TQOS_SANITIZE)
     -fsanitize=${TQOS_SANITIZE} -fno-sanitize=vptr -fno-sanitize-recover=all -fno-omit-frame-pointer)
   target_link_options(tqos_compile INTERFACE -fsanitize=${TQOS_SANITIZE})
 endif()
+# The library alone counts what it runs; what is linked with it needs the counters' runtime.
+add_library(tqos_coverage INTERFACE)
+if(TQOS_COVERAGE)
+  # What a child of vfork() calls stays as it is: the counted kinds write the counters out on behalf of its parent.
+  target_compile_options(tqos_coverage INTERFACE --coverage -fprofile-update=atomic -O0
+    -fno-builtin-execl -fno-builtin-execlp -fno-builtin-execle -fno-builtin-execv -fno-builtin-execvp -fno-builtin-execve)
+  target_link_options(tqos_compile INTERFACE --coverage)
+endif()
 target_link_libraries(tqos_compile INTERFACE Threads::Threads ${CMAKE_DL_LIBS})
 
 # What a device's library is hardened with: checked buffers and stacks, and nothing writable that is executable or, once

@@ -34,7 +34,7 @@ function(tqos_libraries)
   if(NOT TQOS_SANITIZE) # a sanitizer checks by its type information that an object is what it is used as
     target_compile_options(tqos_objects PRIVATE -fno-rtti)
   endif()
-  target_link_libraries(tqos_objects PRIVATE tqos_compile tqos_hardening)
+  target_link_libraries(tqos_objects PRIVATE tqos_compile tqos_hardening tqos_coverage)
 
   add_library(tqos SHARED $<TARGET_OBJECTS:tqos_objects>)
   add_library(tqos_static STATIC $<TARGET_OBJECTS:tqos_objects>)
