@@ -69,7 +69,7 @@ typedef struct _TELNET_INSTANCE TELNET_INSTANCE;
 class TQ_API tq_TelnetMsgQ : public tq_MsgQ {
 public:
     tq_TelnetMsgQ();
-    virtual ~tq_TelnetMsgQ() override;
+    ~tq_TelnetMsgQ() override;
 
     /// Opens, feeds and closes sessions, writes responses into them, re-opens the listening socket when it is lost or
     /// the machine's interfaces have changed. Frees every message.

@@ -165,6 +165,16 @@ prepare_to_bench() {
     done
 }
 
+# prepare_to_lint: what looks through sources and scripts.
+prepare_to_lint() {
+    local -a packages=()
+    local tool
+    for tool in clang-tidy cppcheck shellcheck; do
+        have "$tool" || packages+=("$tool")
+    done
+    install_packages ${packages[@]+"${packages[@]}"}
+}
+
 # without_random_addresses COMMAND...: the thread sanitizer has no place for its shadow where the kernel spreads
 # mappings over more bits than it knows.
 without_random_addresses() {

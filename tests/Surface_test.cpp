@@ -78,7 +78,7 @@ Class ReadClass(const std::string& name, const std::string& body) {
         const bool bInline = declaration.find("{}") != std::string::npos;
         const bool bDeleted = declaration.find("= delete") != std::string::npos;
         const std::string method = NameIn(declaration);
-        result.bVirtual = result.bVirtual || declaration.find("virtual ") != std::string::npos;
+        result.bVirtual = result.bVirtual || std::regex_search(declaration, std::regex(R"(\b(virtual|override)\b)"));
         if (bInline || bDeleted || method.empty()) {
             continue;
         }

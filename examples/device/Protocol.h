@@ -40,7 +40,7 @@ private:
     Result TakeLine(size_t lineEnd, std::string_view* pLine);
     Result KeepRest();
 
-    unsigned char m_bytes[512];
+    unsigned char m_bytes[512] = {};
     size_t m_begin = 0; // what was not handed out yet
     size_t m_end = 0;
     bool m_bSkipping = false; // inside a line that was too long

@@ -30,6 +30,7 @@ struct Options {
 
 bool ParseOptions(int argc, char** argv, Options* pOptions) {
     int option;
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): no other thread runs yet
     while ((option = getopt(argc, argv, "d:p:")) != -1) {
         switch (option) {
         case 'd':

@@ -392,7 +392,7 @@ int RunOnPath(const char* pszCommand, const char* pszPath) {
     }
     char command[kShellPathLimit + 16];
     snprintf(command, sizeof(command), "%s %s", pszCommand, pszPath);
-    return system(command);
+    return system(command); // NOLINT(concurrency-mt-unsafe): glibc's may run in several threads at once
 }
 
 void* NoSearch() {
@@ -406,6 +406,7 @@ bool IsSearch(const void* handle) {
 /// The next entry whose name matches, or null at the end.
 const struct dirent* NextMatch(DIR* pDirectory, const char* pszPattern) {
     const struct dirent* pEntry = nullptr;
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): the stream is this search's own
     while ((pEntry = readdir(pDirectory)) != nullptr) {
         if (fnmatch(pszPattern, pEntry->d_name, 0) == 0) {
             return pEntry;

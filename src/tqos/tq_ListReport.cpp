@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <optional>
 #include <stdint.h>
 #include <stdio.h>
@@ -224,7 +225,7 @@ void SortListTracker(unsigned int sort, bool bReverseSort) {
     if (sort == 0 || uiListTrackedNodes < 2) {
         return;
     }
-    const RowOrder order = {kOrders[(sort < kOrderCount ? sort : kOrderCount) - 1], bReverseSort};
+    const RowOrder order = {kOrders[std::min(sort, kOrderCount) - 1], bReverseSort};
     gpTQListTrackerHead = SortRows(gpTQListTrackerHead, uiListTrackedNodes, order);
 }
 

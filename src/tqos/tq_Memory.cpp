@@ -320,6 +320,7 @@ unsigned int BytesTakenFor(unsigned int size, char* pBlock) {
 /// follow it to a name that was never stored. (With pools they were just set: the block is in use, and nothing else.)
 unsigned short FreshFlags(const _MEM_HEADER_TRACKING_ONLY* pHeader, unsigned int type) {
     const volatile _MEM_HEADER_TRACKING_ONLY* pAsFound = pHeader; // volatile: the compiler may not think it undefined
+    // NOLINTNEXTLINE(clang-analyzer-core.UndefinedBinaryOperatorResult): what the heap left is what is asked for
     return static_cast<unsigned short>((pAsFound->Flags & ~TQ_MEM_FLAG_FREED_LOCATION_SET) | type);
 }
 

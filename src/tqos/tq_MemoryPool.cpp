@@ -136,6 +136,7 @@ union ChunkRecord {
 
 _MEM_POOL* NewChunk() {
     ChunkRecord* pRecord = static_cast<ChunkRecord*>(calloc(1, sizeof(ChunkRecord)));
+    // cppcheck-suppress memleak // it is the record that is returned, by its member
     return pRecord ? &pRecord->chunk : nullptr;
 }
 

@@ -1,5 +1,6 @@
 #include "tq_MsgQ_p.h"
 
+#include <algorithm>
 #include <limits.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -231,7 +232,7 @@ bool SetHistoryOf(unsigned int handle, int depth) {
 /// The depth that a word asks for, within what the console may set.
 int DepthOf(const char* pszWord) {
     const long depth = pszWord ? strtol(pszWord, nullptr, 10) : 0;
-    return depth < 0 ? 0 : depth > kMostHistory ? kMostHistory : static_cast<int>(depth);
+    return static_cast<int>(std::clamp<long>(depth, 0, kMostHistory));
 }
 
 } // namespace

@@ -71,7 +71,7 @@ void DropSignalHandlers() {
 
 [[noreturn]] void RunChild(const ChildPlan& plan) {
     DropSignalHandlers();
-    sigprocmask(SIG_SETMASK, &plan.signalMask, nullptr);
+    pthread_sigmask(SIG_SETMASK, &plan.signalMask, nullptr);
     tq_CloseDescriptors(kFirstClosedDescriptor, plan.lastDescriptor);
     // A directory that cannot be changed to is passed over: the program starts where the caller stands.
     [[maybe_unused]] const int moved = plan.pszWorkingDir ? chdir(plan.pszWorkingDir) : 0;
@@ -172,6 +172,7 @@ extern "C" {
 void* tq_LoadLibrary(const char* filename) {
     void* handle = dlopen(filename, RTLD_LAZY);
     if (!handle) {
+        // NOLINTNEXTLINE(concurrency-mt-unsafe): glibc keeps the text by thread
         tq_TraceOnOwnInstance(kTraceLevel, kTraceCategory, "tq_LoadLibrary failed: %s\n", dlerror());
     }
     return handle;
@@ -212,6 +213,7 @@ int tq_KillProcess(int pid) {
     char command[32];
     snprintf(command, sizeof(command), "kill -9 %u", static_cast<unsigned int>(pid));
     // Deliberate: a process that could not be killed is no failure of the call.
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): glibc's system() may run in several threads at once
     [[maybe_unused]] const int status = system(command);
     return 0;
 }

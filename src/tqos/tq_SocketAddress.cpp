@@ -252,7 +252,7 @@ bool tq_SocketIsThisAnIP(const char* pszIP) {
 char* tq_inet_ntoa(unsigned int address) {
     struct in_addr in;
     in.s_addr = address;
-    return inet_ntoa(in);
+    return inet_ntoa(in); // NOLINT(concurrency-mt-unsafe): the text belongs to the calling thread
 }
 
 unsigned int tq_inet_addr(const char* pszAddress) {

@@ -179,6 +179,7 @@ void SrvIter::Begin(int length) {
         ReadName(name);
         Skip(kQuestionTail);
     }
+    // NOLINTNEXTLINE(bugprone-sizeof-expression): the array is one of pointers
     replyarray = static_cast<DNS_SRV_DATA**>(tq_calloc(ancount ? ancount : 1, sizeof(DNS_SRV_DATA*)));
     if (!replyarray) {
         ancount = 0;
@@ -241,6 +242,7 @@ constexpr long long kRandomRange = 2147483647;
 
 /// A number below total, which is at least 1.
 long long DrawBelow(long long total) {
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): glibc's rand() has a lock
     return rand() / (kRandomRange / total + 1);
 }
 
@@ -259,6 +261,7 @@ SortedIter::~SortedIter() {
 }
 
 void SortedIter::Sort() {
+    // NOLINTNEXTLINE(bugprone-sizeof-expression): the array is one of pointers
     qarr = static_cast<DNS_SRV_DATA**>(tq_calloc(unsorted.getSize() ? unsorted.getSize() : 1, sizeof(DNS_SRV_DATA*)));
     if (!qarr) {
         return;

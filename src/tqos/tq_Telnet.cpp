@@ -160,6 +160,7 @@ void ClearLine(TELNET_INSTANCE& session) {
 }
 
 void TakeOffHistory(TELNET_INSTANCE& session, HISTORY_NODE* pNode) {
+    // NOLINTNEXTLINE(clang-analyzer-core.NullDereference): the count of a history is that of its nodes
     (pNode->pPrev ? pNode->pPrev->pNext : session.pHistoryHead) = pNode->pNext;
     (pNode->pNext ? pNode->pNext->pPrev : session.pHistoryTail) = pNode->pPrev;
     session.pHistoryCount -= 1;

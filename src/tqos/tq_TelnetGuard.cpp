@@ -70,6 +70,7 @@ bool tq_TelnetSetPassword(const char* pszPassword) {
     gPasswordBytes = std::max<size_t>(length, kMaxCommandLength) + 1;
     gpszPassword = static_cast<char*>(tq_calloc(1, static_cast<unsigned int>(gPasswordBytes)));
     if (gpszPassword) {
+        // NOLINTNEXTLINE(bugprone-not-null-terminated-result): the buffer is longer, and all zeros
         memcpy(gpszPassword, pszPassword, length);
     }
     return gpszPassword != nullptr;
