@@ -34,6 +34,12 @@ function(tqos_libraries)
   if(NOT TQOS_SANITIZE) # a sanitizer checks by its type information that an object is what it is used as
     target_compile_options(tqos_objects PRIVATE -fno-rtti)
   endif()
+  # No build path gets into the library, so that it is the same wherever it is built; what runs in its build tree only,
+  # with a sanitizer or counting what it covers, is left to find its sources by their whole names.
+  if(NOT TQOS_SANITIZE AND NOT TQOS_COVERAGE)
+    target_compile_options(tqos_objects PRIVATE
+      "-ffile-prefix-map=${PROJECT_SOURCE_DIR}/=" "-ffile-prefix-map=${PROJECT_BINARY_DIR}=.")
+  endif()
   target_link_libraries(tqos_objects PRIVATE tqos_compile tqos_hardening tqos_coverage)
 
   add_library(tqos SHARED $<TARGET_OBJECTS:tqos_objects>)

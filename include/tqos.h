@@ -35,6 +35,13 @@
 #include "tq_Trace.h"
 #include "tq_Types.h"
 
+/// The version of the library that an application is compiled with, as MAJOR.MINOR.PATCH; also that of its packages. A
+/// library with the same MAJOR serves what was built with a smaller or equal MINOR. tqOS_GetVersion() gives a banner
+/// instead, which stays the same from version to version.
+constexpr unsigned int TQOS_VERSION_MAJOR = 1;
+constexpr unsigned int TQOS_VERSION_MINOR = 0; ///< see TQOS_VERSION_MAJOR
+constexpr unsigned int TQOS_VERSION_PATCH = 0; ///< see TQOS_VERSION_MAJOR
+
 extern "C" {
 
 /// Starts the library, or counts a further user of the running one.
