@@ -88,6 +88,7 @@ TQ_API unsigned int IsCharInSet(char ch, const char* pszSet);
 TQ_API char* _strlwr(char* string);
 
 /// Writes a number in decimal.
+/// @param value   any
 /// @param string  receives the text; room for 12 bytes
 /// @param radix   accepted and ignored: itoa(255, buf, 16) writes "255"
 /// @return string

@@ -62,8 +62,10 @@ TQ_API int tq_GetINIFileString(const char* pszSection, const char* pszKey, const
 TQ_API int tq_GetINIFileInt(const char* pszSection, const char* pszKey, int iDefault, const char* pszFilename);
 
 /// Reads a value as a switch, by its first 11 characters.
-/// @param pszKey      the key; not null
-/// @param pszDefault  judged in the same way when the key is not there; may be null
+/// @param pszSection   without brackets; not null
+/// @param pszKey       the key; not null
+/// @param pszDefault   judged in the same way when the key is not there; may be null
+/// @param pszFilename  the file
 /// @return true for "yes", "y", "true" and "1" in any case; false for everything else
 /// Threads: any.
 TQ_API bool tq_GetINIFileAffirmative(const char* pszSection, const char* pszKey, const char* pszDefault,
@@ -89,13 +91,17 @@ TQ_API int tq_WriteINIFileInt(const char* pszSection, const char* pszKey, int iV
 // ---- What the settings are read with
 
 /// Reads a line: up to and including a line feed, len - 1 characters at most. Line ends stay in it.
-/// @param len  size of the buffer, at least 2
+/// @param pBuffer  receives the line, closed with a zero
+/// @param len      size of the buffer, at least 2
+/// @param hFile    read from where it stands
 /// @return pBuffer; null at the end of the file, for a null argument and for a smaller len
 /// Threads: any, one a file.
 TQ_API char* tq_fgets(char* pBuffer, int len, FILE* hFile);
 
 /// Reads from where the file stands past the header of a section.
-/// @param hFileOut  receives every line that is read, the header included; null for none
+/// @param hFile       open for reading
+/// @param pszSection  without brackets
+/// @param hFileOut    receives every line that is read, the header included; null for none
 /// @return true: the file stands behind the header; false: not found, or a null argument
 /// Threads: any, one a file.
 TQ_API bool FindSection(FILE* hFile, const char* pszSection, FILE* hFileOut);

@@ -194,6 +194,7 @@ public:
 
     /// Adds a node and makes it the cursor. A null node is ignored; without memory for a further entry the node is not
     /// added, and nothing says so but NodeCount().
+    /// @param pNode      stays the caller's
     /// @param direction  unsorted list: LIST_DIRECTION_TAIL_TO_HEAD puts the node at the head, anything else at the
     ///                   tail. Sorted list: the end from which its place is looked for, the head unless it is
     ///                   LIST_DIRECTION_TAIL_TO_HEAD; a node goes before its equals when it comes from the head, behind
@@ -308,6 +309,7 @@ public:
 
     /// Begins a walk over a bucket, newest node first. It gives every node whose key hashes to the bucket: the caller
     /// compares the keys. Each hash has one walk at a time; a node that is removed does not disturb it.
+    /// @param hashInstance  from HashCreate()
     /// @param hashValue  the bucket, from 0: for a hash of any type but LIST_TYPE_CUSTOM HashValueFromDataDefault()
     /// @return the first node; null when the bucket is empty or there is no such bucket or instance
     void* HashFindFirst(unsigned int hashInstance, unsigned int hashValue);
@@ -374,11 +376,13 @@ inline void* tq_ListKey(unsigned int value) {
 /// Holds a list's lock for a scope. A null list is passed over.
 class tq_ListLock {
 public:
+    /// Takes the lock; of a null list none.
     explicit tq_ListLock(tq_List* pList) : m_pList(pList) {
         if (m_pList) {
             m_pList->Lock();
         }
     }
+    /// The same.
     explicit tq_ListLock(tq_List& list) : tq_ListLock(&list) {}
     ~tq_ListLock() {
         if (m_pList) {

@@ -23,6 +23,8 @@ typedef struct _tqLZW_HEADER {
 extern "C" {
 
 /// Compresses inlen bytes.
+/// @param input   the bytes
+/// @param inlen   their count
 /// @param output  receives a new buffer (malloc family) with the stream, which the caller frees with tq_free; null when
 ///                there is no memory; left as it is when there is nothing to compress
 /// @param outlen  receives the stream's length in bytes; 0 when inlen is 0 or there is no memory
@@ -31,6 +33,8 @@ extern "C" {
 TQ_API void tq_lzwCompress(const char* input, unsigned int inlen, char** output, unsigned int* outlen);
 
 /// Expands a stream that tq_lzwCompress() made.
+/// @param input   the stream
+/// @param inlen   its length in bytes
 /// @param output  receives a new buffer (malloc family) with the bytes; the caller frees it with tq_free
 /// @param outlen  receives their count
 /// On failure both are null and 0: 12 bytes or fewer, no "LZW" at the start, a wrong checksum, a code that cannot stand

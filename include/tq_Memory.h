@@ -86,7 +86,7 @@ struct _MEM_POOL_LIST {
     bool bNotYetInitialized;             ///< the pool owns no slot yet
     void** pArray;                       ///< the ring
 };
-typedef struct _MEM_POOL_LIST MEM_POOL_LIST;
+typedef struct _MEM_POOL_LIST MEM_POOL_LIST; ///< see _MEM_POOL_LIST
 
 /// By what a grouped report is sorted.
 enum class TQ_MEM_SORT_FORMATS {
@@ -127,6 +127,7 @@ TQ_API void tq_MemoryTerminate(bool bDumpResources);
 /// Allocates; what all others allocate with.
 /// @param size  0 counts as 1
 /// @param type  TQ_MEM_TYPE_MALLOC or TQ_MEM_TYPE_NEW
+/// @param pszFilename,line  the caller, for the reports; the name is kept by pointer
 /// @return the block, uninitialised unless DirtyMemoryAlloc fills it; null, after one report, when size is above 2^31,
 ///         the cap is reached (threads that allocate together may pass it slightly), its pool is used up or there is no
 ///         memory
@@ -149,6 +150,7 @@ TQ_API void* tq__calloc(unsigned int count, unsigned int size, const char* pszFi
 
 /// Copies a zero-terminated text into the malloc family.
 /// @param pszString  null counts as an empty text
+/// @param pszFilename,line  the caller, for the reports; the name is kept by pointer
 /// @return the copy; null as tq__alloc() gives it
 TQ_API unsigned char* tq__newString(const unsigned char* pszString, const char* pszFilename, unsigned int line);
 
@@ -156,6 +158,8 @@ TQ_API unsigned char* tq__newString(const unsigned char* pszString, const char* 
 /// checked: one of the other family, with damaged check bytes, or already freed is reported and stays. Pooling without
 /// tracking looks at the family alone.
 /// @param type  TQ_MEM_TYPE_MALLOC or TQ_MEM_TYPE_NEW; both together accept either family
+/// @param pointer  the block
+/// @param pszFilename,line  the caller, for the reports; the name is kept by pointer
 TQ_API void tq__dealloc(void* pointer, unsigned short type, const char* pszFilename, unsigned int line);
 
 /// tq__dealloc() for the malloc family.
@@ -175,6 +179,7 @@ TQ_API void tq__deleteArray(void* pointer, const char* pszFilename, unsigned int
 /// the new family is reported as freed by the wrong function, and stays beside the new block).
 /// @param pointer  null: allocates as tq__malloc()
 /// @param newSize  0: frees as tq__free(), and then fails
+/// @param pszFilename,line  the caller, for the reports; the name is kept by pointer
 /// @return the block. Null, after a report of its own ("Unable to re-allocate Memory"), when newSize is 0, there is no
 ///         memory, or the alignment in front of the block is damaged; but for newSize 0 the old block stays as it was,
 ///         though the counters no longer contain it.
@@ -241,6 +246,7 @@ TQ_API unsigned int WhichPool(unsigned int size);
 TQ_API void* PoolListTake(MEM_POOL_LIST* pList);
 
 /// Appends a slot to the free ones.
+/// @param pList          the pool's
 /// @param pAddress       the slot's start
 /// @param bAdjustCounts  the slot was in use
 /// @return 0; 1 when there is no memory for the ring, or no room in it
@@ -319,23 +325,34 @@ TQ_API void tq_MemoryTelnetSendResponse(const char* pResponse, unsigned int inst
 
 } // extern "C"
 
-// The functions above with the file and line of the call.
+/// tq__alloc() with the file and line of the call.
 #define tq_alloc(size, type) tq__alloc((size), (type), __FILE__, __LINE__)
+/// tq__malloc() with the file and line of the call.
 #define tq_malloc(size) tq__malloc((size), __FILE__, __LINE__)
+/// tq__new() with the file and line of the call.
 #define tq_new(size) tq__new((size), __FILE__, __LINE__)
+/// tq__newArray() with the file and line of the call.
 #define tq_newArray(size) tq__newArray((size), __FILE__, __LINE__)
+/// tq__calloc() with the file and line of the call.
 #define tq_calloc(count, size) tq__calloc((count), (size), __FILE__, __LINE__)
+/// tq__newString() with the file and line of the call.
 #define tq_newString(string) tq_newStringAt((string), __FILE__, __LINE__)
+/// tq__dealloc() with the file and line of the call.
 #define tq_dealloc(pointer, type) tq__dealloc((pointer), (type), __FILE__, __LINE__)
+/// tq__free() with the file and line of the call.
 #define tq_free(pointer) tq__free((pointer), __FILE__, __LINE__)
+/// tq__delete() with the file and line of the call.
 #define tq_delete(pointer) tq__delete((pointer), __FILE__, __LINE__)
+/// tq__deleteArray() with the file and line of the call.
 #define tq_deleteArray(pointer) tq__deleteArray((pointer), __FILE__, __LINE__)
+/// tq__realloc() with the file and line of the call.
 #define tq_realloc(pointer, newSize) tq__realloc((pointer), (newSize), __FILE__, __LINE__)
 
-/// The two spellings of a text that tq_newString() accepts; the copy has the spelling of the original.
+/// Behind tq_newString(), which accepts both spellings of a text; the copy has the spelling of the original.
 inline unsigned char* tq_newStringAt(const unsigned char* pszString, const char* pszFilename, unsigned int line) {
     return tq__newString(pszString, pszFilename, line);
 }
+/// Behind tq_newString(), for the other spelling.
 inline char* tq_newStringAt(const char* pszString, const char* pszFilename, unsigned int line) {
     return reinterpret_cast<char*>(tq__newString(reinterpret_cast<const unsigned char*>(pszString), pszFilename, line));
 }
@@ -343,8 +360,10 @@ inline char* tq_newStringAt(const char* pszString, const char* pszFilename, unsi
 /// Behind tq_newObject(): carries the place of the call to the allocation.
 class tq_ObjectMaker {
 public:
+    /// @param pszFilename,line  the caller; the name is kept by pointer
     tq_ObjectMaker(const char* pszFilename, unsigned int line) : m_pszFilename(pszFilename), m_line(line) {}
 
+    /// @return the object, made from the arguments; null when there is no memory
     template <typename T, typename... Arguments> T* Make(Arguments&&... arguments) const {
         static_assert(alignof(T) <= TQ_MEM_BLOCK_ALIGNMENT, "blocks are not aligned enough for this type");
         void* pMemory = tq__new(static_cast<unsigned int>(sizeof(T)), m_pszFilename, m_line);
@@ -367,6 +386,7 @@ template <typename T> void tq__deleteObject(T* pObject, const char* pszFilename,
 
 /// tq_newObject<T>(arguments...): an object on tracked memory (new family), or null when there is no memory.
 #define tq_newObject tq_ObjectMaker(__FILE__, __LINE__).template Make
+/// Destroys an object that tq_newObject() made and frees its memory, with the file and line of the call.
 #define tq_deleteObject(pObject) tq__deleteObject((pObject), __FILE__, __LINE__)
 
 #endif // TQ_MEMORY_H

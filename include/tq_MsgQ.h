@@ -245,6 +245,7 @@ TQ_API bool tq_MsgSend(MSG_COMMON* pMsg, bool bAddToHead, int iPriority);
 /// Sends a copy of the message to every registered queue, each with that queue's handle as hDest. A queue that does not
 /// take its copy, or for whose copy there is no memory, is passed over.
 /// @param pMsg  stays the caller's; size bytes are copied. Nothing is sent when it is null or its size less than 28
+/// @param bAddToHead,iPriority  as tq_MsgQ::Send()
 TQ_API void tq_MsgSendToAll(MSG_COMMON* pMsg, bool bAddToHead, int iPriority);
 
 /// Sends a copy of a message, at the tail of the medium list, to one queue or to every queue that has a name ("" is a
@@ -256,9 +257,11 @@ TQ_API void tq_MsgQSendToNamed(unsigned int QueueId, void* pMessage);
 
 /// Sends a message that is only a header, made from the arguments. The usual way to send: see the macro
 /// tq_MsgCreateCommonAndSend, which passes the caller's own file and line.
+/// @param hSource,command,instance,userparm,flags  the header's fields of these names
 /// @param hDest        the receiving queue
-/// @param bAddToHead, iPriority  as tq_MsgQ::Send()
-/// @param pszFilename  charged with the allocation; kept by pointer, so it must live as long as the process
+/// @param bAddToHead,iPriority  as tq_MsgQ::Send()
+/// @param pszFilename,line  charged with the allocation; the name is kept by pointer, so it must live as long as the
+///                     process
 /// @return true when queued; false when there is no memory or no such queue, or it did not take the message
 TQ_API bool tq__MsgCreateCommonAndSend(unsigned int hSource, unsigned int hDest, unsigned int command,
                                        unsigned int instance, unsigned int userparm, unsigned int flags,
@@ -307,6 +310,7 @@ TQ_API void tq_MsgqSetHistory(unsigned int instance, char* pszCommand);
 
 } // extern "C"
 
+/// tq__MsgCreateCommonAndSend() with the file and line of the call.
 #define tq_MsgCreateCommonAndSend(hSource, hDest, command, instance, userparm, flags, bAddToHead, iPriority)           \
     tq__MsgCreateCommonAndSend((hSource), (hDest), (command), (instance), (userparm), (flags), (bAddToHead),           \
                                (iPriority), __FILE__, __LINE__)

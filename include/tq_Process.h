@@ -21,6 +21,7 @@ TQ_API void* tq_LoadLibrary(const char* filename);
 
 /// The address of a symbol.
 /// @param handle  from tq_LoadLibrary(); null searches the program and all that it has loaded at its start
+/// @param symbol  its plain name
 /// @return null when there is none of that name, or symbol is null
 /// Threads: any.
 TQ_API void* tq_GetProcAddress(void* handle, const char* symbol);

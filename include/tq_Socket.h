@@ -27,7 +27,7 @@ enum {
 /// MSG_SOCKET_NEW_CONNECTION, `size` 36: a listening socket accepted a connection. `instance` is the listener's handle,
 /// `userparm` the new socket's (copied from the listener).
 typedef struct _SOCKET_NEW_CONNECTION {
-    MSG_COMMON msg;
+    MSG_COMMON msg;          ///< `size` is 36
     unsigned int new_socket; ///< handle of the accepted socket, which the receiver has to close
     unsigned int srcaddress; ///< the peer's IPv4 address; 0 for a local-domain peer
 } SOCKET_NEW_CONNECTION;
@@ -38,13 +38,13 @@ typedef struct _SOCKET_DATAGRAM {
     unsigned int srcaddress; ///< the sender's IPv4 address
     unsigned int srcport;    ///< the sender's port, host byte order
     unsigned int length;     ///< bytes at `data`, at least 1
-    unsigned char data[1];
+    unsigned char data[1];   ///< the bytes
 } SOCKET_DATAGRAM;
 
 /// MSG_SOCKET_CLOSED, `size` 32: the connection is over. The handle stays valid, what was read can still be taken, and
 /// the receiver has to close the socket.
 typedef struct _SOCKET_CLOSED {
-    MSG_COMMON msg;
+    MSG_COMMON msg; ///< `size` is 32
     int error; ///< system error number; 0: closed by the peer or from the console; ECONNREFUSED (111 on x86): also a
                ///< connect refused without a reason
 } SOCKET_CLOSED;
@@ -106,6 +106,7 @@ TQ_API unsigned int tq_SocketOpenTCPClient(unsigned int hMsgQ, unsigned int dest
                                            unsigned int userparm, unsigned int srcIP, unsigned int srcPort);
 
 /// Listens for TCP connections; each arrives as MSG_SOCKET_NEW_CONNECTION.
+/// @param hMsgQ,userparm  the queue that the socket's messages go to, and the value that each of them carries
 /// @param srcPort  port to listen on; with 0 the system chooses one (tq_SocketGetBoundPort)
 /// @param srcIP    local address, 0 for all
 /// @return the listening socket's handle; 0 on failure (traced)
@@ -113,6 +114,7 @@ TQ_API unsigned int tq_SocketOpenTCPServer(unsigned int hMsgQ, unsigned int srcP
                                            unsigned int srcIP);
 
 /// Opens a datagram socket. It announces itself with MSG_SOCKET_CONNECTED, as a client does, but can send at once.
+/// @param hMsgQ,userparm  the queue that the socket's messages go to, and the value that each of them carries
 /// @param destIP    default destination of sends; 0xFFFFFFFF also allows broadcasting; 0 for none
 /// @param destPort  its port
 /// @param srcIP     local address, 0 for any
@@ -123,6 +125,7 @@ TQ_API unsigned int tq_SocketOpenUDP(unsigned int hMsgQ, unsigned int destIP, un
 
 /// Opens a datagram socket that is a member of a multicast group until it is closed. Announces itself as
 /// tq_SocketOpenUDP() does. Sends go to the group by default but must give the port.
+/// @param hMsgQ,userparm  the queue that the socket's messages go to, and the value that each of them carries
 /// @param mcastIP  the group
 /// @param srcPort  local port, which may be shared with other sockets
 /// @param srcIP    address to bind to, and of the interface to join on; 0: any, and the system's choice
@@ -131,6 +134,7 @@ TQ_API unsigned int tq_SocketOpenMultiCast(unsigned int hMsgQ, unsigned int mcas
                                            unsigned int userparm, unsigned int srcIP);
 
 /// Connects to a local-domain stream socket.
+/// @param hMsgQ,userparm  the queue that the socket's messages go to, and the value that each of them carries
 /// @param destName  path of the peer's socket file, at most 107 characters; copied
 /// @return the socket's handle; 0 on failure (traced)
 TQ_API unsigned int tq_SocketOpenTCPClientDomain(unsigned int hMsgQ, const unsigned char* destName,
@@ -139,6 +143,7 @@ TQ_API unsigned int tq_SocketOpenTCPClientDomain(unsigned int hMsgQ, const unsig
 /// Listens on a local-domain stream socket. A file that stands at the path is removed, its directory made (mode 01777)
 /// when missing, and the socket file gets mode 01777. An existing directory must belong to root or to the caller, must
 /// have neither set-id bit, and must have the sticky bit when others may write to it.
+/// @param hMsgQ,userparm  the queue that the socket's messages go to, and the value that each of them carries
 /// @param srcName  path of the socket file, at most 107 characters; copied. The file stays when the socket is closed.
 /// @return the listening socket's handle; 0 on failure (traced)
 TQ_API unsigned int tq_SocketOpenTCPServerDomain(unsigned int hMsgQ, const unsigned char* srcName,
@@ -146,7 +151,8 @@ TQ_API unsigned int tq_SocketOpenTCPServerDomain(unsigned int hMsgQ, const unsig
 
 /// Sends on a socket. What the system does not take at once is copied and queued, up to the out cap, and sent by the
 /// sockets thread in order. When the cap cuts it short, MSG_SOCKET_WRITEABLE follows once the queue has drained.
-/// @param data      len bytes; null sends nothing
+/// @param hSocket   the socket's handle
+/// @param data,len  the bytes and their count; null sends nothing
 /// @param destIP    datagram sockets: destination, 0 for the socket's own. Stream sockets ignore it.
 /// @param destPort  likewise, the port
 /// @return bytes accepted, sent or queued; 0 for an unknown or closed socket, without memory for the queue, and also
@@ -161,7 +167,8 @@ TQ_API unsigned int tq_SocketSendToInternal(unsigned int hSocket, const unsigned
                                             unsigned int destIP, unsigned int destPort, bool bEnableTracing);
 
 /// Takes stream data that was read. Never blocks.
-/// @param data  room for len bytes; null is traced
+/// @param hSocket   the socket's handle
+/// @param data,len  where they go, and room there; null is traced
 /// @return bytes copied, at most len; 0 when there are none, for an unknown socket, a null data or a len of 0
 TQ_API unsigned int tq_SocketRecv(unsigned int hSocket, unsigned char* data, unsigned int len);
 /// @return bytes that tq_SocketRecv() would find; 0 for an unknown socket
@@ -169,6 +176,7 @@ TQ_API unsigned int tq_SocketDataAvailable(unsigned int hSocket);
 
 /// Closes a socket, letting go of its data first as the flags say. The socket counts as closed at once; its handle is
 /// released when the data is gone, at once when there is none.
+/// @param hSocket  the socket's handle
 /// @param Flags  TQ_SOCKET_FLUSH_IN and TQ_SOCKET_FLUSH_OUT, or 0 to drop both directions' data
 /// @param File,Line  the caller, for the trace
 /// @return 0; 1 for an unknown socket
@@ -227,6 +235,8 @@ TQ_API void tq_SocketSetName(unsigned int hSocket, const char* name);
 TQ_API unsigned int tq_SocketShowSockets(char** pszResponse, unsigned int uiFlags, char* pszCommand);
 
 /// Puts a trace line off until no lock of the sockets layer is held. Of 100 lines waiting, a further one is dropped.
+/// @param level  the trace level
+/// @param handle,socket,error  what the line tells
 /// @param pszFormat  takes handle, socket and error, in this order; kept by pointer, so it must live on
 TQ_API void tq_SocketTraceQueue(int level, const char* pszFormat, int handle, int socket, int error);
 /// Traces the lines put off, in order, on the library's instance in category "Sockets".
@@ -283,6 +293,7 @@ TQ_API int tq_gethostbyname_r(const char* name, tq_hostent* pHost, char* pWork, 
 /// @param pAddress      the address, network byte order
 /// @param addressBytes  its size
 /// @param type          AF_INET or AF_INET6
+/// @param pHost,pWork,workBytes,ppResult,pError  as in tq_gethostbyname_r()
 /// @return as tq_gethostbyname_r() does
 TQ_API int tq_gethostbyaddr_r(const void* pAddress, unsigned int addressBytes, int type, tq_hostent* pHost, char* pWork,
                               unsigned int workBytes, tq_hostent** ppResult, int* pError);
@@ -313,7 +324,8 @@ TQ_API unsigned int tq_GetIPAddress(const char* hostname);
 /// that is in the array already are passed over.
 /// @param pszDomain      for instance "lan"
 /// @param pszService     for instance "sip"
-/// @param pAddressArray  room for uiArrayLen entries
+/// @param pAddressArray  receives what is found
+/// @param uiArrayLen     room there, in entries
 /// @param uiProtocol     1 TCP, 2 UDP
 /// @return entries filled, from the first; 0 when there is nothing, for a null argument, an uiArrayLen of 0, another
 ///         protocol or a name above 255 characters (without a query), and while the sockets layer does not run

@@ -33,11 +33,11 @@ typedef struct _TqString {
     char* Reserved;           ///< where tq_string_strtok() goes on; null when it is not under way
 } TqString;
 
-/// An entity: its name with the ";" that ends it, the character it stands for, the name's length with the ";".
+/// An entity.
 typedef struct _TQ_ESCAPE_XLATE {
-    const char* pszEncoding;
-    unsigned int character;
-    unsigned int length;
+    const char* pszEncoding; ///< its name with the ";" that ends it
+    unsigned int character;  ///< what it stands for
+    unsigned int length;     ///< the name's length with the ";"
 } TQ_ESCAPE_XLATE;
 
 /// As the offset of tq_string_strtok(): go on behind the token found last.
@@ -124,14 +124,22 @@ TQ_API int tq_string_xmlUnEscape(TqString* s);
 
 } // extern "C"
 
+/// tq__string_create() with the file and line of the call.
 #define tq_string_create(initialSize) tq__string_create((initialSize), __FILE__, __LINE__)
+/// tq__string_destroy() with the file and line of the call.
 #define tq_string_destroy(s) tq__string_destroy((s), __FILE__, __LINE__)
+/// tq__string_duplicate() with the file and line of the call.
 #define tq_string_duplicate(pszText) tq__string_duplicate((pszText), __FILE__, __LINE__)
+/// tq__string_substring() with the file and line of the call.
 #define tq_string_substring(s, offset, length) tq__string_substring((s), (offset), (length), __FILE__, __LINE__)
+/// tq__string_getline() with the file and line of the call.
 #define tq_string_getline(s, dst, dstSize) tq__string_getline((s), (dst), (dstSize), __FILE__, __LINE__)
+/// tq__string_replace() with the file and line of the call.
 #define tq_string_replace(s, offset, replaceLength, pszInsert)                                                         \
     tq__string_replace((s), (offset), (replaceLength), (pszInsert), __FILE__, __LINE__)
+/// tq__string_append() with the file and line of the call.
 #define tq_string_append(s, pszSuffix) tq__string_append((s), (pszSuffix), __FILE__, __LINE__)
+/// tq__string_nappend() with the file and line of the call.
 #define tq_string_nappend(s, pszSuffix, appendLength)                                                                  \
     tq__string_nappend((s), (pszSuffix), (appendLength), __FILE__, __LINE__)
 

@@ -53,13 +53,13 @@ enum {
 /// A message with a text: what "SEnd" sends (MSG_TELNET_CUSTOM) and a response (MSG_TELNET_RESPONSE). The text begins
 /// at byte 28. The `size` of a response is 28, the text's length and 1; that of a request is 3 more.
 typedef struct _TELNET_TEXT {
-    MSG_COMMON msg;
-    char text[1]; ///< zero-terminated
+    MSG_COMMON msg; ///< its `size` counts the text
+    char text[1];   ///< zero-terminated
 } TELNET_TEXT;
 
 /// A session of the console. Its fields are the console's own.
 struct _TELNET_INSTANCE;
-typedef struct _TELNET_INSTANCE TELNET_INSTANCE;
+typedef struct _TELNET_INSTANCE TELNET_INSTANCE; ///< see _TELNET_INSTANCE
 
 /// The console's queue. tq_TelnetInitialize() makes the only one there is; an application neither makes nor derives
 /// from it.
@@ -82,6 +82,7 @@ public:
 
     /// Feeds a session with what has been typed, or with a script, byte by byte until there is no more or the session
     /// is to end.
+    /// @param pTelnetInstance  the session
     /// @param hFile        the script; null: the session's socket
     /// @param bUseHistory  lines are remembered
     /// @return CLOSE_SESSION when the session is to end or, unless a script runs, has ended and is gone; else SUCCESS

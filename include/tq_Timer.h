@@ -46,6 +46,7 @@ TQ_API void tq_TimerTerminate();
 
 /// Arms a timer; one with the same four keys is replaced.
 /// @param hMsgQ       handle of the queue that gets the message; it need not exist yet. Not 0
+/// @param instance,userparm,flags  what the message carries in its fields of these names, and with hMsgQ the keys
 /// @param mstimeout   milliseconds until it expires; less than 10 counts as 10
 /// @param type        1 repeats: it expires again mstimeout after each expiry was handled. Anything else fires once
 /// @param name        shown in the report; copied; may be null
@@ -67,7 +68,8 @@ TQ_API unsigned int tq_TimerTimeRemaining(unsigned int hMsgQ, unsigned int insta
                                           unsigned int flags);
 
 /// Milliseconds until the earliest timer of a queue expires whose other three keys match.
-/// @param instance, userparm, flags  0 matches anything
+/// @param hMsgQ  handle of the queue
+/// @param instance,userparm,flags  0 matches anything
 /// @return 4294967295 when there is none, hMsgQ is 0, or the service could not start
 TQ_API unsigned int tq_TimerNextTimeout(unsigned int hMsgQ, unsigned int instance, unsigned int userparm,
                                         unsigned int flags);

@@ -61,8 +61,8 @@ enum {
 
 /// One element of the copy that tq_TraceGetInstanceList() makes; owns its texts.
 typedef struct _TQ_TRACE_INSTANCE {
-    int hTraceInstance;
-    char* pszTraceName;
+    int hTraceInstance;   ///< its handle
+    char* pszTraceName;   ///< its name
     char* pszCatName[32]; ///< name of category 1 << index, or null
 } TQ_TRACE_INSTANCE;
 
@@ -117,6 +117,7 @@ TQ_API unsigned int tq_TraceGetHandleFromName(const char* pszName);
 
 /// Reads a level's name: "All", "None", "Critical", "Severe", "Warning", "Informational", "Debug" or "Low", in any case
 /// of letters. Deliberate: "Debug Low", as reports show the level 5000, is not accepted; its name is "Low" alone.
+/// @param pszText  the name
 /// @param pLevel  gets the level; untouched when the result is false
 /// @return true when pszText is one of the names; false for any other text, for null and without pLevel
 /// Threads: any; takes no lock, and works when trace does not run.
@@ -126,6 +127,7 @@ TQ_API bool ConvertStringToLevel(const char* pszText, int* pLevel);
 
 /// Writes a message to the destinations of an instance and to the system log, if it passes. Nothing is formatted for a
 /// message that does not, or when the handle is unknown, szFormat is null or trace does not run.
+/// @param hTraceInstance     the instance's handle
 /// @param Level              a TQ_TRACE_LEVEL_* or any other value
 /// @param Category           bits of which one at least must be in the instance's mask; 0 never passes
 /// @param bIncludeTimeStamp  begin the line with date and time, unless the instance suppresses them
@@ -145,6 +147,7 @@ TQ_API void tq_TraceInternal(unsigned int hTraceInstance, int Level, unsigned in
 /// Writes a message with date and time, a line end, and a dump of memory: one line for each 16 bytes with the address
 /// (the low 32 bits of it), the bytes in hexadecimal, and those of them that are printable ASCII, the others as ".".
 /// Lines of other threads may come between those of a dump.
+/// @param hTraceInstance,Level,Category  as tq_Trace()
 /// @param pData    the memory; null: only the message and the line end are written
 /// @param uLength  bytes to dump
 /// @param szFormat as for printf(); null: the line end is written and the dump
@@ -170,6 +173,7 @@ TQ_API int tq_TraceGetCatMask(unsigned int hTraceInstance);
 TQ_API int tq_TraceSetCatMask(unsigned int hTraceInstance, int mask);
 
 /// Names a category, in place of the name it may have.
+/// @param hTraceInstance  the instance's handle
 /// @param category  a single bit: 1, 2, 4 ... 0x80000000
 /// @param pszName   copied
 /// @return 0 named; 1 category is not a single bit, pszName is null, there is no memory, trace does not run or the
@@ -211,6 +215,7 @@ TQ_API int tq_TraceDisableDevStudio(unsigned int hTraceInstance);
 ///
 /// Deliberate: a log file that the instance has open is not closed. Call tq_TraceDisableFile() first.
 ///
+/// @param hTraceInstance   the instance's handle
 /// @param pszPath          copied
 /// @param maxFiles         files that take turns; 0 a single file, which starts again when it is full
 /// @param maxBytesPerFile  bytes after which the next file is started; 0 never, and maxFiles then counts as 0
@@ -267,6 +272,7 @@ TQ_API int tq_TraceDisableMulticast(unsigned int hTraceInstance);
 
 /// Stores what is to be called when a viewer sends "RESET/". Only an instance that has the network as a destination
 /// keeps it, and only as long as it has.
+/// @param hTraceInstance   the instance's handle
 /// @param pfnResetHandler  null: nothing is called. It is called on the thread of the queue "TQOS: Tracing", with no
 ///                         lock held: it may trace and switch destinations, but not stop trace or the library, which
 ///                         wait for this thread. One that has been replaced may still be running, or be called once

@@ -14,8 +14,9 @@ typedef unsigned char BOOL;
 /// the format and of the first argument, 0 when the arguments come as a va_list.
 #define TQ_PRINTF(formatIndex, firstArgument) __attribute__((format(printf, formatIndex, firstArgument)))
 
-/// Defaults of a method's last two arguments: the line and the file of the call itself.
+/// Default of a method's last argument but one: the line of the call itself.
 #define TQ_CALLER_LINE static_cast<unsigned int>(__builtin_LINE())
+/// Default of a method's last argument: the file of the call itself.
 #define TQ_CALLER_FILE __builtin_FILE()
 
 #endif // TQ_TYPES_H
