@@ -32,5 +32,9 @@ function(tqos_install)
   write_basic_package_version_file("${PROJECT_BINARY_DIR}/tqosConfigVersion.cmake" COMPATIBILITY SameMajorVersion)
   install(FILES "${PROJECT_BINARY_DIR}/tqosConfig.cmake" "${PROJECT_BINARY_DIR}/tqosConfigVersion.cmake"
     DESTINATION "${package}")
+  # GDB loads it with the library, by its name.
+  install(FILES "${PROJECT_SOURCE_DIR}/tools/gdb/tqos-gdb.py"
+    DESTINATION "${CMAKE_INSTALL_DATADIR}/gdb/auto-load/${CMAKE_INSTALL_FULL_LIBDIR}"
+    RENAME "libtqos.so.${PROJECT_VERSION}-gdb.py")
   tqos_pkg_config_file()
 endfunction()

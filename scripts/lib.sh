@@ -134,6 +134,9 @@ prepare_to_test() {
     have clang++ || packages+=(clang)
     have pkg-config || packages+=(pkg-config)
     have telnet || packages+=(telnet)
+    have abidw || packages+=(abigail-tools)
+    have gdb || packages+=(gdb)
+    have python3 || packages+=(python3)
     install_packages ${packages[@]+"${packages[@]}"}
 }
 
