@@ -63,35 +63,51 @@ private:
 
 using asio::ip::tcp;
 
+enum class Kind { Echo, Drain, Source };
+
 class Session : public std::enable_shared_from_this<Session> {
 public:
-    explicit Session(tcp::socket socket) : m_socket(std::move(socket)) { m_socket.set_option(tcp::no_delay(true)); }
+    Session(tcp::socket socket, Kind kind) : m_socket(std::move(socket)), m_kind(kind) {
+        m_socket.set_option(tcp::no_delay(true));
+    }
+    void Start() {
+        if (m_kind == Kind::Source) {
+            Write(sizeof(m_buffer));
+        } else {
+            Read();
+        }
+    }
+
+private:
     void Read() {
         m_socket.async_read_some(asio::buffer(m_buffer),
                                  [self = shared_from_this()](const boost::system::error_code& error, std::size_t got) {
-                                     if (!error) {
+                                     if (!error && self->m_kind == Kind::Drain) {
+                                         self->Read();
+                                     } else if (!error) {
                                          self->Write(got);
                                      }
                                  });
     }
-
-private:
     void Write(std::size_t bytes) {
         asio::async_write(m_socket, asio::buffer(m_buffer, bytes),
                           [self = shared_from_this()](const boost::system::error_code& error, std::size_t) {
-                              if (!error) {
+                              if (!error && self->m_kind == Kind::Source) {
+                                  self->Write(sizeof(self->m_buffer));
+                              } else if (!error) {
                                   self->Read();
                               }
                           });
     }
     tcp::socket m_socket;
+    Kind m_kind;
     char m_buffer[bench::kStreamPiece];
 };
 
 class Acceptor {
 public:
-    explicit Acceptor(asio::io_context& context)
-        : m_acceptor(context, tcp::endpoint(asio::ip::address_v4::loopback(), 0)) {
+    Acceptor(asio::io_context& context, Kind kind)
+        : m_acceptor(context, tcp::endpoint(asio::ip::address_v4::loopback(), 0)), m_kind(kind) {
         m_acceptor.listen(1024);
         Accept();
     }
@@ -101,18 +117,19 @@ private:
     void Accept() {
         m_acceptor.async_accept([this](const boost::system::error_code& error, tcp::socket socket) {
             if (!error) {
-                std::make_shared<Session>(std::move(socket))->Read();
+                std::make_shared<Session>(std::move(socket), m_kind)->Start();
             }
             Accept();
         });
     }
     tcp::acceptor m_acceptor;
+    Kind m_kind;
 };
 
 /// Runs until the process ends.
-double ServeEcho(bench::Client& client) {
+template <Kind kind> double Serve(bench::Client& client) {
     asio::io_context* pContext = new asio::io_context(1);
-    Acceptor* pAcceptor = new Acceptor(*pContext);
+    Acceptor* pAcceptor = new Acceptor(*pContext, kind);
     std::thread([pContext] { pContext->run(); }).detach();
     return client.Measure(pAcceptor->Port());
 }
@@ -121,4 +138,5 @@ double ServeEcho(bench::Client& client) {
 
 PEER_BENCH_QUEUES(Worker, "Boost.Asio")
 PEER_BENCH_TIMERS(Timers, "Boost.Asio")
-PEER_BENCH_ECHO(ServeEcho, "Boost.Asio")
+PEER_BENCH_ECHO(Serve<Kind::Echo>, "Boost.Asio")
+PEER_BENCH_STREAMS(Serve<Kind::Drain>, Serve<Kind::Source>, "Boost.Asio")

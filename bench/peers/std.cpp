@@ -36,15 +36,27 @@ private:
     std::list<Node*>::iterator m_inserted;
 };
 
-class StdHash {
+/// @tparam bReserved  it is told before how many there will be; otherwise it grows as they come, and again when it has
+///                    been emptied
+template <bool bReserved> class StdHash {
 public:
-    StdHash() { m_map.reserve(bench::kNodes); }
+    StdHash() {
+        if (bReserved) {
+            m_map.reserve(bench::kNodes);
+        }
+    }
     void Add(Node* pNode) { m_map.emplace(pNode->key, pNode); }
     Node* Find(unsigned int key) {
         const auto found = m_map.find(key);
         return found == m_map.end() ? nullptr : found->second;
     }
-    void RemoveAll() { m_map.clear(); }
+    void RemoveAll() {
+        if (bReserved) {
+            m_map.clear();
+        } else {
+            m_map = std::unordered_map<unsigned int, Node*>();
+        }
+    }
 
 private:
     std::unordered_map<unsigned int, Node*> m_map;
@@ -59,7 +71,8 @@ public:
 } // namespace
 
 PEER_BENCH_LISTS(StdList, "std::list")
-PEER_BENCH_HASHES(StdHash, "std::unordered_map")
+PEER_BENCH_HASHES(StdHash<false>, "std::unordered_map")
+PEER_BENCH_HASHES(StdHash<true>, "std::unordered_map, reserved")
 
 PEER_BENCH("memory/plain", "malloc") {
     return bench::AllocateAndFree<Heap>(0, 1);

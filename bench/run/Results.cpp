@@ -130,7 +130,7 @@ Verdict Judge(const Subject& subject, const Outcome& outcome, const Target& targ
 }
 
 std::string ItselfLabel(const char* pszSubject) {
-    return std::string("tqos: ") + FindSubject(pszSubject)->pszTitle;
+    return std::string("tqos, ") + pszSubject;
 }
 
 bool LoadResults(const std::string& path, Results* pResults) {

@@ -17,8 +17,12 @@ Target Named(const char* pszLabel, Compare compare, double bound, bool bAim = fa
     return {Reference::Peer, pszLabel, compare, bound, bAim};
 }
 
-Target Itself(const char* pszSubject, Compare compare, double bound) {
-    return {Reference::Itself, pszSubject, compare, bound};
+Target Itself(const char* pszSubject, Compare compare, double bound, bool bAim = false) {
+    return {Reference::Itself, pszSubject, compare, bound, bAim};
+}
+
+Target Value(Compare compare, double bound) {
+    return {Reference::Value, nullptr, compare, bound};
 }
 
 } // namespace
@@ -84,6 +88,9 @@ const std::vector<Subject>& AllSubjects() {
          {Named("GLib", kAtLeast, 1.0), Named("Boost.Asio", kAtLeast, 1.0, true),
           Itself("timers/10-armed", kAtLeast, 0.3)}},
 
+        {"timers/lateness", "timer of 10 ms, late by", "us", kLess, 1, {Value(kAtMost, 200)}},
+        {"timers/skipped", "of its periods, skipped a clock step", "%", kLess, 1, {Value(kAtMost, 0)}},
+
         {"tcp/echo-one-core",
          "TCP echo, 1 connection, 1 core",
          "k/s",
@@ -102,6 +109,21 @@ const std::vector<Subject>& AllSubjects() {
          kMore,
          1e-3,
          {BestPeer(kAtLeast, 0.55), Named("epoll, handed over", kAtLeast, 0.6)}},
+
+        {"tcp/one-beside-500-idle",
+         "one connection beside 500 idle ones",
+         "k/s",
+         kMore,
+         1e-3,
+         {Itself("tcp/one-connection", kAtLeast, 0.6)}},
+        {"tcp/one-beside-500-idle-one-core",
+         "the same, 1 core",
+         "k/s",
+         kMore,
+         1e-3,
+         {Itself("tcp/echo-one-core", kAtLeast, 0.6, true)}},
+        {"tcp/stream-in", "TCP stream in", "GB/s", kMore, 1e-9, {BestPeer(kAtLeast, 0.7), Floor(kAtLeast, 0.7)}},
+        {"tcp/stream-out", "TCP stream out", "GB/s", kMore, 1e-9, {BestPeer(kAtLeast, 0.7), Floor(kAtLeast, 0.7)}},
 
         {"trace/filtered",
          "trace call filtered out, 1 thread",
@@ -168,6 +190,57 @@ const std::vector<Subject>& AllSubjects() {
          kLess,
          1,
          {Floor(kAtMost, 2), Itself("lock/critical-section", kAtMost, 1.1)}},
+
+        {"lzw/compress-text",
+         "LZW, compress 4 MiB of text",
+         "MB/s",
+         kMore,
+         1e-6,
+         {Named("compress -b 14", kAtLeast, 0.95), Floor(kAtLeast, 0.9)}},
+        {"lzw/expand-text",
+         "LZW, expand 4 MiB of text",
+         "MB/s",
+         kMore,
+         1e-6,
+         {Named("compress -b 14", kAtLeast, 1.6), Floor(kAtLeast, 0.85)}},
+        {"lzw/compress-programs",
+         "LZW, compress 4 MiB of programs",
+         "MB/s",
+         kMore,
+         1e-6,
+         {Named("compress -b 14", kAtLeast, 0.95), Floor(kAtLeast, 0.9)}},
+        {"lzw/expand-programs",
+         "LZW, expand 4 MiB of programs",
+         "MB/s",
+         kMore,
+         1e-6,
+         {Named("compress -b 14", kAtLeast, 1.6), Floor(kAtLeast, 0.85)}},
+        {"lzw/compress-noise",
+         "LZW, compress 4 MiB of noise",
+         "MB/s",
+         kMore,
+         1e-6,
+         {Named("compress -b 14", kAtLeast, 0.75), Floor(kAtLeast, 0.9)}},
+        {"lzw/expand-noise",
+         "LZW, expand 4 MiB of noise",
+         "MB/s",
+         kMore,
+         1e-6,
+         {Named("compress -b 14", kAtLeast, 1.3), Floor(kAtLeast, 0.85)}},
+        {"lzw/compress-100-mb",
+         "LZW, compress 100 MB of text",
+         "MB/s",
+         kMore,
+         1e-6,
+         {Itself("lzw/compress-text", kAtLeast, 1 / 1.2)}},
+
+        {"report/timers-10000", "report of 10 000 timers", "ms", kLess, 1, {Itself("report/timers-1000", kAtMost, 12)}},
+        {"report/lists-10000", "report of 10 000 lists", "ms", kLess, 1, {Itself("report/lists-1000", kAtMost, 12)}},
+
+        {"start/pair", "start and end, no tqos.ini", "ms", kLess, 1, {Value(kAtMost, 2)}},
+        {"start/opens-without-ini", "tqos.ini tried, there is none", "times", kLess, 1, {}},
+        {"start/opens-with-ini", "tqos.ini opened", "times", kLess, 1, {}},
+        {"start/bytes-with-ini", "tqos.ini read of 166 bytes", "bytes", kLess, 1, {}},
     };
     return subjects;
 }

@@ -15,7 +15,7 @@ std::string Number(double value) {
 
 std::string Bound(const Target& target) {
     char text[32];
-    snprintf(text, sizeof(text), "%s %g", target.compare == Compare::AtLeast ? ">=" : "<=", target.bound);
+    snprintf(text, sizeof(text), "%s %.3g", target.compare == Compare::AtLeast ? ">=" : "<=", target.bound);
     return text;
 }
 

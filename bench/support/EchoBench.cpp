@@ -215,8 +215,18 @@ double EchoMany(Serve serve, int connections) {
     return serve(client);
 }
 
-double EchoBesideIdle(Serve serve, int idle) {
-    Client client(1, [idle](unsigned int port) { return MeasureEcho(port, {idle + 1, 1}); });
+double EchoBesideIdle(Serve serve, int idle, int core) {
+    Client client(core, [idle](unsigned int port) { return MeasureEcho(port, {idle + 1, 1}); });
+    return serve(client);
+}
+
+double StreamIn(Serve serve) {
+    Client client(1, MeasureStreamToServer);
+    return serve(client);
+}
+
+double StreamOut(Serve serve) {
+    Client client(1, MeasureStreamFromServer);
     return serve(client);
 }
 

@@ -57,10 +57,12 @@ int Listen(unsigned int* pPort);
 /// What a server does for one subject: gets the client, starts, and gives what client.Measure(port) gives.
 using Serve = double (*)(Client& client);
 
-/// The echo subjects by name: how many connections, where the client runs.
+/// The subjects: how many connections, where the client runs.
 double EchoOneCore(Serve serve);
 double EchoMany(Serve serve, int connections);
-double EchoBesideIdle(Serve serve, int idle);
+double EchoBesideIdle(Serve serve, int idle, int core);
+double StreamIn(Serve serve);
+double StreamOut(Serve serve);
 
 } // namespace bench
 
@@ -74,6 +76,15 @@ double EchoBesideIdle(Serve serve, int idle);
     }                                                                                                                  \
     PEER_BENCH("tcp/echo-500", label) {                                                                                \
         return bench::EchoMany(serve, 500);                                                                            \
+    }
+
+/// Both directions of a stream: a server that takes all that comes, and one that sends all that goes.
+#define PEER_BENCH_STREAMS(serveIn, serveOut, label)                                                                   \
+    PEER_BENCH("tcp/stream-in", label) {                                                                               \
+        return bench::StreamIn(serveIn);                                                                               \
+    }                                                                                                                  \
+    PEER_BENCH("tcp/stream-out", label) {                                                                              \
+        return bench::StreamOut(serveOut);                                                                             \
     }
 
 #endif // ECHO_BENCH_H

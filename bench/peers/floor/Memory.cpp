@@ -1,4 +1,5 @@
 // What the machine allows of allocation: a block tracked by hand, and a free list of blocks of one size.
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 
@@ -10,10 +11,14 @@
 
 namespace {
 
-std::atomic<std::size_t> gBytes;
-std::atomic<std::size_t> gBlocks;
+/// Blocks in the upper 24 bits, their bytes in the lower 40: both are counted in one step.
+std::atomic<std::uint64_t> gInUse;
 
-/// A header of where a block was asked for and how long it is, check bytes on both sides, two counters.
+constexpr std::uint64_t CountOf(std::size_t bytes) {
+    return std::uint64_t(1) << 40 | bytes;
+}
+
+/// A header of where a block was asked for and how long it is, check bytes on both sides, a count of what is in use.
 class TrackedHeap {
 public:
     static void* Allocate(std::size_t size) {
@@ -23,8 +28,7 @@ public:
         }
         new (pMemory) Header{__FILE__, static_cast<unsigned int>(size), __LINE__, 1, kCheck};
         memcpy(pMemory + sizeof(Header) + size, &kCheck, sizeof(kCheck));
-        gBytes.fetch_add(size, std::memory_order_relaxed);
-        gBlocks.fetch_add(1, std::memory_order_relaxed);
+        gInUse.fetch_add(CountOf(size), std::memory_order_relaxed);
         return pMemory + sizeof(Header);
     }
     static void Free(void* pBlock) {
@@ -34,8 +38,7 @@ public:
             abort();
         }
         pHeader->type = 0;
-        gBytes.fetch_sub(pHeader->size, std::memory_order_relaxed);
-        gBlocks.fetch_sub(1, std::memory_order_relaxed);
+        gInUse.fetch_sub(CountOf(pHeader->size), std::memory_order_relaxed);
         free(pHeader);
     }
 

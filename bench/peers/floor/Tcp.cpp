@@ -122,6 +122,25 @@ private:
     std::deque<Piece> m_pieces;
 };
 
+/// Takes all that comes.
+class DrainLoop : public EpollLoop {
+protected:
+    void OnData(int, const char*, std::size_t) override {}
+};
+
+/// A thread that sends whatever the system takes.
+double ServeSource(bench::Client& client) {
+    unsigned int port;
+    const int listener = bench::Listen(&port);
+    std::thread([listener] {
+        const int fd = accept(listener, nullptr, nullptr);
+        static const char piece[bench::kStreamPiece] = {};
+        while (send(fd, piece, sizeof(piece), MSG_NOSIGNAL) > 0) {
+        }
+    }).detach();
+    return client.Measure(port);
+}
+
 // The loops run until the process ends.
 template <class Loop> double Serve(bench::Client& client) {
     Loop* pLoop = new Loop;
@@ -133,3 +152,4 @@ template <class Loop> double Serve(bench::Client& client) {
 
 PEER_BENCH_ECHO(Serve<EchoLoop>, "epoll")
 PEER_BENCH_ECHO(Serve<HandOverLoop>, "epoll, handed over")
+PEER_BENCH_STREAMS(Serve<DrainLoop>, ServeSource, "plain system calls")

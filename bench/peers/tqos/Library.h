@@ -7,11 +7,11 @@
 
 #include <tqos.h>
 
-/// Starts the library with these settings, and ends it.
+/// Starts the library with these settings, null for none, and ends it.
 class Library {
 public:
-    explicit Library(const char* pszSettings = "") {
-        if (FILE* pFile = fopen("tqos.ini", "w")) {
+    explicit Library(const char* pszSettings = nullptr) {
+        if (FILE* pFile = pszSettings ? fopen("tqos.ini", "w") : nullptr) {
             fputs(pszSettings, pFile);
             fclose(pFile);
         }

@@ -60,12 +60,61 @@ protected:
     }
 };
 
-double ServeEcho(bench::Client& client) {
+/// Takes all that comes.
+class Drain : public Server {
+public:
+    ~Drain() override { Cleanup(); }
+
+protected:
+    void OnConnection(unsigned int socket) override { tq_SocketSetDataInCap(socket, 4 * bench::kStreamPiece); }
+    void OnData(unsigned int socket) override {
+        while (tq_SocketRecv(socket, m_piece, sizeof(m_piece))) {
+        }
+    }
+
+private:
+    unsigned char m_piece[bench::kStreamPiece];
+};
+
+/// Sends as much as goes: up to the out cap, and again when that has drained by half.
+class Source : public Server {
+public:
+    ~Source() override { Cleanup(); }
+
+protected:
+    void OnConnection(unsigned int socket) override {
+        tq_SocketSetDataOutCap(socket, 4 * bench::kStreamPiece);
+        tq_SocketSetWritePercentageNotification(socket, 50);
+        OnWriteable(socket);
+    }
+    void OnWriteable(unsigned int socket) override {
+        while (tq_SocketSendTo(socket, m_piece, sizeof(m_piece), 0, 0) == sizeof(m_piece)) {
+        }
+    }
+
+private:
+    unsigned char m_piece[bench::kStreamPiece] = {};
+};
+
+template <class Kind> double Serve(bench::Client& client) {
     const Library library;
-    const EchoServer server;
+    const Kind server{};
     return client.Measure(server.Port());
 }
 
 } // namespace
 
-PEER_BENCH_ECHO(ServeEcho, "tqos")
+PEER_BENCH_ECHO(Serve<EchoServer>, "tqos")
+PEER_BENCH_STREAMS(Serve<Drain>, Serve<Source>, "tqos")
+
+PEER_BENCH("tcp/one-connection", "tqos") {
+    return bench::EchoBesideIdle(Serve<EchoServer>, 0, 1);
+}
+
+PEER_BENCH("tcp/one-beside-500-idle", "tqos") {
+    return bench::EchoBesideIdle(Serve<EchoServer>, 500, 1);
+}
+
+PEER_BENCH("tcp/one-beside-500-idle-one-core", "tqos") {
+    return bench::EchoBesideIdle(Serve<EchoServer>, 500, 0);
+}
