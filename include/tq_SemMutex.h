@@ -53,7 +53,7 @@ typedef struct _SemListNode {
 /// of Release(). Destroying it does not wake threads that wait for it: see to it that there are none.
 class TQ_API tq_SemMutex {
 public:
-    /// Makes a free mutex. Without memory, or when the system has no room for it, every operation on it fails.
+    /// Makes a free mutex. Without memory every operation on it fails.
     /// @param bCritSec  true when it serves a critical section that was asked to be non-recursive; its owner may take
     ///                  it again all the same
     explicit tq_SemMutex(bool bCritSec);
@@ -96,7 +96,7 @@ private:
     friend struct tq_SemInside; // the library's own look at what could be made
 
     void* m_hMutex;
-    bool m_bCritSec;
+    bool m_bCritSec __attribute__((unused)); // any owner may take it again
 };
 
 extern "C" {

@@ -16,7 +16,7 @@
 /// still on its way out of Release(). Destroying it does not wake threads that wait: see to it that there are none.
 class TQ_API tq_SemSemaphore {
 public:
-    /// Makes a semaphore. Without memory, or when the system has no room for it, every operation on it fails.
+    /// Makes a semaphore. Without memory every operation on it fails.
     /// @param InitialCount  units at the start; more than MaxCount counts as MaxCount
     /// @param MaxCount      the ceiling of the count
     tq_SemSemaphore(int InitialCount, int MaxCount);
@@ -47,6 +47,8 @@ public:
     }
 
 private:
+    friend struct tq_SemInside; // the library's own look at what could be made
+
     void* m_hSemaphore;
 };
 

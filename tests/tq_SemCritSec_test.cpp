@@ -62,6 +62,12 @@ public:
     ~Tracking() { tq_SemDisableSemTracking(); }
 };
 
+/// Settings with tracked memory.
+std::string TrackingIn(bool bOnSemMutex) {
+    return std::string("[Memory]\nEnableMemoryTracking=yes\n[Sem]\nUseMutexForCritSec=") +
+           (bOnSemMutex ? "yes\n" : "no\n");
+}
+
 } // namespace
 
 TEST_P(CritSecModes, KeepsThreadsApart) {
@@ -115,7 +121,8 @@ TEST_P(CritSecModes, WhoEntersNextMayDestroyItWhileTheOwnerBeforeIsLeaving) {
     }
 }
 
-TEST_P(CritSecModes, SectionWithoutALockIsEnteredWithoutLocking) {
+TEST(CritSec, OnPthreadMutexThatCouldNotBeMadeIsEnteredWithoutLocking) {
+    PthreadMode mode;
     Tracking tracking;
     test::Fault fault(test::gbMutexInitFails);
     tq_SemCritSec critSec(false);
@@ -133,8 +140,7 @@ TEST_P(CritSecModes, SectionWithoutALockIsEnteredWithoutLocking) {
 }
 
 TEST_P(CritSecModes, SectionGivesItsMemoryBack) {
-    test::Library library(std::string("[Memory]\nEnableMemoryTracking=yes\n[Sem]\nUseMutexForCritSec=") +
-                          (GetParam() ? "yes\n" : "no\n"));
+    test::Library library(TrackingIn(GetParam()));
     const unsigned int before = gRequestedMemoryAllocations;
     {
         tq_SemCritSec critSec(true);
@@ -149,8 +155,7 @@ TEST_P(CritSecModes, SectionGivesItsMemoryBack) {
 }
 
 TEST_P(CritSecModes, SectionThatMemoryIsRefusedForIsEnteredWithoutLocking) {
-    test::Library library(std::string("[Memory]\nEnableMemoryTracking=yes\n[Sem]\nUseMutexForCritSec=") +
-                          (GetParam() ? "yes\n" : "no\n"));
+    test::Library library(TrackingIn(GetParam()));
     ASSERT_EQ(GetParam(), gbUseMutexesForCritSecs);
     const unsigned int before = gRequestedMemoryAllocations;
     for (unsigned int room : {0u, static_cast<unsigned int>(sizeof(tq_SemMutex))}) {
@@ -159,6 +164,7 @@ TEST_P(CritSecModes, SectionThatMemoryIsRefusedForIsEnteredWithoutLocking) {
             tq_SemCritSec critSec(true);
             gMemoryCapInBytes = 0;
             critSec.Enter();
+            EXPECT_EQ(1u, tq_HeldLocks()) << "it counts as held all the same";
             std::thread([&] {
                 critSec.Enter();
                 critSec.Leave();
@@ -183,8 +189,10 @@ TEST_P(CritSecModes, ForcedYieldFollowsEveryLeave) {
 }
 
 TEST_P(CritSecModes, ForcedYieldFollowsALeaveWithoutALockOnAPlainMutexOnly) {
-    test::Fault fault(test::gbMutexInitFails);
+    test::Library library(TrackingIn(GetParam()));
+    gMemoryCapInBytes = 1;
     tq_SemCritSec critSec(true);
+    gMemoryCapInBytes = 0;
     const unsigned int before = test::gYields;
     gbSchedYield = true;
     critSec.Enter();

@@ -40,6 +40,9 @@ public:
     /// False when the clock could not be read; the wait then fails at once.
     explicit operator bool() const { return m_bKnown; }
 
+    /// The instant at which the time is up; null for a wait without a time-out.
+    const struct timespec* Deadline() const { return m_bForEver ? nullptr : &m_deadline; }
+
     /// Waits on the condition with its mutex locked; false when the time is up. Any other return asks the caller to
     /// test again, whatever woke it.
     bool Wait(pthread_cond_t* pCond, pthread_mutex_t* pMutex) const {

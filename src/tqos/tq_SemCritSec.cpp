@@ -105,9 +105,9 @@ void tq_SemCritSec::_Enter(unsigned int uiLine, const char* pszFilename) {
             m_pCritSec->_WaitForMutex(uiLine, pszFilename);
         }
     } else if (m_pmutex) {
-        TrackSemaphore(m_pmutex, SEM_TRACK_TYPE_CRITSEC, SEM_TRACK_STATE_WAITING, uiLine, pszFilename);
+        tq_TrackWait(m_pmutex, SEM_TRACK_TYPE_CRITSEC, SEM_TRACK_STATE_WAITING, uiLine, pszFilename);
         pthread_mutex_lock(static_cast<pthread_mutex_t*>(m_pmutex));
-        TrackSemaphore(m_pmutex, SEM_TRACK_TYPE_CRITSEC, SEM_TRACK_STATE_OWNED, 0, nullptr);
+        tq_TrackWait(m_pmutex, SEM_TRACK_TYPE_CRITSEC, SEM_TRACK_STATE_OWNED, 0, nullptr);
     }
     tq_LockOrderTakePlaced(this);
     tHeld.count += 1; // a section without a lock counts too: its Leave() counts it down
@@ -122,7 +122,7 @@ void tq_SemCritSec::Leave() {
         }
     } else {
         if (m_pmutex) {
-            TrackSemaphore(m_pmutex, SEM_TRACK_TYPE_CRITSEC, SEM_TRACK_STATE_RELEASED, 0, nullptr);
+            tq_TrackWait(m_pmutex, SEM_TRACK_TYPE_CRITSEC, SEM_TRACK_STATE_RELEASED, 0, nullptr);
             pthread_mutex_unlock(static_cast<pthread_mutex_t*>(m_pmutex));
         }
         if (gbSchedYield.load(std::memory_order_relaxed)) {

@@ -2,7 +2,7 @@
 
 #include "tq_Deadline_p.h"
 #include "tq_Memory.h"
-#include "tq_SemMutex.h"
+#include "tq_SemMutex_p.h"
 
 tq_SemEvent::tq_SemEvent(int bManualReset, int bInitialState) : m_hSemEvent(nullptr) {
     SemEventStruct* pEvent = static_cast<SemEventStruct*>(tq_malloc(sizeof(SemEventStruct)));
@@ -34,7 +34,7 @@ BOOL tq_SemEvent::_WaitForEvent(int msTimeOut, unsigned int uiLine, const char* 
     if (!pEvent) {
         return 0;
     }
-    TrackSemaphore(pEvent, SEM_TRACK_TYPE_EVENT, SEM_TRACK_STATE_WAITING, uiLine, pszFilename);
+    tq_TrackWait(pEvent, SEM_TRACK_TYPE_EVENT, SEM_TRACK_STATE_WAITING, uiLine, pszFilename);
     const tq_TimedWait wait(msTimeOut);
     if (!wait) {
         return 0;
@@ -53,7 +53,7 @@ BOOL tq_SemEvent::_WaitForEvent(int msTimeOut, unsigned int uiLine, const char* 
     }
     // Whoever knows that this wait has ended may destroy the event: only its address is used from here on.
     pthread_mutex_unlock(&pEvent->mutex);
-    TrackSemaphore(pEvent, SEM_TRACK_TYPE_EVENT, SEM_TRACK_STATE_RELEASED, 0, nullptr);
+    tq_TrackWait(pEvent, SEM_TRACK_TYPE_EVENT, SEM_TRACK_STATE_RELEASED, 0, nullptr);
     return bSeen;
 }
 

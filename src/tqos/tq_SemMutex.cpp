@@ -5,11 +5,12 @@
 #include <string.h>
 
 #include "tq_Deadline_p.h"
+#include "tq_Futex_p.h"
 #include "tq_IniKeys_p.h"
 #include "tq_LockOrder_p.h"
 #include "tq_Memory.h"
 #include "tq_Report_p.h"
-#include "tq_Thread.h"
+#include "tq_Thread_p.h"
 
 std::atomic<bool> gbUseMutexesForCritSecs{true};
 std::atomic<bool> gbSchedYield{false};
@@ -163,17 +164,7 @@ extern "C" void TrackSemaphore(void* sem, int type, int state, unsigned int uiLi
     tbTracking = false;
 }
 
-tq_SemMutex::tq_SemMutex(bool bCritSec) : m_hMutex(nullptr), m_bCritSec(bCritSec) {
-    MutexStruct* pMutex = static_cast<MutexStruct*>(tq_calloc(1, sizeof(MutexStruct)));
-    if (!pMutex) {
-        return;
-    }
-    if (!tq_InitMutexAndCond(&pMutex->mutex, &pMutex->cond)) {
-        tq_free(pMutex);
-        return;
-    }
-    m_hMutex = pMutex;
-}
+tq_SemMutex::tq_SemMutex(bool bCritSec) : m_hMutex(tq_newObject<MutexStruct>()), m_bCritSec(bCritSec) {}
 
 tq_SemMutex::~tq_SemMutex() {
     MutexStruct* pMutex = static_cast<MutexStruct*>(m_hMutex);
@@ -181,40 +172,71 @@ tq_SemMutex::~tq_SemMutex() {
         return;
     }
     m_hMutex = nullptr;
-    pthread_cond_destroy(&pMutex->cond);
-    pthread_mutex_destroy(&pMutex->mutex);
-    tq_free(pMutex);
+    tq_deleteObject(pMutex);
 }
+
+namespace {
+
+unsigned int OwnerIn(unsigned int ownerThread) {
+    return ownerThread & ~kNoThreadsBit;
+}
+
+/// Waits until the mutex is the thread's; false when the time is up first.
+[[gnu::noinline]] bool WaitToOwn(MutexStruct& mutex, unsigned int me, const struct timespec* pDeadline) {
+    unsigned int owner = mutex.ownerThread.load(std::memory_order_relaxed);
+    for (;;) {
+        if (owner == 0) {
+            // Marked: others may be asleep still, and nobody else remembers them.
+            if (mutex.ownerThread.compare_exchange_weak(owner, me | kNoThreadsBit, std::memory_order_acquire,
+                                                        std::memory_order_relaxed)) {
+                return true;
+            }
+            continue;
+        }
+        const unsigned int marked = owner | kNoThreadsBit;
+        if (owner != marked && !mutex.ownerThread.compare_exchange_weak(owner, marked, std::memory_order_relaxed)) {
+            continue;
+        }
+        if (!tq_Futex::Sleep(mutex.ownerThread, marked, pDeadline)) {
+            return false;
+        }
+        owner = mutex.ownerThread.load(std::memory_order_relaxed);
+    }
+}
+
+/// Makes the mutex the thread's once, or once more; false when the time is up first.
+inline bool Take(MutexStruct& mutex, const struct timespec* pDeadline) {
+    const unsigned int me = tq_GetThreadId();
+    unsigned int owner = mutex.ownerThread.load(std::memory_order_relaxed);
+    if (OwnerIn(owner) != me) {
+        const bool bWasFree = owner == 0 && mutex.ownerThread.compare_exchange_strong(
+                                                owner, me, std::memory_order_acquire, std::memory_order_relaxed);
+        if (!bWasFree && !WaitToOwn(mutex, me, pDeadline)) {
+            return false;
+        }
+    }
+    // Deliberate: a critical section asked to be non-recursive would be expected to block, or to report, when its owner
+    // enters it again. The second entry is counted like any other, and needs a leave of its own.
+    mutex.instances += 1;
+    return true;
+}
+
+} // namespace
 
 BOOL tq_SemMutex::_WaitForMutexWithTimeout(int msTimeOut, unsigned int uiLine, const char* pszFilename) {
     MutexStruct* pMutex = static_cast<MutexStruct*>(m_hMutex);
     if (!pMutex) {
         return 0;
     }
-    TrackSemaphore(pMutex, SEM_TRACK_TYPE_MUTEX, SEM_TRACK_STATE_WAITING, uiLine, pszFilename);
+    tq_TrackWait(pMutex, SEM_TRACK_TYPE_MUTEX, SEM_TRACK_STATE_WAITING, uiLine, pszFilename);
     const tq_TimedWait wait(msTimeOut);
     if (!wait) {
         return 0;
     }
-    BOOL bOwned = 1;
-    const unsigned int me = tq_GetThreadId();
-    pthread_mutex_lock(&pMutex->mutex);
-    if (pMutex->ownerThread != 0 && pMutex->ownerThread != me) {
-        while (bOwned && pMutex->instances != 0) {
-            bOwned = wait.Wait(&pMutex->cond, &pMutex->mutex) ? 1 : 0;
-        }
-    } else if (m_bCritSec && pMutex->ownerThread == me) {
-        // Deliberate: a critical section asked to be non-recursive would be expected to block, or to report, when its
-        // owner enters it again. The second entry is counted like any other, and needs a leave of its own.
-    }
-    if (bOwned) {
-        pMutex->instances += 1;
-        pMutex->ownerThread = me;
-    }
-    pthread_mutex_unlock(&pMutex->mutex);
+    const BOOL bOwned = Take(*pMutex, wait.Deadline()) ? 1 : 0;
     // Deliberate: a wait that timed out would be expected to lose its record. It is shown as owned too, until this
     // thread next releases the mutex, so the report names the threads that gave up.
-    TrackSemaphore(pMutex, SEM_TRACK_TYPE_MUTEX, SEM_TRACK_STATE_OWNED, uiLine, pszFilename);
+    tq_TrackWait(pMutex, SEM_TRACK_TYPE_MUTEX, SEM_TRACK_STATE_OWNED, uiLine, pszFilename);
     return bOwned;
 }
 
@@ -227,17 +249,16 @@ BOOL tq_SemMutex::Release() {
     if (!pMutex) {
         return 0;
     }
-    TrackSemaphore(pMutex, SEM_TRACK_TYPE_MUTEX, SEM_TRACK_STATE_RELEASED, 0, nullptr);
-    pthread_mutex_lock(&pMutex->mutex);
-    if (pMutex->instances != 0 && pMutex->ownerThread == tq_GetThreadId()) {
-        pMutex->instances -= 1;
-        if (pMutex->instances == 0) {
-            pMutex->ownerThread = 0;
-            pthread_cond_signal(&pMutex->cond);
+    tq_TrackWait(pMutex, SEM_TRACK_TYPE_MUTEX, SEM_TRACK_STATE_RELEASED, 0, nullptr);
+    const unsigned int owner = OwnerIn(pMutex->ownerThread.load(std::memory_order_relaxed));
+    if (owner == tq_GetThreadId() && --pMutex->instances == 0) {
+        // From this exchange on the next owner may destroy the mutex: neither the object nor its record is touched
+        // again, and only the record's address is used.
+        const void* const pAddress = tq_Futex::AddressOf(pMutex->ownerThread);
+        if (pMutex->ownerThread.exchange(0, std::memory_order_release) != owner) {
+            tq_Futex::Wake(pAddress, 1);
         }
     }
-    // From this unlock on the next owner may destroy the mutex: neither the object nor its record is touched again.
-    pthread_mutex_unlock(&pMutex->mutex);
     if (gbSchedYield.load(std::memory_order_relaxed)) {
         sched_yield();
     }

@@ -3,45 +3,73 @@
 #include <limits.h>
 
 #include "tq_Deadline_p.h"
+#include "tq_Futex_p.h"
 #include "tq_Memory.h"
-#include "tq_SemMutex.h"
+#include "tq_SemMutex_p.h"
 
 namespace {
 
-/// The sum, kept within the range of an int.
-int SaturatedSum(int count, long added) {
+/// The value that stands for a count of 0 while a thread sleeps until it is another.
+int AwaitedZero(const SemaStruct& sema) {
+    return sema.maxcount < INT_MAX ? sema.maxcount + 1 : INT_MIN;
+}
+
+/// The sum, kept within what the semaphore can count: an int, and no more than its ceiling.
+int SumIn(const SemaStruct& sema, int count, long added) {
     int sum = 0;
     if (__builtin_add_overflow(count, added, &sum)) {
-        return added > 0 ? INT_MAX : INT_MIN;
+        sum = added > 0 ? INT_MAX : INT_MIN;
     }
-    return sum;
+    sum = sum > sema.maxcount ? sema.maxcount : sum;
+    return sum == AwaitedZero(sema) ? sum + 1 : sum;
+}
+
+/// Takes a unit; false when the time is up before there is one.
+bool TakeUnit(SemaStruct& sema, const struct timespec* pDeadline) {
+    const int awaitedZero = AwaitedZero(sema);
+    int count = sema.curcount.load(std::memory_order_relaxed);
+    for (;;) {
+        // Deliberate: a negative count would be expected to block like 0. Only 0 blocks; below it, waits pass and count
+        // further down.
+        const bool bBlocks = count == 0 || count == awaitedZero;
+        const int next = bBlocks ? awaitedZero : SumIn(sema, count, -1);
+        // Whoever knows that this wait has succeeded may destroy the semaphore: this is the last that touches it.
+        if (count != next &&
+            !sema.curcount.compare_exchange_weak(count, next, std::memory_order_acquire, std::memory_order_relaxed)) {
+            continue;
+        }
+        if (!bBlocks) {
+            return true;
+        }
+        if (!tq_Futex::SleepCancellably(sema.curcount, awaitedZero, pDeadline)) {
+            return false;
+        }
+        count = sema.curcount.load(std::memory_order_relaxed);
+    }
+}
+
+void SetCount(long* pCount, long count) {
+    if (pCount) {
+        *pCount = count;
+    }
 }
 
 } // namespace
 
 tq_SemSemaphore::tq_SemSemaphore(int InitialCount, int MaxCount) : m_hSemaphore(nullptr) {
-    SemaStruct* pSema = static_cast<SemaStruct*>(tq_malloc(sizeof(SemaStruct)));
+    SemaStruct* pSema = tq_newObject<SemaStruct>();
     if (!pSema) {
         return;
     }
     pSema->maxcount = MaxCount;
-    pSema->curcount = InitialCount < MaxCount ? InitialCount : MaxCount;
-    if (!tq_InitMutexAndCond(&pSema->mutex, &pSema->cond)) {
-        tq_free(pSema);
-        return;
-    }
+    pSema->curcount.store(SumIn(*pSema, InitialCount, 0), std::memory_order_relaxed);
     m_hSemaphore = pSema;
 }
 
 tq_SemSemaphore::~tq_SemSemaphore() {
     SemaStruct* pSema = static_cast<SemaStruct*>(m_hSemaphore);
-    if (!pSema) {
-        return;
-    }
     m_hSemaphore = nullptr;
-    pthread_cond_destroy(&pSema->cond);
-    pthread_mutex_destroy(&pSema->mutex);
-    tq_free(pSema);
+    tq_deleteObject(pSema);
 }
 
 BOOL tq_SemSemaphore::_WaitForSem(int msTimeOut, unsigned int uiLine, const char* pszFilename) {
@@ -49,24 +77,13 @@ BOOL tq_SemSemaphore::_WaitForSem(int msTimeOut, unsigned int uiLine, const char
     if (!pSema) {
         return 0;
     }
-    TrackSemaphore(pSema, SEM_TRACK_TYPE_SEMAPHORE, SEM_TRACK_STATE_WAITING, uiLine, pszFilename);
+    tq_TrackWait(pSema, SEM_TRACK_TYPE_SEMAPHORE, SEM_TRACK_STATE_WAITING, uiLine, pszFilename);
     const tq_TimedWait wait(msTimeOut);
     if (!wait) {
         return 0;
     }
-    BOOL bTaken = 1;
-    pthread_mutex_lock(&pSema->mutex);
-    // Deliberate: a negative count would be expected to block like 0. Only 0 blocks; below it, waits pass and count
-    // further down.
-    while (bTaken && pSema->curcount == 0) {
-        bTaken = wait.Wait(&pSema->cond, &pSema->mutex) ? 1 : 0;
-    }
-    if (bTaken) {
-        pSema->curcount = SaturatedSum(pSema->curcount, -1);
-    }
-    // Whoever knows that this wait has succeeded may destroy the semaphore: only its address is used from here on.
-    pthread_mutex_unlock(&pSema->mutex);
-    TrackSemaphore(pSema, SEM_TRACK_TYPE_SEMAPHORE, SEM_TRACK_STATE_RELEASED, 0, nullptr);
+    const BOOL bTaken = TakeUnit(*pSema, wait.Deadline()) ? 1 : 0;
+    tq_TrackWait(pSema, SEM_TRACK_TYPE_SEMAPHORE, SEM_TRACK_STATE_RELEASED, 0, nullptr);
     return bTaken;
 }
 
@@ -75,21 +92,24 @@ BOOL tq_SemSemaphore::Release(long ReleaseCount, long* PrevCount) {
     if (!pSema) {
         return 0;
     }
-    // Deliberate: a release that adds nothing would be expected to report the count that it found. It reports 0.
-    long previous = 0;
-    BOOL bReleased = 0;
-    pthread_mutex_lock(&pSema->mutex);
-    if (ReleaseCount != 0 && pSema->curcount != pSema->maxcount) {
-        previous = pSema->curcount;
-        const int sum = SaturatedSum(pSema->curcount, ReleaseCount);
-        pSema->curcount = sum > pSema->maxcount ? pSema->maxcount : sum;
-        pthread_cond_broadcast(&pSema->cond);
-        bReleased = 1;
+    // A waiter that takes what this adds may destroy the semaphore: nothing of it is touched after the exchange.
+    const int awaitedZero = AwaitedZero(*pSema);
+    const void* const pAddress = tq_Futex::AddressOf(pSema->curcount);
+    int found = pSema->curcount.load(std::memory_order_relaxed);
+    int count;
+    do {
+        count = found == awaitedZero ? 0 : found;
+        if (ReleaseCount == 0 || count == pSema->maxcount) {
+            // Deliberate: a release that adds nothing would be expected to report the count that it found. It reports
+            // 0.
+            SetCount(PrevCount, 0);
+            return 0;
+        }
+    } while (!pSema->curcount.compare_exchange_weak(found, SumIn(*pSema, count, ReleaseCount),
+                                                    std::memory_order_release, std::memory_order_relaxed));
+    if (found == awaitedZero) {
+        tq_Futex::Wake(pAddress, INT_MAX);
     }
-    // A waiter just woken may destroy the semaphore: nothing of it is touched after this unlock.
-    pthread_mutex_unlock(&pSema->mutex);
-    if (PrevCount) {
-        *PrevCount = previous;
-    }
-    return bReleased;
+    SetCount(PrevCount, count);
+    return 1;
 }

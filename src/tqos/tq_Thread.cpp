@@ -71,7 +71,7 @@ std::atomic<unsigned int> gLastThreadId{0};
 unsigned int NewThreadId() {
     unsigned int id = 0;
     while (id == 0) { // 0 means "no thread" everywhere
-        id = gLastThreadId.fetch_add(1, std::memory_order_relaxed) + 1;
+        id = (gLastThreadId.fetch_add(1, std::memory_order_relaxed) + 1) & ~kNoThreadsBit;
     }
     return id;
 }

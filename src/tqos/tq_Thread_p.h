@@ -37,6 +37,10 @@ static_assert(sizeof(TQ_THREAD_ARGS) == 12 && offsetof(TQ_THREAD_ARGS, start_add
               "layout of thread arguments");
 #endif
 
+/// A bit that is set in no thread's id, so that whoever stores an id has it for something else: a pthread_t of 32 bits
+/// is an aligned address, and a counter does not come so far.
+constexpr unsigned int kNoThreadsBit = sizeof(void*) == 4 ? 1u : 0x80000000u;
+
 extern tq_List* gpThreadList; ///< TQ_THREAD_LIST_NODE records in order of creation
 
 /// First step of the library's termination: says whether it will wait for all tracked threads. If so, records keep

@@ -162,6 +162,7 @@ TEST(Refused, AQueueWithoutMemoryForItsLockIsNotCreated) {
 
 TEST(Refused, WhatThreadsShareDoesNotStartWithoutItsLock) {
     test::ScratchDirectory directory;
+    test::WriteFile("tqos.ini", "[Sem]\nUseMutexForCritSec=no\n"); // the locks that the system has to make room for
     for (unsigned int k = 1; k <= 120; ++k) {
         Arm({Call::kMutexInit, k, false, EAGAIN}); // one after the other, of all the locks that a start makes
         if (tqOS_Initialize() == 0 && tq_SocketInitialize() == 0 && tq_TimerInitialize() == 0) {
