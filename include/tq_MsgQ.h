@@ -220,6 +220,7 @@ private:
 
     bool m_bListsUnnamed;
     bool m_bEndWithoutMessage;
+    unsigned char m_uiWorkerSleep;
     unsigned int m_uiLockDepth;
     std::atomic<bool> m_bEndTold;
     std::atomic<unsigned int> m_uiWorkerState;

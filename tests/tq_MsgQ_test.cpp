@@ -1419,6 +1419,62 @@ TEST(MsgQ, QueuesComeAndGoWhileOthersSendToThem) {
     }
 }
 
+TEST(MsgQ, AQueueStaysUntilWhoSendsToItByItsHandleHasLeftIt) {
+    test::Library library;
+    std::atomic<unsigned int> handle{0};
+    std::atomic<bool> bStop{false};
+    std::atomic<unsigned int> delivered{0};
+    std::vector<std::thread> senders;
+    for (int i = 0; i < 3; ++i) {
+        senders.emplace_back([&, i] {
+            while (!bStop) {
+                delivered += tq_MsgCreateCommonAndSend(0, handle, MSG_USER, 0, 0, 0, false, i + 1) ? 1 : 0;
+            }
+        });
+    }
+    for (int round = 0; round < 500 || delivered == 0; ++round) {
+        alignas(RecordingQueue) unsigned char place[sizeof(RecordingQueue)];
+        auto* const pQueue = new (place) RecordingQueue;
+        pQueue->Create(0);
+        handle = pQueue->GetHandle();
+        if (round % 2) {
+            ASSERT_TRUE(pQueue->WaitForCount(2));
+        }
+        pQueue->~RecordingQueue();
+        memset(place, 0xFF, sizeof(place)); // a sender that still used it would show
+    }
+    bStop = true;
+    for (std::thread& sender : senders) {
+        sender.join();
+    }
+}
+
+TEST(MsgQ, QueuesWhoseHandlesShareAPlaceAreAllReached) {
+    test::Library library("[Handles]\nMaxHandle=100\n");
+    RecordingQueue first("first");
+    first.Create(0);
+    std::vector<unsigned int> handles;
+    while (unsigned int handle = tq_HandleGet()) {
+        handles.push_back(handle);
+    }
+    tq_HandleRelease(first.GetHandle() + 65536); // any number is accepted, and given out in its turn
+    RecordingQueue second("second");
+    second.Create(0);
+    ASSERT_EQ(first.GetHandle() + 65536, second.GetHandle());
+    EXPECT_TRUE(IsReached(second.GetHandle()));
+    ASSERT_TRUE(second.WaitForCount(2));
+    EXPECT_TRUE(IsReached(first.GetHandle()));
+    ASSERT_TRUE(first.WaitForCount(2));
+    const unsigned int gone = first.GetHandle();
+    first.Cleanup();
+    EXPECT_FALSE(IsReached(gone));
+    EXPECT_TRUE(IsReached(second.GetHandle())) << "found as before";
+    ASSERT_TRUE(second.WaitForCount(3));
+    for (unsigned int handle : handles) {
+        tq_HandleRelease(handle);
+    }
+}
+
 TEST(MsgQ, LateSendersFindNothingWhileTheLibraryStopsAndStarts) {
     std::atomic<bool> bStop{false};
     std::vector<std::thread> senders;

@@ -52,6 +52,23 @@ unsigned int gHandleHash = 0;        // the registry's hash by handle; set while
 
 bool gbQueuesAccepted = false; // guarded by the registry's lock
 
+/// Where a send finds a queue by its handle without the registry's lock. A registered queue stands in the place that
+/// its handle gives, unless another one stands there already: then, and while none stands there, the registry is asked.
+///
+/// Whoever sends counts itself in first and looks then; whoever ends a queue clears the place first and looks at the
+/// count then. The order of the two is the same for all threads (memory_order_seq_cst), so either the sender finds no
+/// queue any more, or it is waited for.
+struct Place {
+    std::atomic<tq_MsgQ*> pQueue;      // changed with the registry locked
+    std::atomic<unsigned int> senders; // that may be using the queue which stands, or stood, here
+};
+constexpr unsigned int kPlaces = 65536; // memory that is not touched costs nothing, and handles are given out upwards
+Place gPlaces[kPlaces];
+
+Place& PlaceOf(unsigned int handle) {
+    return gPlaces[handle % kPlaces];
+}
+
 // The queues that have a handle, registered or not. A leaf: nothing is called with it held.
 tq_PlacedMutex gCreatedMutex(tq_LockRank::kLeaf);
 tq_MsgQ* gpCreated = nullptr;
@@ -108,6 +125,39 @@ QUEUE_DETAILS* tq_MsgQFindLocked(unsigned int handle) {
 
 namespace {
 
+void TakePlaceLocked(tq_MsgQ& queue, unsigned int handle) {
+    Place& place = PlaceOf(handle);
+    if (!place.pQueue.load()) {
+        place.pQueue = &queue;
+    }
+}
+
+void ClearPlaceLocked(const tq_MsgQ& queue, unsigned int handle) {
+    Place& place = PlaceOf(handle);
+    if (place.pQueue.load() == &queue) {
+        place.pQueue = nullptr;
+    }
+}
+
+/// Counts its creator as a sender for a scope.
+class SenderInPlace {
+public:
+    explicit SenderInPlace(Place& place) : m_place(place) { m_place.senders.fetch_add(1); }
+    ~SenderInPlace() { m_place.senders.fetch_sub(1, std::memory_order_release); }
+    SenderInPlace(const SenderInPlace&) = delete;
+    SenderInPlace& operator=(const SenderInPlace&) = delete;
+
+private:
+    Place& m_place;
+};
+
+/// Waits for those who may have found a queue by its handle before it was taken out of the registry.
+void WaitForSenders(unsigned int handle) {
+    while (PlaceOf(handle).senders.load() != 0) {
+        PauseShortly();
+    }
+}
+
 /// False, with nothing changed, without memory for the entry in the list or in its hash.
 bool AddToRegistryLocked(QUEUE_DETAILS* pDetails) {
     if (!AddAtEnd(*gpListOfQs, pDetails, /*bAtHead=*/false)) {
@@ -128,7 +178,8 @@ tq_MsgQ::tq_MsgQ(const char* name, const char* description)
     : m_Sem(0, kMaxMessages), m_CritSecListLock(true), m_SemThreadExit(1, 0), m_pQueueHigh(nullptr),
       m_pQueueMed(nullptr), m_pQueueLow(nullptr), m_ThreadId(0), m_hSource(0), m_StackSize(0), m_bDone(true),
       m_pszName(nullptr), m_pszDescription(nullptr), m_iHistorySize(0), m_iHistoryIndex(0), m_piHistory(nullptr),
-      m_bFullHistory(false), m_bListsUnnamed(false), m_bEndWithoutMessage(false), m_uiLockDepth(0), m_bEndTold(false),
+      m_bFullHistory(false), m_bListsUnnamed(false), m_bEndWithoutMessage(false),
+      m_uiWorkerSleep(tq_MsgQInside::kAwake), m_uiLockDepth(0), m_bEndTold(false),
       m_uiWorkerState(tq_MsgQInside::kNoWorker), m_uiPins(0), m_pNextCreated(nullptr) {
     tq_LockOrderPlace(&m_CritSecListLock, tq_LockRank::kQueue);
     SetName(name ? name : "");
@@ -182,6 +233,7 @@ bool tq_MsgQInside::Register(tq_MsgQ& queue, unsigned int* phSource) {
     }
     queue.m_hSource = handle;
     queue.m_bDone = false;
+    TakePlaceLocked(queue, handle);
     return true;
 }
 
@@ -246,25 +298,52 @@ bool tq_MsgQInside::Handle(tq_MsgQ& queue, MSG_COMMON* pMsg) {
     return !bLast;
 }
 
-/// Waits for a message and takes it, or finds none (the count of the semaphore may run ahead of the lists); false when
-/// the worker is to end without one.
+/// Takes the next message, or waits until there may be one and returns without; false when the worker is to end without
+/// one.
 bool tq_MsgQInside::NextMessage(tq_MsgQ& queue, MSG_COMMON** ppMsg) {
-    *ppMsg = nullptr;
-    if (!queue.m_Sem.WaitForSem(-1)) {
-        PauseShortly(); // a semaphore that got no memory never blocks
+    bool bSleep;
+    {
+        tq_MsgQLock lock(queue);
+        *ppMsg = TakeLocked(queue);
+        if (*ppMsg || queue.m_bEndWithoutMessage) {
+            return *ppMsg != nullptr;
+        }
+        bSleep = MaySleepLocked(queue);
     }
-    tq_MsgQLock lock(queue);
+    if (bSleep) {
+        queue.m_Sem.WaitForSem(-1);
+    } else {
+        PauseShortly();
+    }
+    return true;
+}
+
+/// Takes the message that is to be handled next off its list; null when none waits.
+MSG_COMMON* tq_MsgQInside::TakeLocked(tq_MsgQ& queue) {
     // A worker that ends without MSG_DESTROY handles what it would have handled before it.
     const int lowest = queue.m_bEndWithoutMessage ? TQ_MSG_PRIORITY_MEDIUM : TQ_MSG_PRIORITY_LOW;
-    for (int iPriority = TQ_MSG_PRIORITY_HIGH; !*ppMsg && iPriority <= lowest; ++iPriority) {
+    MSG_COMMON* pMsg = nullptr;
+    for (int iPriority = TQ_MSG_PRIORITY_HIGH; !pMsg && iPriority <= lowest; ++iPriority) {
         tq_List* pList = ListOf(queue, iPriority);
-        *ppMsg = pList ? static_cast<MSG_COMMON*>(pList->RemoveHead()) : nullptr;
+        pMsg = pList ? static_cast<MSG_COMMON*>(pList->RemoveHead()) : nullptr;
     }
-    if (!*ppMsg) {
-        return !queue.m_bEndWithoutMessage;
+    if (pMsg) {
+        AddToHistoryLocked(queue, static_cast<int>(pMsg->command));
     }
-    queue.AddToHistory(static_cast<int>((*ppMsg)->command));
-    return true;
+    return pMsg;
+}
+
+/// From here on whoever has something for the worker wakes it. False when nobody could: a semaphore that got no memory
+/// never blocks.
+bool tq_MsgQInside::MaySleepLocked(tq_MsgQ& queue) {
+    queue.m_uiWorkerSleep = tq_SemInside::Works(queue.m_Sem) ? kSleeps : kAwake;
+    return queue.m_uiWorkerSleep == kSleeps;
+}
+
+void tq_MsgQInside::WakeLocked(tq_MsgQ& queue) {
+    if (queue.m_uiWorkerSleep == kSleeps) {
+        queue.m_uiWorkerSleep = kToBeWoken; // when the queue has been left, see Unlock()
+    }
 }
 
 /// The worker's last steps: the event gives the queue away.
@@ -324,7 +403,7 @@ bool tq_MsgQInside::EnqueueLocked(tq_MsgQ& queue, MSG_COMMON* pMsg, bool bAddToH
         queue.m_bDone = true;
         queue.m_bEndTold = true;
     }
-    queue.m_Sem.Release(1, nullptr);
+    WakeLocked(queue);
     return true;
 }
 
@@ -335,28 +414,56 @@ void tq_MsgQ::Lock() {
 
 void tq_MsgQ::Unlock() {
     m_uiLockDepth -= 1;
-    const bool bNameLists = m_bListsUnnamed && m_uiLockDepth == 0;
+    const bool bLast = m_uiLockDepth == 0;
+    const bool bNameLists = bLast && m_bListsUnnamed;
+    const bool bWake = bLast && m_uiWorkerSleep == tq_MsgQInside::kToBeWoken;
     if (bNameLists) {
         m_bListsUnnamed = false;
+        tq_MsgQInside::Pin(*this);
+    }
+    if (bWake) {
+        m_uiWorkerSleep = tq_MsgQInside::kAwake;
     }
     m_CritSecListLock.Leave();
     // Naming takes the registry's lock, which comes before a queue's: so not in Send(), which may have been called with
     // this lock held, but here, where the last hold of it has been left.
     if (bNameLists) {
         tq_MsgQInside::ApplyName(*this);
+        tq_MsgQInside::Unpin(*this);
+    }
+    // Here as well, since the worker's first step is to take this lock.
+    if (bWake) {
+        m_Sem.Release(1, nullptr);
     }
 }
 
-bool tq_MsgSend(MSG_COMMON* pMsg, bool bAddToHead, int iPriority) {
-    if (!pMsg) {
-        return false;
-    }
+namespace {
+
+/// With the registry locked throughout, so that the queue cannot go away.
+bool SendThroughRegistry(MSG_COMMON* pMsg, bool bAddToHead, int iPriority) {
     tq_MsgQRegistryLock registry;
     if (!registry) {
         return false;
     }
     const QUEUE_DETAILS* pDetails = tq_MsgQFindLocked(pMsg->hDest);
     return pDetails && pDetails->pMsgQ->Send(pMsg, bAddToHead, iPriority);
+}
+
+} // namespace
+
+bool tq_MsgSend(MSG_COMMON* pMsg, bool bAddToHead, int iPriority) {
+    if (!pMsg) {
+        return false;
+    }
+    {
+        Place& place = PlaceOf(pMsg->hDest);
+        const SenderInPlace sender(place);
+        tq_MsgQ* const pQueue = place.pQueue.load();
+        if (pQueue && pQueue->GetHandle() == pMsg->hDest) {
+            return pQueue->Send(pMsg, bAddToHead, iPriority);
+        }
+    }
+    return SendThroughRegistry(pMsg, bAddToHead, iPriority);
 }
 
 namespace {
@@ -540,6 +647,7 @@ void tq_MsgQInside::Unregister(tq_MsgQ& queue) {
     if (registry) {
         // Quick to find; the list takes it out by a walk, which compares pointers and costs little beside the end of a
         // thread.
+        ClearPlaceLocked(queue, handle);
         tq_free(gpListOfQs->RemoveNode(tq_MsgQFindLocked(handle)));
     }
 }
@@ -579,18 +687,14 @@ tq_MsgQ::~tq_MsgQ() {
 
 /// Waits until the worker has ended, having told it to where nobody has: MSG_DESTROY may have found no memory.
 void tq_MsgQInside::EndWorker(tq_MsgQ& queue) {
-    bool bTell;
     {
         tq_MsgQLock lock(queue);
         queue.m_bDone = true;
-        bTell = queue.m_uiWorkerState == kWorkerRuns && !queue.m_bEndTold;
-        if (bTell) {
+        if (queue.m_uiWorkerState == kWorkerRuns && !queue.m_bEndTold) {
             queue.m_bEndWithoutMessage = true;
             queue.m_bEndTold = true;
+            WakeLocked(queue);
         }
-    }
-    if (bTell) {
-        queue.m_Sem.Release(1, nullptr);
     }
     WaitForWorker(queue);
 }
@@ -630,6 +734,7 @@ void tq_MsgQInside::FreeContents(tq_MsgQ& queue) {
         tq_free(pszText);
     }
     if (handle != 0) {
+        WaitForSenders(handle);
         tq_HandleRelease(handle);
     }
     for (tq_List* pList : lists) {
@@ -721,14 +826,18 @@ void tq_MsgQ::SetDescription(const char* description) {
 
 void tq_MsgQ::AddToHistory(int command) {
     tq_MsgQLock lock(*this);
-    if (m_iHistorySize == 0) {
+    tq_MsgQInside::AddToHistoryLocked(*this, command);
+}
+
+void tq_MsgQInside::AddToHistoryLocked(tq_MsgQ& queue, int command) {
+    if (queue.m_iHistorySize == 0) {
         return;
     }
-    m_piHistory[m_iHistoryIndex] = command;
-    m_iHistoryIndex += 1;
-    if (m_iHistoryIndex == m_iHistorySize) {
-        m_bFullHistory = true;
-        m_iHistoryIndex = 0;
+    queue.m_piHistory[queue.m_iHistoryIndex] = command;
+    queue.m_iHistoryIndex += 1;
+    if (queue.m_iHistoryIndex == queue.m_iHistorySize) {
+        queue.m_bFullHistory = true;
+        queue.m_iHistoryIndex = 0;
     }
 }
 
@@ -862,6 +971,7 @@ tq_MsgQ* TakeRegistered() {
         return nullptr;
     }
     tq_MsgQ* pQueue = pDetails->pMsgQ;
+    ClearPlaceLocked(*pQueue, pDetails->hSource);
     tq_MsgQInside::Pin(*pQueue); // its destructor, should it run now, has yet to ask for the registry
     tq_free(pDetails);
     return pQueue;

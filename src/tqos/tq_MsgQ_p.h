@@ -8,12 +8,16 @@
 /// - The worker's last touch of the queue is m_SemThreadExit.Set(); whoever saw the event may free the queue.
 /// - A thread of the library that uses a queue without owning it pins it (m_uiPins) while it is certain to exist; the
 ///   destructor waits for the pins.
+/// - A worker that finds nothing says so in m_uiWorkerSleep (kSleeps), and only then waits on m_Sem. Whoever has
+///   something for it turns that into kToBeWoken; whoever then leaves the lock last turns it into kAwake and has one
+///   unit of m_Sem to release outside. Nobody else releases one, so the worker, and with it the queue, is there until
+///   then.
 ///
 /// Lock order, outermost first: the registry's lock, a queue's, then the thread list's and that of the registry of
 /// lists (both taken when a queue is named). Nobody waits for a worker or a pin with one of them held.
 ///
 /// Guarded by the queue's lock: the lists, name, description, history, m_bListsUnnamed, m_bEndWithoutMessage,
-/// m_uiLockDepth. Guarded by the registry's lock as well (either will do to read): the name.
+/// m_uiWorkerSleep, m_uiLockDepth. Guarded by the registry's lock as well (either will do to read): the name.
 /// Guarded by the mutex of the list of created queues: m_pNextCreated.
 #ifndef TQ_MSGQ_P_H
 #define TQ_MSGQ_P_H
@@ -94,6 +98,8 @@ struct tq_MsgQInside {
         kWorkerLeaves, ///< it has left its loop; m_SemThreadExit tells when it is done with the queue
     };
 
+    enum WorkerSleep : unsigned char { kAwake, kSleeps, kToBeWoken };
+
     // What reports show. The queue is locked.
     static const char* Name(const tq_MsgQ& queue) { return queue.m_pszName; }
     static const char* Description(const tq_MsgQ& queue) { return queue.m_pszDescription; }
@@ -114,10 +120,13 @@ struct tq_MsgQInside {
     static MSG_COMMON* FirstMessage(tq_MsgQ& queue);
     static bool Handle(tq_MsgQ& queue, MSG_COMMON* pMsg);
     static bool NextMessage(tq_MsgQ& queue, MSG_COMMON** ppMsg);
+    static MSG_COMMON* TakeLocked(tq_MsgQ& queue);
+    static bool MaySleepLocked(tq_MsgQ& queue);
     static void SayWorkerIsDone(tq_MsgQ& queue);
 
     // Sending
     static bool EnqueueLocked(tq_MsgQ& queue, MSG_COMMON* pMsg, bool bAddToHead, int iPriority);
+    static void WakeLocked(tq_MsgQ& queue);
 
     // The end
     static void Unregister(tq_MsgQ& queue);
@@ -128,6 +137,7 @@ struct tq_MsgQInside {
     static void Unpin(tq_MsgQ& queue) { queue.m_uiPins.fetch_sub(1, std::memory_order_release); }
 
     // Names and history
+    static void AddToHistoryLocked(tq_MsgQ& queue, int command);
     static void ApplyNameLocked(tq_MsgQ& queue);
     static void ApplyName(tq_MsgQ& queue);
     static void GrowHistoryLocked(tq_MsgQ& queue, int size);
