@@ -17,8 +17,8 @@ namespace faults {
 
 namespace {
 
-constexpr const char* kNames[kCounters] = {"heap blocks", "tracked bytes", "handles",         "lists",       "queues",
-                                           "timers",      "sockets",       "trace instances", "descriptors", "threads"};
+constexpr const char* kNames[kCounters] = {"blocks", "tracked bytes", "handles",         "lists",       "queues",
+                                           "timers", "sockets",       "trace instances", "descriptors", "threads"};
 constexpr unsigned int kSettlingMs = 30;
 constexpr unsigned int kComingBackSeconds = 20;
 
@@ -40,6 +40,22 @@ long TrackedBytes() {
     }
     myCritSecLock lock(MemoryTrackingCritSec);
     return static_cast<long>(gRequestedMemoryAllocations);
+}
+
+/// Heap blocks less those that the pools are made of, and the slots in use: how far a pool has ever had to grow depends
+/// on what threads did at the same time, and stays.
+long Blocks() {
+    long blocks = HeapBlocks();
+    for (unsigned int pool = 0; pool < kMaxMemoryPools; ++pool) {
+        const tq_MemoryPoolHold hold(pool);
+        for (const _MEM_POOL* pChunk = Pools[pool]; pChunk; pChunk = pChunk->pNext) {
+            blocks -= pChunk->pActualPointer ? 2 : 1;
+        }
+        if (const MEM_POOL_LIST* const pList = PoolLists[pool]) {
+            blocks += static_cast<long>(pList->nCurrentAllocatedNodes) - (pList->pArray ? 2 : 1);
+        }
+    }
+    return blocks;
 }
 
 long HandlesInUse() {
@@ -74,7 +90,7 @@ bool IsAbove(const Reading& now, const Reading& base) {
 Reading ReadCounters() {
     const Exempt exempt;
     Reading reading;
-    reading[kHeapBlocks] = HeapBlocks();
+    reading[kBlocks] = Blocks();
     reading[kTrackedBytes] = TrackedBytes();
     reading[kHandles] = HandlesInUse();
     reading[kLists] = Lists();

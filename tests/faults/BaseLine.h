@@ -9,7 +9,7 @@
 namespace faults {
 
 enum Counter {
-    kHeapBlocks,   ///< blocks of the heap
+    kBlocks,       ///< blocks of the heap, and slots in use of a pool in place of the pool's own blocks
     kTrackedBytes, ///< bytes that the tracking counts
     kHandles,      ///< handles in use
     kLists,

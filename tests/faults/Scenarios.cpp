@@ -8,7 +8,7 @@ namespace {
 constexpr char kCountedTwice[] = "a block whose resizing fails is counted out, and once more when it is freed";
 constexpr char kLostTimer[] = "a due timer for whose message there is no memory is dropped as it is, with its name";
 constexpr long kBelow = -1;
-constexpr Exception kNone = {kHeapBlocks, 0, nullptr};
+constexpr Exception kNone = {kBlocks, 0, nullptr};
 
 } // namespace
 
@@ -50,7 +50,7 @@ const Scenario kScenarios[] = {
      "",
      false,
      "1; a timer whose message cannot be made ends",
-     {{kHeapBlocks, 6, kLostTimer}, {kTrackedBytes, 300, kLostTimer}}},
+     {{kBlocks, 6, kLostTimer}, {kTrackedBytes, 300, kLostTimer}}},
     {"TimerReports", TimerReports, "", false, "1; null", {kNone}},
     {"TraceInstances", TraceInstances, "", false, "0, 1, null", {kNone}},
     {"TraceFiles", TraceFiles, "", false, "1; a line is missing", {kNone}},
