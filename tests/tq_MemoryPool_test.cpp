@@ -723,6 +723,75 @@ TEST(MemoryPool, AChunkThatOutlivesItsPoolGoesWithTheLastOfItsBlocks) {
     EXPECT_EQ(0, result.code);
 }
 
+namespace {
+
+/// Runs something in the middle of the pools' end, which goes from the last to the first: the first is still there.
+template <typename Function> void WhileTheFirstPoolIsStillToEnd(Function function) {
+    std::thread ending;
+    {
+        const tq_MemoryPoolHold first(0);
+        ending = std::thread([] { tq_MemoryTerminate(/*bDumpResources=*/false); });
+        EXPECT_TRUE(WaitUntil([] {
+            const tq_MemoryPoolHold second(1);
+            return TotalPools == 0 && !PoolLists[1];
+        }));
+        function();
+    }
+    ending.join();
+}
+
+bool IsInUse(void* pUserData) {
+    return (FlagsOf(pUserData) & TQ_MEM_FLAG_IN_USE) != 0;
+}
+
+} // namespace
+
+TEST(MemoryPool, ABlockThatIsFreedWhileItsPoolIsStillToEndGoesBackToIt) {
+    for (const std::string& keys : {kPooling, kBoth}) {
+        Memory memory(keys + Pool(1, 32, 2, 3) + Pool(2, 64, 1, 0));
+        void* const pUserData = tq_malloc(20);
+        WhileTheFirstPoolIsStillToEnd([pUserData] {
+            tq_free(pUserData);
+            EXPECT_FALSE(IsInUse(pUserData)); // or its chunk would stay for ever
+            EXPECT_EQ(0u, PoolLists[0]->nCurrentAllocatedNodes);
+        });
+    }
+}
+
+TEST(MemoryPool, ABlockThatIsResizedWhileItsPoolIsStillToEndKeepsItsBytes) {
+    for (const std::string& keys : {kPooling, kBoth}) {
+        Memory memory(keys + Pool(1, 32, 2, 3) + Pool(2, 64, 1, 0));
+        void* pUserData = tq_malloc(20);
+        memset(pUserData, 'u', 20);
+        WhileTheFirstPoolIsStillToEnd([&pUserData] {
+            pUserData = tq_realloc(pUserData, 100);
+            EXPECT_EQ(std::string(20, 'u'), Bytes(pUserData, 20));
+            EXPECT_EQ(0u, PoolLists[0]->nCurrentAllocatedNodes);
+        });
+        tq_free(pUserData);
+    }
+}
+
+TEST(MemoryPool, ABlockThatIsFreedAsSoonAsItsPoolHasEndedIsNotLost) {
+    constexpr unsigned int kSlots = 20000; // whose marking takes a while
+    Memory memory(kPooling + Pool(1, 32, kSlots, 0));
+    std::vector<void*> blocks = Take(kSlots, 20);
+    void* const pFirst = blocks.front();
+    blocks.erase(blocks.begin());
+    std::atomic<bool> bWaiting{false};
+    std::thread thread([&] {
+        bWaiting = true;
+        while (PoolOf(pFirst) != kEndedMemoryPool) {
+        }
+        tq_free(pFirst);
+    });
+    EXPECT_TRUE(WaitUntil([&] { return bWaiting.load(); }));
+    tq_MemoryTerminate(/*bDumpResources=*/false);
+    thread.join();
+    EXPECT_FALSE(IsInUse(pFirst)); // the chunk is still there for the others
+    Free(blocks);
+}
+
 TEST(MemoryPool, ThreadsGoOnAllocatingWhileThePoolsEndAndStartAgain) {
     Memory memory(kBoth + Pool(1, 32, 2, 3));
     std::vector<std::vector<void*>> blocks(2);

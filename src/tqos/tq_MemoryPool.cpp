@@ -321,7 +321,7 @@ unsigned int tq_MemorySlotCapacity(char* pBlock) {
     if (pool == kNoMemoryPool) {
         return kNoSlot;
     }
-    if (pool < TotalPools) {
+    if (pool < kMaxMemoryPools && PoolSizes[pool] != 0) { // also while pools end one by one, and there are 0 already
         return PoolSizes[pool];
     }
     myCritSecLock lock(KeptCritSec);
