@@ -214,6 +214,7 @@ private:
         _exit(kEnded);
     }
 
+    const test::WaitableChildren m_waitable; // where other tests ran in this process before
     pid_t m_pid = 0;
     Fd m_stop;
     unsigned int m_port = 0;
@@ -256,7 +257,8 @@ TEST_P(Descriptors, WhenAllAreTakenTheConsoleRestsAndServesAgainWhenTheyAreBack)
     Done("peers at a full table of descriptors", kPeers);
 }
 
-INSTANTIATE_TEST_SUITE_P(NetworkFace, Descriptors, testing::Values(256u, kSanitized ? 1100u : 4096u));
+INSTANTIATE_TEST_SUITE_P(NetworkFace, Descriptors, testing::Values(256u, kSanitized ? 1100u : 4096u),
+                         [](const auto& limit) { return std::to_string(limit.param); });
 
 TEST(NetworkFace, SilentPeersDoNotKeepAUserOut) {
     constexpr unsigned int kSilent = 1000;

@@ -108,25 +108,15 @@ bool FileExists(const std::string& path) {
     return stat(path.c_str(), &status) == 0;
 }
 
-namespace {
+WaitableChildren::WaitableChildren() {
+    struct sigaction action = {};
+    action.sa_handler = SIG_DFL;
+    sigaction(SIGCHLD, &action, &m_before);
+}
 
-/// A library that ran here before has asked the system not to keep ended children; this one is waited for.
-class WaitableChildren {
-public:
-    WaitableChildren() {
-        struct sigaction action = {};
-        action.sa_handler = SIG_DFL;
-        sigaction(SIGCHLD, &action, &m_before);
-    }
-    ~WaitableChildren() { sigaction(SIGCHLD, &m_before, nullptr); }
-    WaitableChildren(const WaitableChildren&) = delete;
-    WaitableChildren& operator=(const WaitableChildren&) = delete;
-
-private:
-    struct sigaction m_before;
-};
-
-} // namespace
+WaitableChildren::~WaitableChildren() {
+    sigaction(SIGCHLD, &m_before, nullptr);
+}
 
 ChildResult RunInChild(const std::function<void()>& body, unsigned int seconds) {
     ChildResult result;

@@ -5,6 +5,7 @@
 #define TEST_SUPPORT_H
 
 #include <functional>
+#include <signal.h>
 #include <string>
 
 /// Leaves a test out, as skipped and with the reason, where the tests run under user-mode emulation and it needs what
@@ -52,6 +53,19 @@ void WriteFile(const std::string& path, const std::string& content);
 /// The whole file; empty when there is none.
 std::string ReadFile(const std::string& path);
 bool FileExists(const std::string& path);
+
+/// While one lives, a child that ends can be waited for: a library that ran in this process before has asked the system
+/// not to keep ended children. Make it before the child.
+class WaitableChildren {
+public:
+    WaitableChildren();
+    ~WaitableChildren();
+    WaitableChildren(const WaitableChildren&) = delete;
+    WaitableChildren& operator=(const WaitableChildren&) = delete;
+
+private:
+    struct sigaction m_before;
+};
 
 /// How a child process ended and what it wrote.
 struct ChildResult {
