@@ -42,7 +42,7 @@ typedef struct _SOCKET_DATAGRAM {
 } SOCKET_DATAGRAM;
 
 /// MSG_SOCKET_CLOSED, `size` 32: the connection is over. The handle stays valid, what was read can still be taken, and
-/// the receiver has to close the socket.
+/// the receiver has to close the socket. Without memory for the message it comes as soon as there is some.
 typedef struct _SOCKET_CLOSED {
     MSG_COMMON msg; ///< `size` is 32
     int error; ///< system error number; 0: closed by the peer or from the console; ECONNREFUSED (111 on x86): also a

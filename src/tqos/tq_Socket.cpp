@@ -15,6 +15,7 @@
 #include "tq_List_p.h"
 #include "tq_LockOrder_p.h"
 #include "tq_Memory.h"
+#include "tq_MsgQ_p.h"
 #include "tq_Time.h"
 #include "tq_WorkingLock_p.h"
 
@@ -228,21 +229,42 @@ void SendSocketMessageLocked(const SOCKET_INSTANCE* pSocket, unsigned int comman
                               /*bAddToHead=*/false, TQ_MSG_PRIORITY_MEDIUM);
 }
 
-void SendSocketClosedLocked(SOCKET_INSTANCE* pSocket, int error) {
-    pSocket->state = SOCKET_STATE_CLOSED;
+namespace {
+
+bool HasQueue(const SOCKET_INSTANCE* pSocket) {
+    const tq_MsgQRegistryLock registry;
+    return registry && tq_MsgQFindLocked(pSocket->hMsgQ);
+}
+
+bool SendClosed(const SOCKET_INSTANCE* pSocket) {
     SOCKET_CLOSED* pClosed = static_cast<SOCKET_CLOSED*>(tq_calloc(1, sizeof(SOCKET_CLOSED)));
     if (!pClosed) {
-        return;
+        return false;
     }
     pClosed->msg.hDest = pSocket->hMsgQ;
     pClosed->msg.size = sizeof(SOCKET_CLOSED);
     pClosed->msg.command = MSG_SOCKET_CLOSED;
     pClosed->msg.instance = pSocket->handle;
     pClosed->msg.userparm = pSocket->UserParm;
-    pClosed->error = error;
-    if (!tq_MsgSend(&pClosed->msg, /*bAddToHead=*/false, TQ_MSG_PRIORITY_MEDIUM)) {
-        tq_free(pClosed);
+    pClosed->error = pSocket->closedError;
+    if (tq_MsgSend(&pClosed->msg, /*bAddToHead=*/false, TQ_MSG_PRIORITY_MEDIUM)) {
+        return true;
     }
+    tq_free(pClosed);
+    return false;
+}
+
+} // namespace
+
+bool TellClosedLocked(SOCKET_INSTANCE* pSocket) {
+    pSocket->bClosedDue = !SendClosed(pSocket) && HasQueue(pSocket); // without its queue nobody is left to tell
+    return !pSocket->bClosedDue;
+}
+
+void SendSocketClosedLocked(SOCKET_INSTANCE* pSocket, int error) {
+    pSocket->state = SOCKET_STATE_CLOSED;
+    pSocket->closedError = error;
+    TellClosedLocked(pSocket);
 }
 
 // Traces

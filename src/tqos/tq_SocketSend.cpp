@@ -238,6 +238,7 @@ void CloseLocked(SOCKET_INSTANCE* pSocket, unsigned int Flags) {
         pSocket->DataInCount = 0;
     }
     pSocket->PendingWrite = 0;
+    pSocket->bClosedDue = false;
     pSocket->state = SOCKET_STATE_CLOSED;
     if (pSocket->DataOutCount == 0 && pSocket->DataInCount == 0) {
         Flags = 0;

@@ -19,7 +19,7 @@
 namespace {
 
 constexpr unsigned int kPaceMs = 5000;       // longest wait, and how often the interfaces are looked at
-constexpr unsigned int kMemoryPauseMs = 100; // before a read is tried again that found no memory
+constexpr unsigned int kMemoryPauseMs = 100; // before what found no memory is tried again
 constexpr unsigned int kShortageMs = 500;    // before an accept is tried again that found no descriptor
 constexpr unsigned int kMostAccepts = 64;    // in one turn
 constexpr unsigned int kBreakerPiece = 64;
@@ -58,6 +58,8 @@ private:
 
 Pause gAcceptPause; // no descriptor was left; ends early when the layer gives one back
 Pause gReadPause;   // no memory was left
+Pause gClosedPause; // an owner could not be told of a close
+Pause* const kPauses[] = {&gAcceptPause, &gReadPause, &gClosedPause};
 
 } // namespace
 
@@ -573,14 +575,15 @@ void EndPausesLocked() {
     if (gbDescriptorClosed.exchange(false)) {
         gAcceptPause.End();
     }
-    gAcceptPause.Remaining();
-    gReadPause.Remaining();
+    for (Pause* pPause : kPauses) {
+        pPause->Remaining();
+    }
 }
 
 /// How long the next wait may last: a pause ends it earlier.
 unsigned int WaitTimeLocked() {
     unsigned int ms = kPaceMs;
-    for (Pause* pPause : {&gAcceptPause, &gReadPause}) {
+    for (Pause* pPause : kPauses) {
         const unsigned int remaining = pPause->Remaining();
         if (pPause->IsOn() && remaining < ms) {
             ms = remaining;
@@ -597,10 +600,17 @@ Turn PrepareTurn(DescriptorSets& sets, unsigned int* pWaitMs) {
     }
     EndPausesLocked();
     bool bHasBreaker = false;
+    bool bStillUntold = false;
     for (void* pNode = pListOfSockets->GetHead(); pNode; pNode = pListOfSockets->GetNext()) {
         SOCKET_INSTANCE* pSocket = static_cast<SOCKET_INSTANCE*>(pNode);
         bHasBreaker = bHasBreaker || pSocket->state == SOCKET_STATE_BREAKER;
+        if (pSocket->bClosedDue && !gClosedPause.IsOn()) {
+            bStillUntold = !TellClosedLocked(pSocket) || bStillUntold;
+        }
         WatchSocket(sets, pSocket);
+    }
+    if (bStillUntold) {
+        gClosedPause.Begin(kMemoryPauseMs);
     }
     *pWaitMs = WaitTimeLocked();
     return bHasBreaker ? Turn::kGoOn : Turn::kBreakerLost;
@@ -726,8 +736,9 @@ Turn ServeTurn(const DescriptorSets& sets, int ready) {
 
 Turn ServeSockets() {
     gLastInterfaceCheck = tq_GetTimeInMS();
-    gAcceptPause.End();
-    gReadPause.End();
+    for (Pause* pPause : kPauses) {
+        pPause->End();
+    }
     DescriptorSets sets;
     for (;;) {
         unsigned int waitMs = 0;

@@ -87,6 +87,8 @@ typedef struct _SOCKET_INSTANCE {
 
     unsigned int AcceptedInCap; ///< of a listener: the caps that its connections begin with
     unsigned int AcceptedOutCap;
+    bool bClosedDue; ///< the owner has not been told of the close yet: there was no memory for the message
+    int closedError; ///< what it is to be told
 } SOCKET_INSTANCE;
 
 /// One chunk of data, allocated with its bytes behind it.
@@ -189,8 +191,11 @@ bool AppendBlockLocked(SOCKET_INSTANCE* pSocket, tq_List** ppList, DATA_BLOCK* p
 DATA_BLOCK* MakeDataBlock(unsigned int bytes);
 /// Sends a message without payload to the socket's queue.
 void SendSocketMessageLocked(const SOCKET_INSTANCE* pSocket, unsigned int command);
-/// Makes the socket Closed and tells its queue.
+/// Makes the socket Closed and tells its queue. Nothing else would ever tell the owner, so without memory for the
+/// message it stays due, and the worker tries again.
 void SendSocketClosedLocked(SOCKET_INSTANCE* pSocket, int error);
+/// Tells the queue of a close that is due; false when there is no memory for it yet.
+bool TellClosedLocked(SOCKET_INSTANCE* pSocket);
 /// Both data counts are gone, and with them the reason to keep a socket that was closed flushing.
 inline bool HasFlushed(const SOCKET_INSTANCE* pSocket) {
     return pSocket->flush != 0 && pSocket->DataOutCount == 0 && pSocket->DataInCount == 0;

@@ -144,6 +144,54 @@ TEST(Refused, ASocketThatOneCallCannotMakeNonBlockingIsMadeSoByAnother) {
     EXPECT_NE(0, fcntl(static_cast<int>(socket->socket), F_GETFL) & O_NONBLOCK);
 }
 
+/// What a socket's record says, whatever the memory is like.
+unsigned int StateOf(unsigned int hSocket) {
+    const Exempt exempt;
+    tq_SocketAccess socket(hSocket);
+    return socket ? socket->state : 0;
+}
+
+TEST(Refused, ACloseForWhoseMessageThereIsNoMemoryIsToldOnceThereIs) {
+    Library library;
+    Listener queue("owner");
+    queue.Create(0);
+    const unsigned int hListener = tq_SocketOpenTCPServer(queue.GetHandle(), 0, 0, Loopback());
+    ASSERT_NE(0u, hListener);
+    const unsigned int port = tq_SocketGetBoundPort(hListener);
+    for (unsigned int k = 1; k <= 4; ++k) { // the message, or the node that it hangs on
+        Fd peer = test::ConnectedPeer(port);
+        ASSERT_TRUE(test::WaitUntil([&] { return queue.Count(MSG_SOCKET_NEW_CONNECTION) == k; }));
+        const unsigned int hSocket = queue.Nth<SOCKET_NEW_CONNECTION>(MSG_SOCKET_NEW_CONNECTION, k - 1).new_socket;
+        {
+            const Failing memory(Call::kMemory, ENOMEM, k);
+            peer.Close();
+            ASSERT_TRUE(test::WaitUntil([hSocket] { return StateOf(hSocket) == SOCKET_STATE_CLOSED; }));
+        }
+        EXPECT_TRUE(test::WaitUntil([&] { return queue.Count(MSG_SOCKET_CLOSED, hSocket) == 1; })) << k;
+        EXPECT_EQ(0u, tq_SocketClose(hSocket));
+    }
+    EXPECT_EQ(4u, queue.Count(MSG_SOCKET_CLOSED));
+}
+
+TEST(Refused, ACloseThatCannotBeToldHoldsNobodyUpAndGoesWithItsSocket) {
+    Library library;
+    Listener queue("owner");
+    queue.Create(0);
+    const unsigned int hListener = tq_SocketOpenTCPServer(queue.GetHandle(), 0, 0, Loopback());
+    const Fd peer = test::ConnectedPeer(tq_SocketGetBoundPort(hListener));
+    ASSERT_TRUE(test::WaitUntil([&] { return queue.Count(MSG_SOCKET_NEW_CONNECTION) == 1; }));
+    const unsigned int hSocket = queue.Nth<SOCKET_NEW_CONNECTION>(MSG_SOCKET_NEW_CONNECTION, 0).new_socket;
+    {
+        const Failing memory(Call::kMemory, ENOMEM);
+        EXPECT_TRUE(tq_SocketCloseFromTelnet(hSocket));
+        const Exempt exempt;
+        EXPECT_EQ(0u, tq_SocketClose(hSocket)); // by an owner who did not wait for it
+    }
+    const Fd other = test::ConnectedPeer(tq_SocketGetBoundPort(hListener));
+    EXPECT_TRUE(test::WaitUntil([&] { return queue.Count(MSG_SOCKET_NEW_CONNECTION) == 2; }));
+    EXPECT_EQ(0u, queue.Count(MSG_SOCKET_CLOSED));
+}
+
 TEST(Refused, AQueueWithoutMemoryForItsLockIsNotCreated) {
     Library library;
     for (unsigned int k = 1; k <= 40; ++k) {
