@@ -94,7 +94,7 @@ TQ_API int tq_WriteINIFileInt(const char* pszSection, const char* pszKey, int iV
 /// @param pBuffer  receives the line, closed with a zero
 /// @param len      size of the buffer, at least 2
 /// @param hFile    read from where it stands
-/// @return pBuffer; null at the end of the file, for a null argument and for a smaller len
+/// @return pBuffer; null at the end of the file, when it cannot be read, for a null argument and for a smaller len
 /// Threads: any, one a file.
 TQ_API char* tq_fgets(char* pBuffer, int len, FILE* hFile);
 

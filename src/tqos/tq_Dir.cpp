@@ -461,14 +461,8 @@ char* tq_fgets(char* pBuffer, int len, FILE* hFile) {
     if (len < 2 || !pBuffer || !hFile) {
         return nullptr;
     }
-    int length = 0;
-    while (length < len - 1 && fread(pBuffer + length, 1, 1, hFile) == 1) {
-        if (pBuffer[length++] == '\n') {
-            break;
-        }
-    }
-    pBuffer[length] = '\0';
-    return length > 0 ? pBuffer : nullptr;
+    pBuffer[0] = '\0'; // which the C library leaves as it is when there is nothing to read
+    return fgets(pBuffer, len, hFile);
 }
 
 bool FindSection(FILE* hFile, const char* pszSection, FILE* hFileOut) {

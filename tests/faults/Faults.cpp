@@ -50,6 +50,7 @@ constexpr CallRow kCallRows[kCalls] = {
     {Call::kOpenStream, "fopen", {EMFILE, ENFILE, EACCES, EIO, ENOSPC, EINTR, ENOMEM}},
     {Call::kDescriptorStream, "fdopen", {ENOMEM, EMFILE}},
     {Call::kReadStream, "fread", {EIO, EINTR, kShort}},
+    {Call::kGetLine, "fgets", {EIO, EINTR}},
     {Call::kWriteStream, "fwrite", {ENOSPC, EIO, EINTR, kShort}},
     {Call::kPutText, "fputs", {ENOSPC, EIO}},
     {Call::kGetCharacter, "fgetc", {EIO}},
@@ -364,6 +365,11 @@ size_t __wrap_fread(void* pBytes, size_t size, size_t count, FILE* hFile) {
         return __real_fread(pBytes, size, count, hFile);
     }
     return IsShort() ? __real_fread(pBytes, size, Part(count), hFile) : 0;
+}
+
+char* __real_fgets(char* pszLine, int bytes, FILE* hFile);
+char* __wrap_fgets(char* pszLine, int bytes, FILE* hFile) {
+    return Strikes(Call::kGetLine, hFile) ? nullptr : __real_fgets(pszLine, bytes, hFile);
 }
 
 size_t __real_fwrite(const void* pBytes, size_t size, size_t count, FILE* hFile);

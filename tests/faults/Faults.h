@@ -43,6 +43,7 @@ enum class Call : unsigned int {
     kOpenStream,
     kDescriptorStream,
     kReadStream,
+    kGetLine,
     kWriteStream,
     kPutText,
     kGetCharacter,
