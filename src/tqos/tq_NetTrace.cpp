@@ -135,8 +135,8 @@ CTraceMsgQ* gpTraceMsgQ = nullptr; // made under gSendersMutex; destroyed when n
 
 namespace {
 
-tq_PlacedMutex
-    gSendersMutex(tq_LockRank::kSenders); // senders are made and destroyed under it; comes before every other lock
+// Senders are made and destroyed under it; it comes before the locks of everything that it starts.
+tq_PlacedMutex gSendersMutex(tq_LockRank::kSenders);
 
 /// The handle of gpTraceMsgQ, kept until the object goes: the library's termination ends the queue earlier, and its
 /// timers are still to be found.
