@@ -278,7 +278,7 @@ private:
 std::vector<unsigned int> Choose(unsigned int count, unsigned int usual) {
     const unsigned long most = Setting("TQOS_SWEEP_POINTS", usual);
     const unsigned long seed = Setting("TQOS_SWEEP_SEED", 1);
-    printf("seed %lu\n", seed);
+    printf("seed %lu, %u points in all\n", seed, count);
     std::vector<unsigned int> all(count);
     for (unsigned int i = 0; i < count; ++i) {
         all[i] = i;
