@@ -29,6 +29,7 @@ enum class Result {
     LoginRefused = 2, ///< a wrong password, or none where one is asked for
     NoConnection = 3, ///< there never was one, or the device has ended it
     TimedOut = 4,     ///< the device is connected and silent
+    CannotTell = 5,   ///< the device does not keep what is asked for
 };
 
 /// "host:port" taken apart; "[address]:port" for an address that has colons. Host or port are empty when there is none.

@@ -7,7 +7,8 @@ using tools::Response;
 using tools::Result;
 
 const char* NameOf(Result result) {
-    static constexpr const char* kNames[] = {"ok", "syntax", "login", "connection", "timeout"}; // by Result
+    // by Result
+    static constexpr const char* kNames[] = {"ok", "syntax", "login", "connection", "timeout", "unavailable"};
     return kNames[static_cast<int>(result)];
 }
 

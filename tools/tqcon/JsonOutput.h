@@ -8,7 +8,8 @@
 
 namespace tqcon {
 
-/// What a result is called in JSON: "ok", "syntax", "login", "connection", "timeout".
+/// What a result is called in JSON: "ok", "syntax", "login", "connection", "timeout",
+/// "unavailable".
 const char* NameOf(tools::Result result);
 
 /// An object with the command and what came of it: the report's own tables and values where the command gives a report,

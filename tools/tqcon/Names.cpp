@@ -26,7 +26,8 @@ std::vector<Named> Ask(tools::Console* pConsole, const char* pszCommand) {
     const Json json = ParseReport(*pReport, pConsole->Run(pszCommand).text);
     for (const Json& row : json[pReport->pszTable]) {
         const Json& name = row["name"];
-        names.push_back({row[pReport->pszId].dump(), name.is_string() ? name.get<std::string>() : ""});
+        names.push_back(
+            {row[KeysOf(pReport->pszTable)->columns[0]].dump(), name.is_string() ? name.get<std::string>() : ""});
     }
     return names;
 }

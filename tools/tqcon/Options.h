@@ -11,7 +11,7 @@
 namespace tqcon {
 
 /// How the output is written.
-enum class Format { Plain, JsonLines, Pprof };
+enum class Format { Plain, JsonLines };
 
 struct Options {
     enum class Mode { Session, Top, Leaks };
@@ -23,6 +23,14 @@ struct Options {
     bool bStopOnError = false;
     std::string passwordFile;
     Format format = Format::Plain;
+    bool bWatch = false;    ///< the commands again and again
+    int everyMs = 1000;     ///< from one round to the next
+    unsigned int count = 0; ///< of rounds; 0: until it is stopped
+    std::string sort;       ///< a column; with a "-" before it, the greatest first
+    int forMs = -1;         ///< how long leaks are waited for; -1: until Enter
+    std::string filter;     ///< of the files of leaks
+    bool bAll = false;      ///< the session's own blocks too
+    std::string pprofFile;
     tools::Limits limits;
 };
 

@@ -183,6 +183,15 @@ const Report* FindReport(const Command& command) {
     return nullptr;
 }
 
+const TableKeys* KeysOf(const std::string& table) {
+    for (const TableKeys* pKeys = kTableKeys; pKeys->pszTable; ++pKeys) {
+        if (table == pKeys->pszTable) {
+            return pKeys;
+        }
+    }
+    return nullptr;
+}
+
 Json ParseReport(const Report& report, const std::string& text) {
     Reader reader(report);
     for (size_t at = 0; at < text.size();) {

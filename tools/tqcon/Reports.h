@@ -61,11 +61,22 @@ struct Report {
     const char* pszCommand; ///< as ParseCommand() names it
     int detail;             ///< 1: of the detailed command, 0: of the other, -1: of both
     const char* pszTable;   ///< the main table; null: there is none, or several
-    const char* pszId;      ///< of its rows: what tells them apart
     const Rule* pRules;
 };
 
+constexpr unsigned int kMostKeys = 4;
+
+/// What tells a table's rows apart.
+struct TableKeys {
+    const char* pszTable;           ///< the last one's is null
+    const char* columns[kMostKeys]; ///< null behind the last one
+};
+
 extern const Report kReports[];
+extern const TableKeys kTableKeys[];
+
+/// The keys of a table; null when its rows are told apart by nothing.
+const TableKeys* KeysOf(const std::string& table);
 
 /// The report that a command gives; null when it gives none.
 const Report* FindReport(const Command& command);
