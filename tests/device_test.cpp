@@ -362,6 +362,13 @@ public:
         m_pid = 0;
     }
 
+    /// Ends it without its help.
+    void Abandon() {
+        kill(m_pid, SIGKILL);
+        waitpid(m_pid, nullptr, 0);
+        m_pid = 0;
+    }
+
 private:
     static void Replace(std::string* pText, const std::string& from, const std::string& to) {
         const size_t at = pText->find(from);
@@ -875,12 +882,16 @@ struct AnswerRow {
     const char* pszAnswer;
 };
 
-constexpr char kSamplerHelp[] = "Sampler knows:\r\n"
-                                "  help            shows this\r\n"
-                                "  period [ms]     shows how often a sample is taken, or changes it: 10 to 3600000\r\n"
-                                "  sample          takes one now\r\n"
-                                "  fail <samples>  lets the next ones fail, up to 1000, as if /proc could not be read; "
-                                "0 ends it";
+constexpr char kSamplerHelp[] =
+    "Sampler knows:\r\n"
+    "  help            shows this\r\n"
+    "  period [ms]     shows how often a sample is taken, or changes it: 10 to 3600000\r\n"
+    "  sample          takes one now\r\n"
+    "  fail <samples>  lets the next ones fail, up to 1000, as if /proc could not be read; "
+    "0 ends it\r\n"
+    "  leak <samples>  forgets a copy of each of the next ones, up to 1000, for a hunt; 0 "
+    "ends it\r\n"
+    "  hold <ms>       holds the lock of the kept samples, up to 60000 ms, for another hunt";
 constexpr char kServerHelp[] = "Server knows:\r\n"
                                "  help            shows this\r\n"
                                "  clients         lists them\r\n"
@@ -912,6 +923,11 @@ TEST(DeviceConsole, EveryQueueSaysWhatItKnowsAndWhatIsWrong) {
         {"Sampler", "fail \"\"", "Usage: fail <samples>"},
         {"Sampler", "fail 1001", kFailRange},
         {"Sampler", "fail -1", kFailRange},
+        {"Sampler", "leak", "Usage: leak <samples>"},
+        {"Sampler", "leak 1001", "leak takes a number of samples, 0 to 1000"},
+        {"Sampler", "hold 0", "hold takes 1 to 60000 milliseconds"},
+        {"Sampler", "hold 60001", "hold takes 1 to 60000 milliseconds"},
+        {"Sampler", "hold 1", "held for 1 ms"},
         {"Sampler", "fails 1", "Sampler does not know \"fails\"; \"help\" shows what it knows."},
         {"Sampler", "%s%n %s", "Sampler does not know \"%s%n\"; \"help\" shows what it knows."},
         {"Sampler", "\"period", "one sample every 3600000 ms"}, // a quote that is left open goes to the end
@@ -939,6 +955,39 @@ TEST(DeviceConsole, EveryQueueSaysWhatItKnowsAndWhatIsWrong) {
     client.Expect("send Sampler\r\nSyntax error.\r\n\r\n>");
     const std::string word(900, 'x');
     EXPECT_EQ("Server does not know \"" + word + "\"; \"help\" shows what it knows.", AskQueue(client, "Server", word));
+}
+
+TEST(DeviceConsole, AHuntFindsTheLineOfALeak) {
+    Device device(kNoTimer);
+    test::ConsoleClient client = LogIn(device);
+    EXPECT_TRUE(Matches(AskQueue(client, "Sampler", "sample"), kSampleLine));
+    EXPECT_EQ("samples yet to leak: 2", AskQueue(client, "Sampler", "leak 2"));
+    client.Send("set memory\r");
+    client.Expect("set memory\r\n>");
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_TRUE(Matches(AskQueue(client, "Sampler", "sample"), kSampleLine));
+    }
+    client.Send("show detail memory group filter=SamplerQueue.cpp\r");
+    const std::string report = client.ReadTo("allocations");
+    EXPECT_TRUE(std::regex_search(report, std::regex(" 2 +\\d+ +[^ ]*SamplerQueue\\.cpp +\\d+"))) << report;
+}
+
+TEST(DeviceConsole, AHuntFindsWhoHoldsALockAndWhoWaitsForIt) {
+    Device device(kNoTimer);
+    test::ConsoleClient client = LogIn(device);
+    client.Send("send Sampler hold 60000\r");
+    client.Expect("send Sampler hold 60000\r\n>");
+    test::ConsoleClient waiting(device.Port());
+    waiting.Send("HISTORY 1\r\n"); // the server's queue comes to wait for the lock
+    const std::regex holder("Waiting Sleep +\\d+ [^ ]*History\\.cpp\r\n[^>]*Owned  Mutex +0 Device: Samples\r\n");
+    const std::regex waiter("Waiting Mutex +0 Device: Samples\r\n");
+    std::string report;
+    EXPECT_TRUE(test::WaitUntil([&] {
+        client.Send("show semaphores\r");
+        report = client.ReadTo("\r\n>");
+        return std::regex_search(report, holder) && std::regex_search(report, waiter);
+    })) << report;
+    device.Abandon(); // it would end when the lock has been given back
 }
 
 TEST(DeviceConsole, SamplesFailAsOftenAsTheyAreToldTo) {

@@ -34,6 +34,11 @@ std::vector<Sample> History::Newest(unsigned int count) {
     return samples;
 }
 
+void History::Hold(unsigned int ms) {
+    tq_ListLock lock(m_samples);
+    tq_Sleep(ms);
+}
+
 unsigned int History::Count() {
     tq_ListLock lock(m_samples);
     return static_cast<unsigned int>(m_samples.NodeCount());

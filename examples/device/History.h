@@ -25,6 +25,9 @@ public:
     /// Copies of the newest samples, oldest first; fewer than asked for when there are not so many.
     std::vector<Sample> Newest(unsigned int count);
 
+    /// Holds the samples' lock for so long, as code does that waits for something while it has a lock.
+    void Hold(unsigned int ms);
+
     /// How many samples there are, and how many there can be.
     unsigned int Count();
     unsigned int Depth() const { return m_depth; }

@@ -8,6 +8,8 @@
 namespace {
 
 constexpr unsigned int kMaxToFail = 1000;
+constexpr unsigned int kMaxToLeak = 1000;
+constexpr unsigned int kMaxHoldMs = 60000;
 
 } // namespace
 
@@ -17,9 +19,15 @@ const SamplerQueue::ConsoleCommand SamplerQueue::kCommands[] = {
     {"sample", nullptr, "takes one now", AnswerOf(&SamplerQueue::AnswerSample)},
     {"fail", "<samples>", "lets the next ones fail, up to 1000, as if /proc could not be read; 0 ends it",
      AnswerOf(&SamplerQueue::AnswerFail)},
+    {"leak", "<samples>", "forgets a copy of each of the next ones, up to 1000, for a hunt; 0 ends it",
+     AnswerOf(&SamplerQueue::AnswerLeak)},
+    {"hold", "<ms>", "holds the lock of the kept samples, up to 60000 ms, for another hunt",
+     AnswerOf(&SamplerQueue::AnswerHold)},
     {nullptr, nullptr, nullptr, nullptr},
 };
-static_assert(kLeastPeriodMs == 10 && kMostPeriodMs == 3600000 && kMaxToFail == 1000, "the texts name them");
+static_assert(kLeastPeriodMs == 10 && kMostPeriodMs == 3600000 && kMaxToFail == 1000 && kMaxToLeak == 1000 &&
+                  kMaxHoldMs == 60000,
+              "the texts name them");
 
 SamplerQueue::SamplerQueue(History& history, unsigned int periodMs, unsigned int hListener)
     : ConsoleQueue("Sampler", "samples the machine on a timer", kCommands), m_history(history), m_hListener(hListener),
@@ -77,6 +85,10 @@ bool SamplerQueue::TakeOne() {
     }
     ++m_taken;
     m_history.Add(sample);
+    if (m_toLeak > 0) {
+        --m_toLeak;
+        static_cast<void>(tq_newObject<Sample>(sample)); // the leak that somebody wished for: nobody frees this one
+    }
     Publish(sample);
     return true;
 }
@@ -141,4 +153,22 @@ std::string SamplerQueue::AnswerFail(std::string_view argument) {
     }
     m_toFail = count;
     return "samples yet to fail: " + std::to_string(m_toFail);
+}
+
+std::string SamplerQueue::AnswerLeak(std::string_view argument) {
+    unsigned int count;
+    if (!ParseNumber(argument, 0, kMaxToLeak, &count)) {
+        return "leak takes a number of samples, 0 to 1000";
+    }
+    m_toLeak = count;
+    return "samples yet to leak: " + std::to_string(m_toLeak);
+}
+
+std::string SamplerQueue::AnswerHold(std::string_view argument) {
+    unsigned int ms;
+    if (!ParseNumber(argument, 1, kMaxHoldMs, &ms)) {
+        return "hold takes 1 to 60000 milliseconds";
+    }
+    m_history.Hold(ms);
+    return "held for " + std::to_string(ms) + " ms";
 }

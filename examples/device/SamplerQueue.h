@@ -32,6 +32,8 @@ private:
     std::string AnswerPeriod(std::string_view argument);
     std::string AnswerSample(std::string_view argument);
     std::string AnswerFail(std::string_view argument);
+    std::string AnswerLeak(std::string_view argument);
+    std::string AnswerHold(std::string_view argument);
 
     History& m_history;
     const unsigned int m_hListener;
@@ -40,7 +42,8 @@ private:
     unsigned int m_periodMs;
     unsigned int m_taken = 0;
     unsigned int m_failed = 0;
-    unsigned int m_toFail = 0; // so many samples are yet to fail, as somebody wished
+    unsigned int m_toFail = 0;   // so many samples are yet to fail, as somebody wished
+    unsigned int m_toLeak = 0; // and to leak
 };
 
 #endif // DEVICE_SAMPLER_QUEUE_H
