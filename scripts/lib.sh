@@ -137,6 +137,9 @@ prepare_to_test() {
     have abidw || packages+=(abigail-tools)
     have gdb || packages+=(gdb)
     have python3 || packages+=(python3)
+    have doxygen || packages+=(doxygen)
+    have pandoc || packages+=(pandoc)
+    have help2man || packages+=(help2man)
     install_packages ${packages[@]+"${packages[@]}"}
 }
 
