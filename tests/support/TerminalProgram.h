@@ -44,6 +44,7 @@ public:
     TerminalProgram& operator=(const TerminalProgram&) = delete;
 
     ConsoleClient& Terminal() { return *m_pTerminal; }
+    pid_t Pid() const { return m_child; }
 
     /// Waits until it ends by itself; its exit status, -1 when it did not exit.
     int WaitForEnd() {
