@@ -1,36 +1,20 @@
 /// @file Console.h
 /// A session of a device's diagnostic console: connects, logs in, types commands, and takes what comes of them apart.
 ///
-/// What a console sends has no frames: an echo of what is typed, what commands write, prompts, what commands send to
-/// the session through the console's own queue, and whatever queues answer, whenever they do. Any of it may contain
-/// what looks like a prompt. So a session goes by something that nobody can guess, its mark:
-/// - It is always typed half a line, which is never ended and so never runs. Behind each answer of a queue the console
-///   repeats the prompt and the line: an answer ends where the prompt and the mark come again.
-/// - Behind each command stands a question of the session's own that has the mark in it: for a report into a file that
-///   cannot be opened. A command has written all it writes when the question is echoed, and what it has sent through
-///   the console's queue has come when the question is answered, since that answer takes the same way.
+/// How a session knows where an answer ends is said in Transcript.h.
 ///
 /// One thread uses a session.
 #ifndef TOOLS_CONSOLE_H
 #define TOOLS_CONSOLE_H
 
 #include <string>
-#include <vector>
 
+#include "Answer.h"
 #include "TcpStream.h"
 #include "TelnetFilter.h"
+#include "Transcript.h"
 
 namespace tools {
-
-/// How something ended. As a number: the exit status of the tools.
-enum class Result {
-    Ok = 0,
-    SyntaxError = 1,  ///< the device has answered a command so
-    LoginRefused = 2, ///< a wrong password, or none where one is asked for
-    NoConnection = 3, ///< there never was one, or the device has ended it
-    TimedOut = 4,     ///< the device is connected and silent
-    CannotTell = 5,   ///< the device does not keep what is asked for
-};
 
 /// "host:port" taken apart; "[address]:port" for an address that has colons. Host or port are empty when there is none.
 struct Address {
@@ -38,22 +22,6 @@ struct Address {
     std::string port;
 };
 Address ParseAddress(const std::string& text);
-
-/// What a queue has answered. The device names it unless the command was a detailed one.
-struct Response {
-    std::string queue;
-    std::string time; ///< of the device, as it writes it
-    std::string text;
-};
-
-/// What came of a command. Texts have LF at their line ends.
-struct Answer {
-    Result result = Result::Ok;
-    std::string problem; ///< in words, unless the result is Ok
-    std::string text;    ///< what the command wrote, and what answered it without naming itself
-    std::vector<Response> responses;
-    size_t answered = 0; ///< answers that came, of queues that name themselves and of others
-};
 
 /// How long a session waits, in milliseconds.
 struct Limits {
@@ -97,20 +65,18 @@ private:
     Result ResultOf(TcpStream::Status status, const std::string& whatFor);
     Result Type(const std::string& keys);
     Result ReceiveMore(Clock::time_point limit);
-    Result ReadTo(const std::string& end, size_t* pEnd);
+    Result ReadTo(const std::string& text, size_t from, size_t* pEnd);
     Result ReadPrompt(const std::string& other, bool* pLoggedIn);
     Result TypeAndCollect(const std::string& line, Answer* pAnswer);
     void TakeEarlier(Answer* pAnswer);
     Result WaitForResponses(size_t responses, Answer* pAnswer);
-    bool TakeResponse(Answer* pAnswer);
 
     Limits m_limits;
     TcpStream m_stream;
     TelnetFilter m_telnet;
     std::string m_came; ///< and was not taken apart yet
-    std::string m_mark;
-    std::string m_question; ///< what is asked behind each command
-    std::string m_typed;    ///< half a line: nothing, or the mark
+    SessionKeys m_keys;
+    std::string m_typed; ///< half a line: nothing, or the mark
     bool m_bAsksForPassword = false;
     std::string m_greeting;
     std::string m_problem;
