@@ -116,7 +116,10 @@ std::vector<std::string> ProgramsIn(const std::string& directory) {
 }
 
 Role RoleOf(const std::string& program) {
-    return program == "tqos" ? Role::Ours : program == "floor" ? Role::Floor : Role::Peer;
+    return program == "tqos"     ? Role::Ours
+           : program == "before" ? Role::Before
+           : program == "floor"  ? Role::Floor
+                                 : Role::Peer;
 }
 
 void AddContenders(const std::string& directory, const std::string& name, std::vector<Contender>* pContenders) {
@@ -130,12 +133,12 @@ void AddContenders(const std::string& directory, const std::string& name, std::v
         }
         const std::string subject = line.substr(0, tab);
         const std::string label = line.substr(tab + 1);
-        pContenders->push_back({subject, label, label, program, RoleOf(name), {}});
+        const Role role = RoleOf(name);
+        pContenders->push_back({subject, role == Role::Before ? "before" : label, label, program, role, {}});
         for (const Disguise& disguise : Disguises()) {
             if (name == disguise.pszProgram && label == disguise.pszLabel &&
                 subject.compare(0, strlen(disguise.pszSubjects), disguise.pszSubjects) == 0) {
-                pContenders->push_back(
-                    {subject, disguise.pszNewLabel, label, program, RoleOf(name), disguise.environment});
+                pContenders->push_back({subject, disguise.pszNewLabel, label, program, role, disguise.environment});
             }
         }
     }

@@ -8,10 +8,10 @@
 
 namespace {
 
-constexpr const char* kRoleNames[] = {"ours", "itself", "peer", "floor"};
+constexpr const char* kRoleNames[] = {"ours", "before", "itself", "peer", "floor"};
 
 Role RoleOf(const std::string& name) {
-    for (int i = 0; i < 4; ++i) {
+    for (int i = 0; i < 5; ++i) {
         if (name == kRoleNames[i]) {
             return static_cast<Role>(i);
         }
@@ -38,7 +38,7 @@ double RatioOf(const Series& ours, const Series& other) {
     return MedianOf(ratios);
 }
 
-const Series* FindReference(const Subject& subject, const Outcome& outcome, const Target& target) {
+const Series* FindReference(const Subject& subject, const Outcome& outcome, const Target& target, Role role) {
     switch (target.reference) {
     case Reference::BestPeer:
         return outcome.Best(Role::Peer, subject.better);
@@ -47,7 +47,7 @@ const Series* FindReference(const Subject& subject, const Outcome& outcome, cons
     case Reference::Peer:
         return outcome.Labelled(target.pszName);
     case Reference::Itself:
-        return outcome.Labelled(ItselfLabel(target.pszName));
+        return outcome.Labelled(ItselfLabel(target.pszName, role));
     case Reference::Value:
         break;
     }
@@ -87,8 +87,8 @@ Series& Outcome::SeriesOf(const std::string& label, Role role) {
     return series.back();
 }
 
-const Series* Outcome::Ours() const {
-    return Best(Role::Ours, Better::More);
+const Series* Outcome::OfLibrary(Role role) const {
+    return Best(role, Better::More); // there is one
 }
 
 const Series* Outcome::Labelled(const std::string& label) const {
@@ -111,9 +111,9 @@ const Series* Outcome::Best(Role role, Better better) const {
     return pBest;
 }
 
-Verdict Judge(const Subject& subject, const Outcome& outcome, const Target& target) {
-    Verdict verdict = {FindReference(subject, outcome, target), 0, false, false};
-    const Series* pOurs = outcome.Ours();
+Verdict Judge(const Subject& subject, const Outcome& outcome, const Target& target, Role role) {
+    Verdict verdict = {FindReference(subject, outcome, target, role), 0, false, false};
+    const Series* pOurs = outcome.OfLibrary(role);
     if (!pOurs || pOurs->values.empty()) {
         return verdict;
     }
@@ -129,8 +129,8 @@ Verdict Judge(const Subject& subject, const Outcome& outcome, const Target& targ
     return verdict;
 }
 
-std::string ItselfLabel(const char* pszSubject) {
-    return std::string("tqos, ") + pszSubject;
+std::string ItselfLabel(const char* pszSubject, Role role) {
+    return std::string(role == Role::Before ? "before, " : "tqos, ") + pszSubject;
 }
 
 bool LoadResults(const std::string& path, Results* pResults) {

@@ -9,7 +9,13 @@
 
 #include "Subjects.h"
 
-enum class Role { Ours, Itself, Peer, Floor };
+enum class Role {
+    Ours,
+    Before, ///< this library as it was
+    Itself, ///< this library, now or as it was, in another subject
+    Peer,
+    Floor
+};
 
 /// One contender's values in a subject, in the subject's unit, one a round.
 struct Series {
@@ -28,7 +34,9 @@ struct Outcome {
     double othersPercent = 0;   ///< of one processor, used by others meanwhile
 
     Series& SeriesOf(const std::string& label, Role role);
-    const Series* Ours() const;
+    /// This library's; null when it was not measured.
+    /// @param role  Role::Ours or Role::Before
+    const Series* OfLibrary(Role role) const;
     const Series* Labelled(const std::string& label) const;
     /// The best of a role; null when there is none.
     const Series* Best(Role role, Better better) const;
@@ -45,10 +53,12 @@ struct Verdict {
     bool bMet;
 };
 
-Verdict Judge(const Subject& subject, const Outcome& outcome, const Target& target);
+/// @param role  who is judged: Role::Ours or Role::Before
+Verdict Judge(const Subject& subject, const Outcome& outcome, const Target& target, Role role);
 
 /// The label under which a subject keeps another subject's values of this library.
-std::string ItselfLabel(const char* pszSubject);
+/// @param role  Role::Ours or Role::Before
+std::string ItselfLabel(const char* pszSubject, Role role);
 
 double MedianOf(std::vector<double> values);
 

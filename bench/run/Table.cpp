@@ -3,15 +3,15 @@
 #include <cmath>
 #include <cstdio>
 
-namespace {
-
-/// Three significant digits.
-std::string Number(double value) {
+std::string NumberText(double value) {
     char text[32];
     const double size = std::fabs(value);
-    snprintf(text, sizeof(text), "%.*f", size >= 100 ? 0 : size >= 10 ? 1 : size >= 1 ? 2 : 3, value);
+    const int decimals = size >= 100 || size == 0 ? 0 : size >= 10 ? 1 : size >= 1 ? 2 : size >= 0.1 ? 3 : 4;
+    snprintf(text, sizeof(text), "%.*f", decimals, value);
     return text;
 }
+
+namespace {
 
 std::string Bound(const Target& target) {
     char text[32];
@@ -26,10 +26,11 @@ const char* Word(const Target& target, const Verdict& verdict) {
 std::string TargetText(const Subject& subject, const Outcome& outcome, const Series* pSeries) {
     std::string text;
     for (const Target& target : subject.targets) {
-        const Verdict verdict = Judge(subject, outcome, target);
-        const Series* pSubjectOf = target.reference == Reference::Value ? outcome.Ours() : verdict.pOther;
+        const Verdict verdict = Judge(subject, outcome, target, Role::Ours);
+        const Series* pSubjectOf =
+            target.reference == Reference::Value ? outcome.OfLibrary(Role::Ours) : verdict.pOther;
         if (verdict.bKnown && pSubjectOf == pSeries) {
-            text += (target.reference == Reference::Value ? "" : "ratio " + Number(verdict.ratio) + ", ") +
+            text += (target.reference == Reference::Value ? "" : "ratio " + NumberText(verdict.ratio) + ", ") +
                     Bound(target) + " " + Word(target, verdict) + "  ";
         }
     }
@@ -40,15 +41,15 @@ struct Columns {
     std::string ours, other, ratio, bound, word;
 };
 
-Columns ColumnsOf(const Subject& subject, const Outcome& outcome, const Target& target) {
-    const Verdict verdict = Judge(subject, outcome, target);
-    const Series* pOurs = outcome.Ours();
+Columns ColumnsOf(const Subject& subject, const Outcome& outcome, const Target& target, Role role) {
+    const Verdict verdict = Judge(subject, outcome, target, role);
+    const Series* pOurs = outcome.OfLibrary(role);
     Columns columns;
-    columns.ours = pOurs ? Number(pOurs->Median()) : "-";
+    columns.ours = pOurs ? NumberText(pOurs->Median()) : "-";
     columns.bound = Bound(target);
     if (verdict.bKnown) {
-        columns.other = verdict.pOther ? verdict.pOther->label + " " + Number(verdict.pOther->Median()) : "";
-        columns.ratio = target.reference == Reference::Value ? "" : Number(verdict.ratio);
+        columns.other = verdict.pOther ? verdict.pOther->label + " " + NumberText(verdict.pOther->Median()) : "";
+        columns.ratio = target.reference == Reference::Value ? "" : NumberText(verdict.ratio);
         columns.word = Word(target, verdict);
     }
     return columns;
@@ -60,9 +61,9 @@ void PrintOutcome(const Subject& subject, const Outcome& outcome) {
     printf("\n%s   (%s)   %s, %s is better; others used %.0f %% of one processor\n", subject.pszTitle, subject.pszName,
            subject.pszUnit, subject.better == Better::More ? "more" : "less", outcome.othersPercent);
     for (const Series& one : outcome.series) {
-        const std::string range = "(" + Number(one.Least()) + " .. " + Number(one.Greatest()) + ")";
+        const std::string range = "(" + NumberText(one.Least()) + " .. " + NumberText(one.Greatest()) + ")";
         printf("  %-5s %-44s %9s  %-20s %s\n", one.role == Role::Floor ? "floor" : "", one.label.c_str(),
-               Number(one.Median()).c_str(), range.c_str(), TargetText(subject, outcome, &one).c_str());
+               NumberText(one.Median()).c_str(), range.c_str(), TargetText(subject, outcome, &one).c_str());
     }
     fflush(stdout);
 }
@@ -77,7 +78,7 @@ void PrintSummary(const Results& results) {
             continue;
         }
         for (const Target& target : subject.targets) {
-            const Columns columns = ColumnsOf(subject, found->second, target);
+            const Columns columns = ColumnsOf(subject, found->second, target, Role::Ours);
             if (columns.word.empty()) {
                 continue;
             }
@@ -90,23 +91,28 @@ void PrintSummary(const Results& results) {
     printf("\n%d targets met, %d missed\n", met, missed);
 }
 
-void PrintMarkdown(const Results& results, const Results& before) {
-    printf("| subject | unit | before | after | against | ratio before | ratio after | target | |\n");
+void PrintMarkdown(const Results& results) {
+    printf("| subject | unit | before | now | against | ratio before | ratio now | target | |\n");
     printf("|---|---|---|---|---|---|---|---|---|\n");
     for (const Subject& subject : AllSubjects()) {
         const auto found = results.find(subject.pszName);
         if (found == results.end()) {
             continue;
         }
-        const auto earlier = before.find(subject.pszName);
+        std::vector<Target> targets = subject.targets;
+        if (targets.empty()) { // the value alone
+            targets.push_back({Reference::Floor, nullptr, Compare::AtLeast, 0});
+        }
         const char* pszTitle = subject.pszTitle;
-        for (const Target& target : subject.targets) {
-            const Columns now = ColumnsOf(subject, found->second, target);
-            const Columns then =
-                earlier == before.end() ? Columns{"", "", "", "", ""} : ColumnsOf(subject, earlier->second, target);
+        for (const Target& target : targets) {
+            const Columns now = ColumnsOf(subject, found->second, target, Role::Ours);
+            const Columns then = ColumnsOf(subject, found->second, target, Role::Before);
+            if (now.word.empty() && !subject.targets.empty()) {
+                continue; // this machine does not have what it is compared with
+            }
             printf("| %s | %s | %s | %s | %s | %s | %s | %s | %s |\n", pszTitle, subject.pszUnit, then.ours.c_str(),
-                   now.ours.c_str(), now.other.c_str(), then.ratio.c_str(), now.ratio.c_str(), now.bound.c_str(),
-                   now.word.c_str());
+                   now.ours.c_str(), now.other.c_str(), then.ratio.c_str(), now.ratio.c_str(),
+                   subject.targets.empty() ? "" : now.bound.c_str(), now.word.c_str());
             pszTitle = "";
         }
     }

@@ -12,7 +12,9 @@ void PrintOutcome(const Subject& subject, const Outcome& outcome);
 void PrintSummary(const Results& results);
 
 /// The same as a table in Markdown.
-/// @param before  earlier results; may be empty
-void PrintMarkdown(const Results& results, const Results& before);
+void PrintMarkdown(const Results& results);
+
+/// Three significant digits.
+std::string NumberText(double value);
 
 #endif // BENCH_TABLE_H

@@ -6,8 +6,9 @@
 //   --only LABEL     only this library and the contender of this label
 //   --save FILE      appends what was measured
 //   --from FILE      measures nothing, and shows what was saved; may be given more than once
-//   --before FILE    earlier results, for the columns "before"; may be given more than once
 //   --markdown       the table in Markdown
+//   --pictures DIR   draws a picture of each group of subjects
+// An earlier build's program of this library takes part as "before" when it stands under that name in contenders/.
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
@@ -17,6 +18,7 @@
 #include <libgen.h>
 #include <unistd.h>
 
+#include "Pictures.h"
 #include "Processes.h"
 #include "Table.h"
 
@@ -29,15 +31,15 @@ struct Options {
     std::string only;
     std::string save;
     std::vector<std::string> from;
-    std::vector<std::string> before;
+    std::string pictures;
     std::vector<std::string> wanted;
 };
 
 bool ParseOptions(int argc, char** argv, Options* pOptions) {
     static const option names[] = {
-        {"list", 0, nullptr, 'l'},   {"rounds", 1, nullptr, 'r'},   {"seconds", 1, nullptr, 's'},
-        {"only", 1, nullptr, 'o'},   {"save", 1, nullptr, 'S'},     {"from", 1, nullptr, 'f'},
-        {"before", 1, nullptr, 'b'}, {"markdown", 0, nullptr, 'm'}, {nullptr, 0, nullptr, 0},
+        {"list", 0, nullptr, 'l'},     {"rounds", 1, nullptr, 'r'},   {"seconds", 1, nullptr, 's'},
+        {"only", 1, nullptr, 'o'},     {"save", 1, nullptr, 'S'},     {"from", 1, nullptr, 'f'},
+        {"pictures", 1, nullptr, 'p'}, {"markdown", 0, nullptr, 'm'}, {nullptr, 0, nullptr, 0},
     };
     int option;
     while ((option = getopt_long(argc, argv, "", names, nullptr)) != -1) {
@@ -60,8 +62,8 @@ bool ParseOptions(int argc, char** argv, Options* pOptions) {
         case 'f':
             pOptions->from.push_back(optarg);
             break;
-        case 'b':
-            pOptions->before.push_back(optarg);
+        case 'p':
+            pOptions->pictures = optarg;
             break;
         case 'm':
             pOptions->bMarkdown = true;
@@ -91,21 +93,23 @@ std::string ContendersDirectory() {
     return std::string(dirname(szPath)) + "/contenders";
 }
 
+bool IsLibrary(const Contender& contender) {
+    return contender.role == Role::Ours || contender.role == Role::Before;
+}
+
 /// Who takes part in a subject; with what this library does in another one, where a target compares with that.
 std::vector<Contender> ContendersOf(const Subject& subject, const std::vector<Contender>& all,
                                     const std::string& only) {
     std::vector<Contender> chosen;
     for (const Contender& contender : all) {
-        if (contender.subject == subject.pszName &&
-            (only.empty() || contender.role == Role::Ours || contender.label == only)) {
+        if (contender.subject == subject.pszName && (only.empty() || IsLibrary(contender) || contender.label == only)) {
             chosen.push_back(contender);
         }
         for (const Target& target : subject.targets) {
-            if (target.reference == Reference::Itself && contender.role == Role::Ours &&
-                contender.subject == target.pszName) {
+            if (target.reference == Reference::Itself && IsLibrary(contender) && contender.subject == target.pszName) {
                 chosen.push_back(contender);
                 chosen.back().role = Role::Itself;
-                chosen.back().label = ItselfLabel(target.pszName);
+                chosen.back().label = ItselfLabel(target.pszName, contender.role);
             }
         }
     }
@@ -145,8 +149,8 @@ void MeasureAll(const Options& options, Results* pResults) {
     }
 }
 
-bool LoadAll(const std::vector<std::string>& paths, const Options& options, Results* pResults) {
-    for (const std::string& path : paths) {
+bool LoadAll(const Options& options, Results* pResults) {
+    for (const std::string& path : options.from) {
         if (!LoadResults(path, pResults)) {
             perror(path.c_str());
             return false;
@@ -174,17 +178,16 @@ int main(int argc, char** argv) {
         return 0;
     }
     Results results;
-    Results before;
-    if (!LoadAll(options.from, options, &results) || !LoadAll(options.before, options, &before)) {
+    if (!LoadAll(options, &results)) {
         return 1;
     }
     if (options.from.empty()) {
         MeasureAll(options, &results);
     }
     if (options.bMarkdown) {
-        PrintMarkdown(results, before);
+        PrintMarkdown(results);
     } else {
         PrintSummary(results);
     }
-    return 0;
+    return options.pictures.empty() || DrawPictures(results, options.pictures) ? 0 : 1;
 }
