@@ -14,6 +14,8 @@
 #include <time.h>
 #include <unistd.h>
 
+#include "Bench.h"
+
 namespace {
 
 constexpr unsigned int kMostSeconds = 120; // a measurement that takes longer hangs
@@ -45,17 +47,6 @@ struct Output {
     bool bEndedWell;
 };
 
-/// The highest priority that is allowed, in a group of the scheduler's of its own: what else the machine does disturbs
-/// it least.
-void ComeFirst() {
-    setsid();
-    setpriority(PRIO_PROCESS, 0, -20);
-    if (FILE* pGroup = fopen("/proc/self/autogroup", "w")) {
-        fputs("-20", pGroup);
-        fclose(pGroup);
-    }
-}
-
 [[noreturn]] void Become(const std::string& program, const std::vector<std::string>& arguments,
                          const std::vector<std::string>& environment) {
     for (const std::string& one : environment) {
@@ -66,7 +57,7 @@ void ComeFirst() {
         argv.push_back(const_cast<char*>(argument.c_str()));
     }
     argv.push_back(nullptr);
-    ComeFirst();
+    bench::ComeFirst();
     alarm(kMostSeconds);
     execv(program.c_str(), argv.data());
     perror(program.c_str());

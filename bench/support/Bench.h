@@ -28,6 +28,31 @@ struct Registration {
     Registration* pNext;
 };
 
+/// Writes the registered measurements, a line each: subject, a tab, label.
+/// @return 0
+int List();
+
+/// Makes a measurement in a scratch directory and writes its value as the last line.
+/// @param pszLabel  null: the first of the subject
+/// @return 0; 2 when there is no such measurement
+int Run(const char* pszSubject, const char* pszLabel);
+
+/// A directory that is the working directory while the object lives, for settings and for what is written; gone then.
+class ScratchDirectory {
+public:
+    ScratchDirectory();
+    ~ScratchDirectory();
+    ScratchDirectory(const ScratchDirectory&) = delete;
+    ScratchDirectory& operator=(const ScratchDirectory&) = delete;
+
+private:
+    char m_szPath[32] = "/tmp/tqos-bench.XXXXXX";
+};
+
+/// Gives this process the highest priority that it may have, in a group of the scheduler's of its own: what else the
+/// machine does disturbs it least.
+void ComeFirst();
+
 /// Seconds of the monotonic clock.
 double Now();
 

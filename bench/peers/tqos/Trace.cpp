@@ -15,6 +15,8 @@ public:
             const std::string name = "Bench" + std::to_string(i);
             m_handles.push_back(tq__TraceInitInstance(name.c_str(), __FILE__, __LINE__));
             tq_TraceSetLevel(m_handles.back(), TQ_TRACE_LEVEL_WARNING);
+            tq_TraceDisableSTDERR(m_handles.back());
+            tq_TraceDisableSTDOUT(m_handles.back());
         }
     }
     ~Instances() {

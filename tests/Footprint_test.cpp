@@ -1,0 +1,183 @@
+// What the library takes of a device's memory: its file, and on the heap the running library and each object. Every
+// figure has a budget. One that is passed means that something has grown, and that docs/scaling.md is to say why.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <arpa/inet.h>
+#include <malloc.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <tqos.h>
+
+#include "TestSupport.h"
+
+namespace {
+
+constexpr bool kIs32 = sizeof(void*) == 4;
+
+/// Budgets in bytes, in both widths of x86: what was measured, and half as much again.
+struct Budget {
+    long long bytes32;
+    long long bytes64;
+    long long Bytes() const { return kIs32 ? bytes32 : bytes64; }
+};
+
+constexpr Budget kLibraryFile = {540000, 520000};
+constexpr Budget kAfterStart = {60000, 93000};
+constexpr Budget kQueue = {2100, 3000};
+constexpr Budget kTimer = {92, 134};
+constexpr Budget kSocket = {540, 630};
+constexpr Budget kSession = {2300, 2400};
+constexpr Budget kList = {384, 600};
+constexpr Budget kNode = {20, 38};
+
+/// What the heap has handed out.
+long long HeapBytes() {
+#if __GLIBC_PREREQ(2, 33)
+    const struct mallinfo2 info = mallinfo2();
+#else
+    const struct mallinfo info = mallinfo();
+#endif
+    return static_cast<long long>(info.uordblks) + static_cast<long long>(info.hblkhd);
+}
+
+/// Bytes of the heap for each of so many objects, after a first one that brings what they share.
+double BytesOfEach(int count, const std::function<void(int)>& make) {
+    make(0);
+    const long long before = HeapBytes();
+    for (int i = 1; i <= count; ++i) {
+        make(i);
+    }
+    return static_cast<double>(HeapBytes() - before) / count;
+}
+
+void ExpectWithin(const Budget& budget, double bytes, const char* pszWhat) {
+    testing::Test::RecordProperty(pszWhat, std::to_string(static_cast<long long>(bytes)));
+    printf("%s: %.0f bytes, of %lld\n", pszWhat, bytes, budget.Bytes());
+    EXPECT_GT(bytes, 0) << pszWhat;
+    EXPECT_LE(bytes, static_cast<double>(budget.Bytes())) << pszWhat;
+}
+
+class Queue : public tq_MsgQ {
+public:
+    Queue() : tq_MsgQ("Footprint", "a queue") { Create(0); }
+    ~Queue() override { Cleanup(); }
+    void MessageHandler(MSG_COMMON* pMsg) override {
+        bHandled = true; // its thread has begun, and has what the C library gives a thread
+        tq_free(pMsg);
+    }
+    std::atomic<bool> bHandled{false};
+};
+
+int ConnectTo(unsigned int port) {
+    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<unsigned short>(port));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    EXPECT_EQ(connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+    return fd;
+}
+
+/// Reads until the prompt: the session is then all there.
+void WaitForPrompt(int fd) {
+    char c = 0;
+    while (c != '>') {
+        ASSERT_EQ(read(fd, &c, 1), 1);
+    }
+}
+
+} // namespace
+
+TEST(Footprint, TheStrippedLibraryIsWithinItsBudget) {
+#if !defined(__i386__) && !defined(__x86_64__)
+    GTEST_SKIP() << "the budget is that of x86";
+#endif
+    const test::ScratchDirectory directory;
+    ASSERT_EQ(system(TQOS_STRIP " -o stripped.so " TQOS_LIBRARY), 0);
+    struct stat status;
+    ASSERT_EQ(stat("stripped.so", &status), 0);
+    ExpectWithin(kLibraryFile, static_cast<double>(status.st_size), "library file");
+}
+
+TEST(Footprint, TheStartedLibraryIsWithinItsBudget) {
+    const test::ScratchDirectory directory;
+    const long long before = HeapBytes();
+    ASSERT_EQ(tqOS_Initialize(), 0u);
+    const long long after = HeapBytes();
+    tqOS_Terminate(false, true);
+    ExpectWithin(kAfterStart, static_cast<double>(after - before), "heap after the start");
+}
+
+TEST(Footprint, AQueueIsWithinItsBudget) {
+    const test::Library library;
+    std::vector<std::unique_ptr<Queue>> queues;
+    ExpectWithin(kQueue,
+                 BytesOfEach(100,
+                             [&](int) {
+                                 queues.push_back(std::make_unique<Queue>());
+                                 ASSERT_TRUE(test::WaitUntil([&] { return queues.back()->bHandled.load(); }));
+                             }),
+                 "heap of a queue");
+}
+
+TEST(Footprint, ATimerIsWithinItsBudget) {
+    const test::Library library;
+    ExpectWithin(kTimer,
+                 BytesOfEach(1000,
+                             [](int i) {
+                                 ASSERT_EQ(tq_TimerSet(4711, 1000000, static_cast<unsigned int>(i), 0, 0,
+                                                       TQ_TIMER_ONE_SHOT, nullptr, false),
+                                           0u);
+                             }),
+                 "heap of a timer");
+}
+
+TEST(Footprint, ASocketIsWithinItsBudget) {
+    const test::Library library;
+    Queue queue;
+    ExpectWithin(kSocket,
+                 BytesOfEach(100,
+                             [&](int) {
+                                 ASSERT_NE(tq_SocketOpenUDP(queue.GetHandle(), htonl(INADDR_LOOPBACK), 9, 0,
+                                                            htonl(INADDR_LOOPBACK), 0),
+                                           0u);
+                             }),
+                 "heap of a socket");
+}
+
+TEST(Footprint, ASessionOfTheConsoleIsWithinItsBudget) {
+    const test::Library library;
+    const unsigned int port = tq_TelnetInitialize(0, htonl(INADDR_LOOPBACK), nullptr);
+    ASSERT_NE(port, 0u);
+    std::vector<int> clients;
+    ExpectWithin(kSession,
+                 BytesOfEach(20,
+                             [&](int) {
+                                 clients.push_back(ConnectTo(port));
+                                 WaitForPrompt(clients.back());
+                             }),
+                 "heap of a session");
+    tq_TelnetTerminate();
+    for (const int fd : clients) {
+        close(fd);
+    }
+}
+
+TEST(Footprint, AListAndItsNodesAreWithinTheirBudgets) {
+    const test::Library library;
+    std::vector<std::unique_ptr<tq_List>> lists(1001);
+    ExpectWithin(kList,
+                 BytesOfEach(1000, [&](int i) { lists[static_cast<size_t>(i)] = std::make_unique<tq_List>("F"); }),
+                 "heap of a list");
+    int node = 0;
+    ExpectWithin(kNode, BytesOfEach(1600, [&](int) { lists[0]->AddToTail(&node); }), "heap of a node");
+}
