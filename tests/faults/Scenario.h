@@ -105,6 +105,7 @@ void TraceFiles(Run& run);
 void TraceDumps(Run& run);
 void StartAndStop(Run& run);
 void StartEverything(Run& run);
+void ManyOfEach(Run& run);
 void TcpConversation(Run& run);
 void TcpFlood(Run& run);
 void Datagrams(Run& run);

@@ -57,6 +57,7 @@ const Scenario kScenarios[] = {
     {"TraceDumps", TraceDumps, "", false, "1; a line is missing", {kNone}},
     {"StartAndStop", StartAndStop, "", true, "the code of the step that failed", {kNone}},
     {"StartEverything", StartEverything, "", true, "as the calls say", {kNone}},
+    {"ManyOfEach", ManyOfEach, "", true, "as the calls say", {kNone}},
     {"TcpConversation", TcpConversation, "", false, "0, or MSG_SOCKET_CLOSED", {kNone}},
     {"TcpFlood", TcpFlood, "", false, "0, or MSG_SOCKET_CLOSED", {kNone}},
     {"Datagrams", Datagrams, "", false, "0; a datagram that is lost", {kNone}},

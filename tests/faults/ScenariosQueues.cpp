@@ -1,5 +1,7 @@
 // Scenarios of queues, timers and trace, and of the library's start and stop.
+#include <memory>
 #include <string.h>
+#include <vector>
 
 #include "Faults.h"
 #include "Listener.h"
@@ -261,6 +263,58 @@ void StartEverything(Run& run) {
         run.Handle("tq_TelnetInitialize", tq_TelnetInitialize(0, tq_inet_addr("127.0.0.1"), nullptr));
         tqOS_Terminate(false, true); // with everything open
         return;
+    }
+    tqOS_Terminate(false, true);
+}
+
+namespace {
+
+constexpr unsigned int kMany = 20; // more than a list makes room for at once
+
+/// Whether there is no more of anything than before. Not blocks: a list keeps the room that it has made.
+bool IsGivenBack(const Reading& before) {
+    const Reading now = ReadCounters();
+    for (const Counter counter : {kHandles, kLists, kQueues, kTimers, kSockets, kTraceInstances}) {
+        if (now[counter] > before[counter]) {
+            return false;
+        }
+    }
+    return true;
+}
+
+void OpenAndCloseMany(Run& run) {
+    std::vector<std::unique_ptr<Listener>> queues;
+    for (unsigned int i = 0; i < kMany; ++i) {
+        queues.push_back(std::make_unique<Listener>("one of many"));
+        queues.back()->Create(0);
+        run.Handle("Create", queues.back()->GetHandle());
+    }
+    const unsigned int hQueue = queues.front()->GetHandle();
+    unsigned int traces[kMany];
+    unsigned int sockets[kMany];
+    for (unsigned int i = 0; i < kMany; ++i) {
+        traces[i] = run.Handle("tq_TraceInitInstance", tq_TraceInitInstance(("trace " + std::to_string(i)).c_str()));
+        sockets[i] = run.Handle("tq_SocketOpenUDP", tq_SocketOpenUDP(hQueue, 0, 0, 0, tq_inet_addr("127.0.0.1"), 0));
+        run.Zero("tq_TimerSet", tq_TimerSet(hQueue, 60000, i, 0, 0, 0, "late", false));
+    }
+    for (unsigned int i = 0; i < kMany; ++i) {
+        tq_TraceTermInstance(traces[i]);
+        tq_SocketClose(sockets[i]);
+        tq_TimerKill(hQueue, i, 0, 0);
+    }
+}
+
+} // namespace
+
+/// Registries that have to grow, in a library that has just started: in one that has run for a while they have room.
+void ManyOfEach(Run& run) {
+    if (run.Zero("tqOS_Initialize", static_cast<long>(tqOS_Initialize())) &&
+        run.Zero("tq_TimerInitialize", static_cast<long>(tq_TimerInitialize())) &&
+        run.True("tq_SocketInitialize", tq_SocketInitialize() == 0)) { // or 1, or the system's error
+        const Reading before = ReadCounters();
+        OpenAndCloseMany(run);
+        const Exempt exempt;
+        run.Must("all is given back before the end", test::WaitUntil([&before] { return IsGivenBack(before); }));
     }
     tqOS_Terminate(false, true);
 }
