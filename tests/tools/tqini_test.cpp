@@ -16,10 +16,12 @@
 
 #include "Check.h"
 #include "KeyTable.h"
+#include "SocketPeers.h"
 #include "Suggest.h"
 #include "Template.h"
 #include "TestSupport.h"
 #include "tq_IniKeys_p.h"
+#include "tq_NetTrace_p.h"
 #include "tqos.h"
 
 // ---- What the library reads: its calls of its own reader, on their way there
@@ -403,6 +405,49 @@ TEST(TqiniCheck, ReplacedValuesAndKeysThatAreNotReadAreSoInARunningLibrary) {
         void* pBlock = tq_malloc(2000000);
         EXPECT_EQ(row.bCapped, pBlock == nullptr) << row.pszContent;
         tq_free(pBlock);
+    }
+}
+
+/// Asks an instance for its lines from an address.
+void Subscribe(const char* pszFrom, unsigned int port) {
+    const test::Fd fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    struct sockaddr_in from = test::LoopbackAddress(0);
+    from.sin_addr.s_addr = inet_addr(pszFrom);
+    const struct sockaddr_in to = test::LoopbackAddress(port);
+    ASSERT_EQ(0, bind(fd.Get(), reinterpret_cast<const struct sockaddr*>(&from), sizeof(from)));
+    ASSERT_EQ(9, sendto(fd.Get(), "TRACEON/", 9, 0, reinterpret_cast<const struct sockaddr*>(&to), sizeof(to)));
+}
+
+unsigned int ViewersOf(unsigned int handle) {
+    tq_LockedTrace trace;
+    return tq_FindTraceInstanceLocked(handle)->pNetTrace->Viewers();
+}
+
+/// Whether the library admits 127.0.0.1 by this word. Another address, which it admits in any case, asks after it.
+bool LibraryAdmits(const std::string& word) {
+    test::Library library("[Trace]\ntqos_Level=None\na_Level=All\na_LogToMulticast=yes\nAllowedViewers=127.0.0.9 " +
+                          word + "\n");
+    const unsigned int handle = tq_TraceInitInstance("a");
+    unsigned int hSocket = 0;
+    {
+        tq_LockedTrace trace;
+        hSocket = static_cast<unsigned int>(tq_FindTraceInstanceLocked(handle)->iSocket);
+    }
+    Subscribe("127.0.0.1", tq_SocketGetBoundPort(hSocket));
+    Subscribe("127.0.0.9", tq_SocketGetBoundPort(hSocket));
+    Subscribe("127.0.0.9", tq_SocketGetBoundPort(hSocket));
+    EXPECT_TRUE(test::WaitUntil([handle] { return ViewersOf(handle) >= 2; }));
+    return ViewersOf(handle) >= 3;
+}
+
+TEST(TqiniCheck, AnAddressIsOneExactlyWhenTheLibraryAdmitsBySuch) {
+    for (const char* pszWord :
+         {"127.0.0.1", "127.0.0.0/8", "127.0.0.1/32", "127.0.0.1/032", "0.0.0.0/0", "127.0.0.1/33", "127.0.0.1/",
+          "127.0.0.1/-1", "127.0.0.1/8x", "127.1", "localhost", "127.0.0.1:5"}) {
+        const bool bAdmits = LibraryAdmits(pszWord);
+        test::ScratchDirectory directory;
+        const std::vector<Finding> findings = Check(std::string("[Trace]\nAllowedViewers=") + pszWord + "\n");
+        EXPECT_EQ(bAdmits ? "" : "2 not-an-address", Shown(findings)) << pszWord;
     }
 }
 

@@ -1,7 +1,9 @@
 // tqtrace: its parts by themselves, and the program on trace files.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <fcntl.h>
+#include <netinet/in.h>
 #include <nlohmann/json.hpp>
 
 #include "Announcement.h"
@@ -12,6 +14,7 @@
 #include "Options.h"
 #include "Output.h"
 #include "Record.h"
+#include "SocketPeers.h"
 #include "TestSupport.h"
 #include "Tools.h"
 #include "tqos.h"
@@ -112,6 +115,46 @@ TEST(TqtraceRecord, AFileMayHoldOtherTextMessagesOfSeveralLinesAndQuotedOnes) {
     }
     EXPECT_EQ("-<starting>-<>1<one\n two>2<got [9]: (a) WRN: x>3<open>4<\n[5]: (b) WRX: no\nlast>", shown);
     EXPECT_TRUE(ParseFile("").empty());
+}
+
+/// Pieces of lines in any order: whatever they make, nothing of it is lost.
+TEST(TqtraceRecord, EveryByteOfAFileComesOutInItsOrder) {
+    const char* const kPieces[] = {"[1]: ",
+                                   "(a) ",
+                                   "(b) ",
+                                   "WRN: ",
+                                   "x",
+                                   "\n",
+                                   "\r\n",
+                                   "TID:1:2 ",
+                                   "[",
+                                   ") ",
+                                   "Sat Nov 21 14:42:11 2026 ",
+                                   "[2]: (a) INF: y\n"};
+    unsigned int seed = 1;
+    for (int round = 0; round < 2000; ++round) {
+        std::string content;
+        for (int i = 0; i < 20; ++i) {
+            seed = seed * 1664525 + 1013904223;
+            content += kPieces[(seed >> 16) % (sizeof(kPieces) / sizeof(kPieces[0]))];
+        }
+        size_t at = 0;
+        for (const Record& record : ParseFile(content)) {
+            ASSERT_EQ(0, content.compare(at, record.text.size(), record.text)) << content;
+            ASSERT_EQ(record.message, record.text.substr(record.text.size() - record.message.size())) << content;
+            at += record.text.size();
+            at += content.compare(at, 2, "\r\n") == 0 ? 2 : content.compare(at, 1, "\n") == 0 ? 1 : 0;
+        }
+        ASSERT_EQ(content.size(), at) << content;
+    }
+}
+
+TEST(TqtraceRecord, AHugeLineThatIsNoneIsReadInTimeThatGrowsWithIt) {
+    std::string content;
+    while (content.size() < 4000000) {
+        content += "[1]: (";
+    }
+    EXPECT_EQ(1u, ParseFile(content).size()); // or it would take hours
 }
 
 // ---- Filters
@@ -273,6 +316,87 @@ TEST(TqtraceLevel, IsReadFromTheConsolesSummary) {
             EXPECT_EQ(handle, rows[1].handle);
         }
     }
+}
+
+// ---- The device's level
+
+/// A library in this process, its console, and what was said of its level.
+class LevelOfA {
+public:
+    LevelOfA() : m_library("[Trace]\ntqos_Level=None\na_Level=Warning\n"), m_handle(tq_TraceInitInstance("a")) {
+        m_port = tq_TelnetInitialize(0, htonl(INADDR_LOOPBACK), "");
+    }
+    ~LevelOfA() { tq_TelnetTerminate(); }
+
+    DeviceLevel Setter(int level) {
+        const tools::Address console = {"127.0.0.1", std::to_string(m_port)};
+        return DeviceLevel(console, "", level, [this](const std::string& text) { m_said += text + "\n"; });
+    }
+    int Level() const { return tq_TraceGetLevel(m_handle); }
+    void SetLevel(int level) const { tq_TraceSetLevel(m_handle, level); }
+    std::string Said() { return std::exchange(m_said, ""); }
+
+private:
+    test::Library m_library;
+    unsigned int m_handle;
+    unsigned int m_port;
+    std::string m_said;
+};
+
+TEST(TqtraceDeviceLevel, IsSetAndPutBackAlsoToANegativeOne) {
+    LevelOfA a;
+    a.SetLevel(-30000);
+    DeviceLevel level = a.Setter(10000);
+    level.Set("A");
+    EXPECT_EQ(10000, a.Level());
+    EXPECT_EQ("the level of A is Debug, was -30000\n", a.Said());
+    level.Set("A"); // once more: what it was is not forgotten
+    EXPECT_EQ("the level of A is Debug, was Debug\n", a.Said());
+    level.PutBack();
+    EXPECT_EQ(-30000, a.Level());
+    EXPECT_EQ("the level of A is -30000 again\n", a.Said());
+    level.PutBack();
+    EXPECT_EQ("", a.Said());
+}
+
+TEST(TqtraceDeviceLevel, IsTriedAgainUntilTheInstanceIsThere) {
+    LevelOfA a;
+    DeviceLevel level = a.Setter(50000);
+    level.Set("late");
+    EXPECT_EQ("the level of late is not set yet: the device has no such trace instance\n", a.Said());
+    level.TryAgain();
+    EXPECT_EQ("", a.Said());
+    const unsigned int late = tq_TraceInitInstance("late");
+    level.TryAgain();
+    EXPECT_EQ("the level of late is Critical, was Warning\n", a.Said());
+    level.TryAgain();
+    EXPECT_EQ("", a.Said());
+    EXPECT_EQ(50000, tq_TraceGetLevel(late));
+}
+
+TEST(TqtraceDeviceLevel, AConsoleThatIsNotThereIsSaid) {
+    const test::Fd nobody = test::BoundPeer(SOCK_STREAM); // does not listen
+    const std::string port = std::to_string(test::PortOf(nobody));
+    std::string said;
+    DeviceLevel level({"127.0.0.1", port}, "", 50000, [&](const std::string& text) { said += text; });
+    level.Set("a");
+    EXPECT_EQ("the level of a is not set yet: 127.0.0.1:" + port + ": Connection refused", said);
+}
+
+TEST(TqtraceDeviceLevel, IsGivenUpInTheEnd) {
+    LevelOfA a;
+    DeviceLevel level = a.Setter(50000);
+    level.Set("b");
+    EXPECT_EQ("the level of b is not set yet: the device has no such trace instance\n", a.Said());
+    for (int i = 0; i < 29; ++i) {
+        level.TryAgain();
+    }
+    EXPECT_EQ("", a.Said());
+    level.TryAgain();
+    EXPECT_EQ("the level of b could not be set: the device has no such trace instance\n", a.Said());
+    level.TryAgain();
+    level.PutBack();
+    EXPECT_EQ("", a.Said());
 }
 
 // ---- Output

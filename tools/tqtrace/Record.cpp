@@ -31,6 +31,8 @@ bool HasShape(const std::string& text, size_t at, const char* pszShape) {
 constexpr char kDateShape[] = "aaa aaa _0 00:00:00 0000 ";
 constexpr size_t kDateBytes = sizeof(kDateShape) - 1;
 
+constexpr size_t kLongestName = 1000; // of an instance: a line on the network holds no more
+
 bool TakeText(const std::string& text, size_t* pAt, const char* pszExpected) {
     const std::string expected = pszExpected;
     if (text.compare(*pAt, expected.size(), expected) != 0) {
@@ -61,8 +63,10 @@ bool TakeInstance(const std::string& text, size_t* pAt, Record* pFields) {
     if (!TakeText(text, pAt, "(")) {
         return false;
     }
-    const size_t lineEnd = text.find('\n', *pAt);
-    for (size_t end = text.find(") ", *pAt); end < lineEnd; end = text.find(") ", end + 1)) {
+    const std::string rest = text.substr(*pAt, kLongestName + 2);
+    const size_t lineEnd = rest.find('\n');
+    for (size_t length = rest.find(") "); length < lineEnd; length = rest.find(") ", length + 1)) {
+        const size_t end = *pAt + length;
         pFields->pLevel = FindTag(text, end + 2);
         if (pFields->pLevel) {
             pFields->instance = text.substr(*pAt, end - *pAt);
