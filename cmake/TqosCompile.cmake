@@ -20,6 +20,9 @@ target_compile_definitions(tqos_compile INTERFACE _FILE_OFFSET_BITS=64 _TIME_BIT
 # Debug builds check the order in which the library takes its locks.
 target_compile_definitions(tqos_compile INTERFACE $<$<CONFIG:Debug>:TQOS_LOCK_ORDER>)
 target_compile_options(tqos_compile INTERFACE -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Wvla)
+# A crash can come at any instruction, and its report shows the frames above it: processors that unwind without tables
+# are asked for them, those that have them anyway lose nothing.
+target_compile_options(tqos_compile INTERFACE -fasynchronous-unwind-tables)
 # Texts are cut at the ends of their buffers on purpose wherever snprintf() writes them.
 target_compile_options(tqos_compile INTERFACE $<$<CXX_COMPILER_ID:GNU>:-Wno-format-truncation>)
 if(TQOS_WARNINGS_AS_ERRORS)

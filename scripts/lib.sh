@@ -201,6 +201,11 @@ prepare_to_show() {
     install_packages ${packages[@]+"${packages[@]}"}
 }
 
+# count ATTRIBUTE FILE: a number of ctest's report.
+count() {
+    sed -n "s/.*[[:space:]]$1=\"\([0-9]*\)\".*/\1/p" "$2" | head -n 1
+}
+
 # The presets that can be built here, one a line.
 known_presets() {
     sed -n '/"buildPresets"/,/\]/s/.*"name": "\([^"]*\)".*/\1/p' CMakePresets.json

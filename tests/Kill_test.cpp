@@ -31,7 +31,7 @@ using test::WriteFile;
 
 namespace {
 
-constexpr int kMostMicroseconds = 4000; // from the process's being ready to its end
+constexpr int kMostMicroseconds = 4000 * TQOS_PATIENCE; // from the process's being ready to its end
 constexpr char kQuiet[] = "[Trace]\r\nDefaultLevel=None\r\n";
 
 unsigned int Number(const char* pszVariable, unsigned int otherwise) {

@@ -953,7 +953,6 @@ TEST(Directory, OfAPathOf256CharactersIsNotRemoved) {
 }
 
 TEST(Directory, IsRemovedAlsoWhereTheCommandsStatusCannotBeLearnt) {
-    TEST_NOT_UNDER_EMULATION("SA_NOCLDWAIT is not passed on");
     ScratchDirectory directory;
     ASSERT_TRUE(tq_CreateDirectory("d"));
     const test::ChildResult child = RunInChild([] {

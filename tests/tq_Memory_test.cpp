@@ -850,7 +850,6 @@ TEST(Memory, ReallocNamesAMissingFileInDoubleParentheses) {
 }
 
 TEST(Memory, AReallocThatTheHeapRefusesLeavesTheOldBlockWhole) {
-    TEST_NOT_UNDER_EMULATION("2 GiB can be had, and no limit keeps them from the program");
     for (const char* pszKeys :
          {"", "MemoryAlignment=16\n", "EnableMemoryTracking=yes\n", "EnableMemoryTracking=yes\nMemoryAlignment=16\n"}) {
         Memory memory(pszKeys);

@@ -8,6 +8,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <string>
+#include <vector>
+
 #include <gtest/gtest.h>
 
 #include "TestSupport.h"
@@ -54,6 +58,32 @@ ChildResult RunWithLibrary(const std::string& ini, const std::function<void()>& 
 void ReadUnmappedMemory() {
     volatile char* volatile pUnmapped = reinterpret_cast<volatile char*>(16); // or the compiler warns of the address
     static_cast<void>(*pUnmapped);
+}
+
+[[gnu::noinline]] int Fault() {
+    ReadUnmappedMemory();
+    return 1;
+}
+
+/// Its last deed is no call, which might be a jump.
+[[gnu::noinline]] int CallWhatFaults() {
+    return Fault() + 1;
+}
+
+/// Whether the address lies in one of these short functions.
+bool LiesIn(uintptr_t address, int (*pfnFunction)()) {
+    const uintptr_t start = reinterpret_cast<uintptr_t>(pfnFunction) & ~uintptr_t{1}; // on ARM an odd one says Thumb
+    return address >= start && address - start < 256;
+}
+
+/// The addresses that a crash report traces, one a line.
+std::vector<uintptr_t> TracedAddresses(const std::string& trace) {
+    static const std::string mark = "(tqos) CRT: 0x";
+    std::vector<uintptr_t> addresses;
+    for (size_t at = trace.find(mark); at != std::string::npos; at = trace.find(mark, at + 1)) {
+        addresses.push_back(strtoul(trace.c_str() + at + mark.size(), nullptr, 16));
+    }
+    return addresses;
 }
 
 /// Whether the random generator stands as if it had been seeded from the millisecond clock in the last minute.
@@ -323,7 +353,6 @@ TEST(Signals, TheFiveSignalsGetTheReporterWithoutFurtherFlags) {
 }
 
 TEST(Signals, EndedChildrenLeaveNoZombies) {
-    TEST_NOT_UNDER_EMULATION("SA_NOCLDWAIT is not passed on");
     const ChildResult result = RunWithLibrary("", [] {
         const pid_t child = fork();
         if (child == 0) {
@@ -361,6 +390,17 @@ TEST(CrashReport, EachReturnAddressIsATraceLine) {
     EXPECT_GT(count, 1);
     EXPECT_EQ(static_cast<size_t>(count) + 1, CountOf(result.standardError, "(tqos) CRT: "));
     EXPECT_EQ(static_cast<size_t>(count), CountOf(result.standardOut, "\n"));
+}
+
+TEST(CrashReport, TheReturnAddressesLeadFromTheFaultToItsCallers) {
+    const ChildResult result = RunWithLibrary(kTraceToStandardError, [] { CallWhatFaults(); });
+    const std::vector<uintptr_t> frames = TracedAddresses(result.standardError);
+    const auto liesIn = [](int (*pfnFunction)()) {
+        return [pfnFunction](uintptr_t address) { return LiesIn(address, pfnFunction); };
+    };
+    const auto fault = std::find_if(frames.begin(), frames.end(), liesIn(Fault));
+    ASSERT_NE(frames.end(), fault) << result.standardError;
+    EXPECT_NE(frames.end(), std::find_if(fault + 1, frames.end(), liesIn(CallWhatFaults))) << result.standardError;
 }
 
 TEST(CrashReport, AnAbortIsReportedByItsNumbers) {
@@ -437,7 +477,7 @@ TEST(CrashReport, EverySignalAndCodeHasItsText) {
     struct Row {
         int sig;
         int code;
-        const char* pszSignal;
+        std::string signal;
         const char* pszReason;
     };
     const Row kRows[] = {
@@ -466,8 +506,8 @@ TEST(CrashReport, EverySignalAndCodeHasItsText) {
         {SIGBUS, 2, "bus error", " non-existent physical address"},
         {SIGBUS, 3, "bus error", " object specific hardware error"},
         {SIGBUS, -1, "bus error", "unknown"},
-        {SIGABRT, -6, "sig: 6", "reason: -6"},
-        {SIGUSR1, 0, "sig: 10", "reason: 0"},
+        {SIGABRT, -6, "sig: " + std::to_string(SIGABRT), "reason: -6"},
+        {SIGUSR1, 0, "sig: " + std::to_string(SIGUSR1), "reason: 0"},
     };
     for (const Row& row : kRows) {
         const ChildResult result = RunWithLibrary(kTraceToStandardError, [&row] {
@@ -475,8 +515,7 @@ TEST(CrashReport, EverySignalAndCodeHasItsText) {
             tqos_SignalHandler(row.sig, &info, nullptr);
         });
         EXPECT_EQ(0, result.code);
-        const std::string expected =
-            std::string("\nSignal: ") + row.pszSignal + "\nReason: " + row.pszReason + "\nFault addr: ";
+        const std::string expected = "\nSignal: " + row.signal + "\nReason: " + row.pszReason + "\nFault addr: ";
         EXPECT_TRUE(Contains(result.standardError, expected)) << expected << result.standardError;
     }
 }

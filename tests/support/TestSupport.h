@@ -8,14 +8,6 @@
 #include <signal.h>
 #include <string>
 
-/// Leaves a test out, as skipped and with the reason, where the tests run under user-mode emulation and it needs what
-/// only the kernel itself can do.
-#ifdef TQOS_EMULATED
-#define TEST_NOT_UNDER_EMULATION(REASON) GTEST_SKIP() << "not under emulation: " << (REASON)
-#else
-#define TEST_NOT_UNDER_EMULATION(REASON) static_cast<void>(0)
-#endif
-
 namespace test {
 
 /// A fresh directory that is the working directory while the object lives; removed with all it holds afterwards.
