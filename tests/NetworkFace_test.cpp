@@ -379,7 +379,7 @@ TEST_P(Storms, CostAMegabyteAtMostAndOthersAreServed) {
             heap.Look();
             return bSent && IsWorkedOff(hSocket, tq_ConsoleQueueHandle());
         },
-        IsTrustRun() ? 3600 : 100));
+        IsTrustRun() ? 3600 : 100 * TQOS_PATIENCE));
     sender.join();
     EXPECT_LE(heap.Growth(), kMegabyte);
     LogIn(console.Port());
