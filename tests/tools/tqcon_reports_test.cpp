@@ -276,12 +276,36 @@ TEST(Reports, ErrorsAndTextsAreJsonToo) {
     EXPECT_EQ("\"a\xef\xbf\xbd\"\n", tqcon::JsonLine(Json("a\xff")));
 }
 
+/// The row of the page's table that is about a report.
+std::string RowOfPage(const std::string& page, const std::string& report) {
+    const size_t at = page.find("\n| `" + report + "` | ");
+    EXPECT_NE(std::string::npos, at) << report;
+    return at == std::string::npos ? "" : page.substr(at + 1, page.find('\n', at + 1) - at - 1);
+}
+
+TEST(Reports, ThePageNamesEveryTableAndColumn) {
+    const std::string page = test::ReadFile(TQCON_PAGE);
+    for (const tqcon::Report* pReport = tqcon::kReports; pReport->pszName; ++pReport) {
+        // What "show memory" gives depends on its options: two rows of the page are about one set of rules.
+        const std::string name = pReport->pszName;
+        const std::string row = RowOfPage(page, name) + (name == "memory" ? RowOfPage(page, "blocks") : "") +
+                                (name == "blocks" ? RowOfPage(page, "memory") : "");
+        for (const tqcon::Rule* pRule = pReport->pRules; pRule->pszPattern; ++pRule) {
+            for (const tqcon::Column& column : pRule->columns) {
+                if (column.pszKey) {
+                    EXPECT_TRUE(row.find("`" + std::string(column.pszKey) + "`") != std::string::npos)
+                        << name << ": " << column.pszKey;
+                }
+            }
+        }
+    }
+}
+
 class ReportsWithDevice : public test::WithDevice {};
 INSTANTIATE_TEST_SUITE_P(, ReportsWithDevice, testing::Values("64", "32"), test::WidthName);
 
 TEST_P(ReportsWithDevice, EveryLineOfEveryReportIsUnderstood) {
-    test::DemoDevice device(Program(),
-                            {{"EnableMemoryTracking=yes", "EnableMemoryTracking=yes\nEnableMemoryPooling=yes"}});
+    test::DemoDevice device(Program());
     tools::Console console({30000, 30000, 30000});
     ASSERT_EQ(tools::Result::Ok, console.Connect(tools::ParseAddress(device.ConsoleAddress())));
     ASSERT_EQ(tools::Result::Ok, console.LogIn("lookinside"));

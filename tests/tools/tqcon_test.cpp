@@ -151,9 +151,26 @@ TEST(Tqcon, ArgumentsThatItDoesNotUnderstandAreStatusSixtyFour) {
     EXPECT_EQ(64, Tqcon({"a:1", "--password", "x"}).code);
     EXPECT_EQ(64, Tqcon({"a:1", "--timeout", "soon"}).code);
     EXPECT_EQ(64, Tqcon({"a:1", "-f", "missing"}).code);
+    EXPECT_EQ(64, Tqcon({"top"}).code);
+    EXPECT_EQ(64, Tqcon({"top", "leaks", "a:1"}).code);
+    EXPECT_EQ(64, Tqcon({"top", "a:1", "-c", "sh q"}).code);
+    EXPECT_EQ(64, Tqcon({"a:1", "--watch", "1"}).code);
+    EXPECT_EQ(64, Tqcon({"a:1", "--count", "0", "-c", "sh q"}).code);
+    EXPECT_EQ(64, Tqcon({"leaks", "a:1", "--filter", "two words"}).code);
     const ChildResult help = Tqcon({"--help"});
     EXPECT_EQ(0, help.code);
     EXPECT_NE(std::string::npos, help.standardOut.find("Exit status:")) << help.standardOut;
+}
+
+TEST(Tqcon, ThePageHasTheHelpAsItIs) {
+    ScratchDirectory directory;
+    const std::string help = Tqcon({"--help"}).standardOut;
+    std::string block;
+    for (size_t at = 0; at < help.size(); at = help.find('\n', at) + 1) {
+        const std::string line = help.substr(at, help.find('\n', at) + 1 - at);
+        block += line == "\n" ? line : "    " + line;
+    }
+    EXPECT_NE(std::string::npos, test::ReadFile(TQCON_PAGE).find("\n\n" + block + "\n")) << block;
 }
 
 } // namespace

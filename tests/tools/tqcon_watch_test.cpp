@@ -275,15 +275,10 @@ TEST(Leaks, AProfileIsCompressedAsGzipDoes) {
 
 class WatchWithDevice : public test::WithDevice {
 protected:
-    static test::DemoDevice::Changes WithPools() {
-        return {{"EnableMemoryTracking=yes", "EnableMemoryTracking=yes\nEnableMemoryPooling=yes"},
-                {"SamplePeriodMs=1000", "SamplePeriodMs=10"}};
-    }
+    /// Its history grows by a sample every ten milliseconds.
+    static test::DemoDevice::Changes Busy() { return {{"SamplePeriodMs=1000", "SamplePeriodMs=10"}}; }
     test::ChildResult Tqcon(const test::DemoDevice& device, std::vector<std::string> arguments) {
         arguments.insert(arguments.begin(), {TQCON_PROGRAM, device.ConsoleAddress()});
-        if (arguments.size() > 2 && (arguments[2] == "top" || arguments[2] == "leaks")) {
-            std::swap(arguments[1], arguments[2]);
-        }
         return test::RunTool({arguments, {"TQOS_PASSWORD=lookinside"}, ""});
     }
     static std::vector<Json> Lines(const std::string& text) {
@@ -298,7 +293,7 @@ protected:
 INSTANTIATE_TEST_SUITE_P(, WatchWithDevice, testing::Values("64", "32"), test::WidthName);
 
 TEST_P(WatchWithDevice, RoundsShowWhatHasChanged) {
-    test::DemoDevice device(Program(), WithPools());
+    test::DemoDevice device(Program(), Busy());
     const test::ChildResult result =
         Tqcon(device, {"-w", "0.2", "-n", "3", "--json", "-s", "-bytes", "-c", "sh det mem group", "-c", "sh up"});
     EXPECT_EQ(0, result.code) << result.standardError;
@@ -355,7 +350,7 @@ TEST_P(WatchWithDevice, TopOnATerminalGoesOnUntilQ) {
 }
 
 TEST_P(WatchWithDevice, FindsWhatTheDeviceKeeps) {
-    test::DemoDevice device(Program(), WithPools()); // its history grows by a sample every ten milliseconds
+    test::DemoDevice device(Program(), Busy());
     const test::ChildResult result =
         Tqcon(device, {"leaks", "--for", "0.5", "--json", "--filter", "History.cpp", "--pprof", "leaks.pb.gz"});
     EXPECT_EQ(0, result.code) << result.standardError;
@@ -373,7 +368,7 @@ TEST_P(WatchWithDevice, FindsWhatTheDeviceKeeps) {
 }
 
 TEST_P(WatchWithDevice, LeavesOutWhatTheSessionItselfKeeps) {
-    test::DemoDevice device(Program(), WithPools());
+    test::DemoDevice device(Program(), Busy());
     test::ChildResult result = Tqcon(device, {"leaks", "--for", "0"});
     EXPECT_EQ(0, result.code) << result.standardError;
     EXPECT_EQ(std::string::npos, result.standardOut.find("tq_Telnet.cpp")) << result.standardOut;
@@ -382,7 +377,7 @@ TEST_P(WatchWithDevice, LeavesOutWhatTheSessionItselfKeeps) {
 }
 
 TEST_P(WatchWithDevice, ADeviceWithoutPoolsIsStatusFive) {
-    test::DemoDevice device(Program());
+    test::DemoDevice device(Program(), {{"EnableMemoryPooling=yes", "EnableMemoryPooling=no"}});
     const test::ChildResult result = Tqcon(device, {"leaks", "--for", "0", "--json"});
     EXPECT_EQ(5, result.code);
     EXPECT_EQ("unavailable", Json::parse(result.standardOut)["error"]["kind"]);

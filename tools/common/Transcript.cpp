@@ -101,6 +101,17 @@ void TakeOutput(const std::string& question, const std::string& came, Answer* pA
     pAnswer->text = output + "\n" + pAnswer->text;
 }
 
+/// Where the line is echoed with its end; npos where it is not. A response may come between the two, and begins with a
+/// line end too: then the line is repeated behind it.
+size_t FindEcho(const std::string& came, const std::string& line) {
+    const std::string echo = line + "\r\n";
+    size_t at = StandsAt(came, 0, echo) ? 0 : came.find(echo);
+    while (at != std::string::npos && StandsAt(came, at + line.size(), kResponse)) {
+        at = came.find(echo, at + 1);
+    }
+    return at;
+}
+
 } // namespace
 
 SessionKeys MakeSessionKeys() {
@@ -116,23 +127,21 @@ SessionKeys MakeSessionKeys() {
 
 bool TakeTranscript(const SessionKeys& keys, const std::string& line, std::string came, bool bWhole, Answer* pAnswer) {
     RemoveAll(kErased, &came);
-    const std::string echo = line + "\r\n";
-    const size_t atEcho = StandsAt(came, 0, echo) ? 0 : came.find(echo);
+    const size_t atEcho = FindEcho(came, line);
     if (atEcho == std::string::npos) {
         return false;
     }
     std::string before = came.substr(0, atEcho);
     TakeResponses(keys, &before, pAnswer); // with the mark whole
     TakeInterruptions({keys.mark, line}, before, pAnswer);
-    came.erase(0, atEcho + echo.size());
+    came.erase(0, atEcho + line.size() + Length("\r\n"));
 
-    const size_t atQuestion = came.find(keys.question);
-    const size_t atAnswer = came.find(keys.answer);
-    if (!bWhole || atQuestion == std::string::npos || atAnswer == std::string::npos) {
-        TakeOutput(keys.question, came.substr(0, atQuestion), pAnswer);
+    const size_t atAnswer = bWhole ? came.find(keys.answer) : std::string::npos;
+    const size_t atQuestion = came.rfind(keys.question, atAnswer); // one before it was repeated before its line ended
+    TakeOutput(keys.question, came.substr(0, atQuestion), pAnswer);
+    if (atQuestion == std::string::npos || atAnswer == std::string::npos) {
         return true;
     }
-    TakeOutput(keys.question, came.substr(0, atQuestion), pAnswer);
     const size_t behind = atQuestion + keys.question.size();
     TakeInterruptions({keys.mark}, came.substr(behind, atAnswer - behind), pAnswer);
     TakeInterruptions({keys.mark}, came.substr(atAnswer + keys.answer.size()), pAnswer);

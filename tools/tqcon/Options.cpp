@@ -1,5 +1,6 @@
 #include "Options.h"
 
+#include <algorithm>
 #include <errno.h>
 #include <fstream>
 #include <getopt.h>
@@ -190,12 +191,28 @@ int TakeOption(int option, Options* pOptions) {
     }
 }
 
-/// What stands behind the options: perhaps what to show, and the address.
-int TakeWords(const std::vector<std::string>& words, Options* pOptions) {
-    const bool bMode = words.size() == 2 && (words[0] == "top" || words[0] == "leaks");
-    if (bMode) {
-        pOptions->mode = words[0] == "top" ? Options::Mode::Top : Options::Mode::Leaks;
-    } else if (words.size() != 1) {
+struct ModeWord {
+    const char* pszWord;
+    Options::Mode mode;
+};
+constexpr ModeWord kModes[] = {{"top", Options::Mode::Top}, {"leaks", Options::Mode::Leaks}};
+
+/// Takes the word that says what to show out of the words, wherever it stands.
+void TakeMode(std::vector<std::string>* pWords, Options* pOptions) {
+    for (const ModeWord& mode : kModes) {
+        const auto word = std::find(pWords->begin(), pWords->end(), mode.pszWord);
+        if (word != pWords->end() && pOptions->mode == Options::Mode::Session) {
+            pOptions->mode = mode.mode;
+            pWords->erase(word);
+        }
+    }
+}
+
+/// What stands beside the options: perhaps what to show, and the address.
+int TakeWords(std::vector<std::string> words, Options* pOptions) {
+    TakeMode(&words, pOptions);
+    const bool bMode = pOptions->mode != Options::Mode::Session;
+    if (words.size() != 1) {
         return Refuse(words.empty() ? "no HOST:PORT" : "too many arguments, or none that is known: " + words[0]);
     }
     pOptions->address = tools::ParseAddress(words.back());
@@ -203,7 +220,7 @@ int TakeWords(const std::vector<std::string>& words, Options* pOptions) {
         return Refuse("not HOST:PORT: " + words.back());
     }
     if (bMode && pOptions->bHasCommands) {
-        return Refuse(words[0] + " runs no commands");
+        return Refuse("top and leaks run no commands");
     }
     if (pOptions->bWatch && !bMode && !pOptions->bHasCommands) {
         return Refuse("--watch needs a command");
