@@ -1,0 +1,1 @@
+include $(BR2_EXTERNAL_TQOS_PATH)/tqos.mk
