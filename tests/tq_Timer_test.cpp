@@ -4,6 +4,7 @@
 #include <atomic>
 #include <limits.h>
 #include <pthread.h>
+#include <random>
 #include <regex>
 #include <string>
 #include <thread>
@@ -223,6 +224,143 @@ TEST(Timer, ATimerOfSevenWeeksRunsOutInRefreshes) {
     }
 }
 
+// The list's indexes
+
+namespace {
+
+/// A timer list whose timers it owns, and beside it the same order as walking the list finds it.
+class WalkedList {
+public:
+    explicit WalkedList(unsigned int now) : m_now(now) {}
+    ~WalkedList() {
+        while (!m_walked.empty()) {
+            Remove(0);
+        }
+    }
+    WalkedList(const WalkedList&) = delete;
+    WalkedList& operator=(const WalkedList&) = delete;
+
+    void Pass(unsigned int ms) { m_now += ms; }
+    size_t Count() const { return m_walked.size(); }
+
+    void Insert(unsigned int mstimeout, unsigned int ageMs) {
+        auto* pTimer = static_cast<tq_ArmedTimer*>(tq_calloc(1, sizeof(tq_ArmedTimer)));
+        pTimer->mstimeout = mstimeout;
+        pTimer->creation_time = m_now - ageMs;
+        pTimer->hMsgQ = 7;
+        pTimer->instance = ++m_made;
+        const unsigned int remaining = tq_TimerRemainingAt(*pTimer, m_now);
+        const auto place = std::find_if(m_walked.begin(), m_walked.end(), [&](const tq_ArmedTimer* pOther) {
+            return tq_TimerRemainingAt(*pOther, m_now) >= remaining;
+        });
+        m_walked.insert(place, pTimer);
+        ASSERT_TRUE(m_list.Insert(pTimer, m_now));
+    }
+
+    void Remove(size_t index) {
+        tq_ArmedTimer* const pTimer = m_walked[index];
+        m_walked.erase(m_walked.begin() + static_cast<long>(index));
+        EXPECT_EQ(pTimer, m_list.Find({7, pTimer->instance, 0, 0}));
+        m_list.Remove(pTimer);
+        EXPECT_EQ(nullptr, m_list.Find({7, pTimer->instance, 0, 0}));
+        CleanupTimerNode(pTimer);
+    }
+
+    void Compare() {
+        ASSERT_EQ(m_walked.size(), m_list.NodeCount());
+        ASSERT_EQ(m_walked.empty() ? nullptr : m_walked.front(), m_list.First());
+        void* pNode = m_list.GetHead();
+        for (const tq_ArmedTimer* pTimer : m_walked) {
+            ASSERT_EQ(pTimer, pNode);
+            pNode = m_list.GetNext();
+        }
+        ASSERT_EQ(nullptr, pNode);
+        pNode = m_list.GetTail();
+        for (size_t i = m_walked.size(); i > 0; --i) {
+            ASSERT_EQ(m_walked[i - 1], pNode);
+            pNode = m_list.GetNext();
+        }
+    }
+
+private:
+    tq_TimerList m_list;
+    std::vector<tq_ArmedTimer*> m_walked;
+    unsigned int m_now;
+    unsigned int m_made = 0;
+};
+
+} // namespace
+
+TEST(Timer, TheIndexNamesThePlaceThatAWalkFinds) {
+    test::Library library;
+    for (const unsigned int start : {5u, 0x7FFFFF00u, 0xFFFFFF00u}) { // the clock wraps on the way
+        std::mt19937 random(start);
+        WalkedList list(start);
+        for (unsigned int step = 0; step < 3000; ++step) {
+            const unsigned int what = random() % 8;
+            if (what < 4) { // few different times, so that many are equal, and many are due
+                list.Insert(random() % 40 * 10, random() % 8 * 10);
+            } else if (what == 4) {
+                list.Insert(UINT_MAX - random() % 3, 0);
+            } else if (list.Count() != 0 && what < 7) {
+                list.Remove(random() % list.Count());
+            } else {
+                list.Pass(random() % 3 * 10);
+            }
+            list.Compare();
+            ASSERT_FALSE(HasFatalFailure());
+        }
+    }
+}
+
+TEST(Timer, OfEqualTimersTheNewestComesFirst) {
+    test::Library library;
+    WalkedList list(1000);
+    for (int i = 0; i < 100; ++i) {
+        list.Insert(50, 0);
+        list.Insert(50, 100); // due, as all that are equal to it
+    }
+    list.Compare();
+}
+
+TEST(Timer, ThousandsOfTimersAreFoundByTheirKeysAndLeaveNoMemoryBehind) {
+    constexpr unsigned int kMany = 5000;
+    test::Library library(kTracking);
+    ASSERT_EQ(0u, tq_TimerInitialize());
+    ASSERT_EQ(0u, SetLong(kNobody, kLong));
+    ASSERT_EQ(0u, tq_TimerKill(kNobody, 0, 0, 0)); // the list keeps one block of entries
+    const unsigned int before = gRequestedMemoryAllocations;
+    for (unsigned int i = 0; i < kMany; ++i) {
+        ASSERT_EQ(0u, SetLong(kNobody + i % 3, kLong + i % 7, i / 3, i % 5, i % 2));
+    }
+    EXPECT_EQ(kMany, gpTimerList->NodeCount());
+    for (unsigned int i = 0; i < kMany; ++i) {
+        ASSERT_EQ(1u, tq_TimerKill(kNobody + i % 3, i / 3, i % 5, 2));
+        ASSERT_EQ(0u, tq_TimerKill(kNobody + i % 3, i / 3, i % 5, i % 2));
+    }
+    EXPECT_EQ(before, gRequestedMemoryAllocations);
+}
+
+TEST(Timer, WithoutMemoryForMoreBucketsTimersAreStillSetAndFound) {
+    constexpr unsigned int kArmed = 128; // as many as the first buckets are meant for
+    test::Library library(kTracking);
+    for (unsigned int instance = 0; instance < kArmed; ++instance) {
+        ASSERT_EQ(0u, SetLong(kNobody, kLong, instance));
+    }
+    tq_ListLock lock(gpTimerList);
+    ASSERT_EQ(0u, tq_TimerKill(kNobody, 0, 0, 0)); // leaves an entry free
+    ASSERT_EQ(0u, SetLong(kNobody, kLong, kArmed));
+    ASSERT_EQ(0u, tq_TimerKill(kNobody, 1, 0, 0));
+    ASSERT_EQ(0u, SetLong(kNobody, kLong, kArmed + 1));
+    gMemoryCapInBytes = gRequestedMemoryAllocations + 600; // a timer and a block of entries, and no buckets
+    EXPECT_EQ(0u, SetLong(kNobody, kLong, kArmed + 2));
+    gMemoryCapInBytes = 0;
+    for (unsigned int instance = 2; instance <= kArmed + 2; ++instance) {
+        EXPECT_EQ(0u, tq_TimerKill(kNobody, instance, 0, 0));
+    }
+    EXPECT_EQ(0u, gpTimerList->NodeCount());
+}
+
 // Setting and killing
 
 TEST(Timer, AnExpirySendsTheTimersValues) {
@@ -370,6 +508,22 @@ TEST(Timer, AnEarlierTimerWakesTheThreadThatSleepsForALaterOne) {
     ASSERT_EQ(0u, SetLong(queue.GetHandle(), 20, 2));
     ASSERT_TRUE(queue.WaitForCount(2));
     EXPECT_EQ((std::vector<unsigned int>{2}), TimerInstances(queue));
+}
+
+TEST(Timer, AnEarlierTimerWakesTheThreadAlsoAfterKillsOfEarlierOnes) {
+    test::Library library;
+    RecordingQueue queue;
+    queue.Create(0);
+    ASSERT_EQ(0u, SetLong(queue.GetHandle(), 2 * kLong, 1));
+    for (unsigned int round = 0; round < 20; ++round) {
+        // the thread goes on sleeping for what is killed, and must be woken for what comes before that
+        ASSERT_EQ(0u, SetLong(queue.GetHandle(), kLong, 2));
+        ASSERT_EQ(0u, tq_TimerKill(queue.GetHandle(), 2, 0, 0));
+        ASSERT_EQ(0u, SetLong(queue.GetHandle(), kLong + 1000, 3));
+        ASSERT_EQ(0u, SetLong(queue.GetHandle(), 10, 4));
+        ASSERT_TRUE(queue.WaitForCount(2 + round));
+        ASSERT_EQ(0u, tq_TimerKill(queue.GetHandle(), 3, 0, 0));
+    }
 }
 
 TEST(Timer, ATimerWhoseQueueIsGoneFiresOnceAndIsNoLongerListed) {
@@ -599,7 +753,7 @@ TEST(Timer, ASetForWhichTheListHasNoMemoryFailsAndLeavesNothingBehind) {
     }
     tq_ListLock lock(gpTimerList);
     const unsigned int before = gRequestedMemoryAllocations;
-    gMemoryCapInBytes = before + sizeof(TIMER_NODE);
+    gMemoryCapInBytes = before + sizeof(tq_ArmedTimer);
     EXPECT_EQ(1u, SetLong(kNobody, kLong, 16));
     gMemoryCapInBytes = 0;
     EXPECT_EQ(before, gRequestedMemoryAllocations);

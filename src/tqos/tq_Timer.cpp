@@ -3,7 +3,6 @@
 #include <atomic>
 #include <limits.h>
 #include <mutex>
-#include <stddef.h>
 
 #include "tq_Gate_p.h"
 #include "tq_HeldLocks_p.h"
@@ -20,11 +19,6 @@
 #include "tq_Time.h"
 #include "tq_WorkingLock_p.h"
 
-#if __SIZEOF_POINTER__ == 4
-static_assert(sizeof(TIMER_NODE) == 40, "layout of a timer");
-#endif
-static_assert(offsetof(TIMER_NODE, mstimeout) == 4, "the key that the list is sorted by");
-
 namespace {
 
 constexpr unsigned int kShortestMs = 10;
@@ -33,7 +27,7 @@ constexpr unsigned int kThreadStackBytes = 4096;
 constexpr char kThreadName[] = "TQOS: Timer Thread";
 constexpr int kMaxWakeUps = 10000;
 constexpr int kForEver = -1;
-constexpr unsigned int kStartBytes = 2048; // what a start allocates, and some more
+constexpr unsigned int kStartBytes = 3072; // what a start allocates, and some more
 
 } // namespace
 
@@ -48,77 +42,14 @@ tq_Gate gTimerGate;
 tq_PlacedMutex gStartStopMutex(tq_LockRank::kServiceStart); // comes after the section of the lazy starts
 int gTimerInitCount = 0;                                    // guarded by gStartStopMutex
 
-tq_SemSemaphore* gpTimerSem = nullptr;     // one unit for each change of the list: the thread looks again
+tq_SemSemaphore* gpTimerSem = nullptr;     // one unit each time that the thread is to look at the list again
 tq_SemCritSec* gpTimerTermLatch = nullptr; // held by the timer thread as long as it lives
 tq_SemEvent* gpTimerStarted = nullptr;     // the timer thread holds the latch
+unsigned long long gThreadSleepsUntil = 0; // guarded by the list's lock, on its clock; 0: it looks before it sleeps
 std::atomic<bool> gbTimersTerminated{false};
 std::atomic<bool> gbTimerThreadDone{false};
 
 } // namespace
-
-// What remains of a timer
-
-namespace {
-
-unsigned int ClampToTimeout(long long ms) {
-    if (ms <= 0) {
-        return 0;
-    }
-    return ms > UINT_MAX ? UINT_MAX : static_cast<unsigned int>(ms);
-}
-
-} // namespace
-
-unsigned int tq_TimerRemainingAt(const TIMER_NODE& timer, unsigned int now) {
-    const long long elapsed = static_cast<int>(now - timer.creation_time);
-    return ClampToTimeout(timer.mstimeout - elapsed);
-}
-
-void tq_TimerBringUpToDate(TIMER_NODE& timer, unsigned int now) {
-    timer.mstimeout = tq_TimerRemainingAt(timer, now);
-    timer.creation_time = now;
-}
-
-int tq_TimerSleepFor(unsigned int remaining) {
-    return remaining < static_cast<unsigned int>(kTimerRefreshMs) ? static_cast<int>(remaining) : kTimerRefreshMs;
-}
-
-bool tq_TimerFollowsSkew(const TIMER_NODE& timer, unsigned int now) {
-    return timer.bAllowSkew && tq_TimerRemainingAt(timer, now) != 0;
-}
-
-void tq_TimerShift(TIMER_NODE& timer, int msOffset, unsigned int now) {
-    const long long remaining = tq_TimerRemainingAt(timer, now);
-    // What remains changes, not creation_time: many shifts could carry that out of the range in which a difference has
-    // a sign.
-    timer.mstimeout = ClampToTimeout(remaining - msOffset);
-    timer.creation_time = now;
-}
-
-tq_TimerList::tq_TimerList()
-    : tq_List(LIST_FLAGS_SORT_ASCENDING, LIST_TYPE_CUSTOM, offsetof(TIMER_NODE, mstimeout), nullptr) {}
-
-int tq_TimerList::CustomSort(void* pNode1, void* pNode2, void*) {
-    TIMER_NODE& first = *static_cast<TIMER_NODE*>(pNode1);
-    TIMER_NODE& second = *static_cast<TIMER_NODE*>(pNode2);
-    const unsigned int now = tq_GetTimeInMS();
-    tq_TimerBringUpToDate(first, now);
-    tq_TimerBringUpToDate(second, now);
-    if (first.mstimeout == second.mstimeout) {
-        return 0;
-    }
-    return first.mstimeout < second.mstimeout ? -1 : 1;
-}
-
-unsigned int tq_TimerRefreshLocked(tq_TimerList& list, unsigned int lastRefresh, unsigned int now) {
-    if (now - lastRefresh < static_cast<unsigned int>(kTimerRefreshMs)) {
-        return lastRefresh;
-    }
-    for (void* pNode = list.GetHead(); pNode; pNode = list.GetNext()) {
-        tq_TimerBringUpToDate(*static_cast<TIMER_NODE*>(pNode), now);
-    }
-    return now;
-}
 
 // The lazy start
 
@@ -148,42 +79,32 @@ void WakeTimerThread() {
     gpTimerSem->Release(1, nullptr);
 }
 
-// Setting, killing, asking
-
-struct TimerKey {
-    unsigned int hMsgQ;
-    unsigned int instance;
-    unsigned int userparm;
-    unsigned int flags;
-};
-
-TIMER_NODE* FindTimerLocked(const TimerKey& key) {
-    void* pNode = gpTimerList->FindFirst(tq_ListKey(key.hMsgQ), LIST_TYPE_U32BITS, offsetof(TIMER_NODE, hMsgQ), nullptr,
-                                         LIST_DIRECTION_HEAD_TO_TAIL);
-    for (; pNode; pNode = gpTimerList->FindNext(false)) {
-        TIMER_NODE* pTimer = static_cast<TIMER_NODE*>(pNode);
-        if (pTimer->instance == key.instance && pTimer->userparm == key.userparm && pTimer->flags == key.flags) {
-            return pTimer;
-        }
+/// Whether the thread has to be woken, by the caller, after leaving the lock: the earliest timer has come to be due
+/// before it wakes. One that wakes too early, as after a kill, finds nothing due and goes on sleeping.
+bool SleepsTooLongLocked() {
+    const tq_ArmedTimer* pFirst = gpTimerList->First();
+    if (!pFirst || pFirst->expiry >= gThreadSleepsUntil) {
+        return false;
     }
-    return nullptr;
+    gThreadSleepsUntil = 0;
+    return true;
 }
 
-bool KillTimerLocked(const TimerKey& key) {
-    TIMER_NODE* pTimer = FindTimerLocked(key);
+// Setting, killing, asking
+
+bool KillTimerLocked(const tq_TimerKey& key) {
+    tq_ArmedTimer* pTimer = gpTimerList->Find(key);
     if (!pTimer) {
         return false;
     }
-    gpTimerList->RemoveNode(pTimer);
+    gpTimerList->Remove(pTimer);
     CleanupTimerNode(pTimer);
     return true;
 }
 
-/// Puts a timer at its place; a list without memory for an entry drops it, and it is then freed.
-bool AddTimerLocked(TIMER_NODE* pTimer) {
-    const unsigned int count = gpTimerList->NodeCount();
-    gpTimerList->AddNode(pTimer);
-    if (gpTimerList->NodeCount() != count) {
+/// Puts a timer at its place; one for which the list has no memory is freed.
+bool AddTimerLocked(tq_ArmedTimer* pTimer, unsigned int now) {
+    if (gpTimerList->Insert(pTimer, now)) {
         return true;
     }
     CleanupTimerNode(pTimer);
@@ -202,7 +123,7 @@ unsigned int tq_TimerSet(unsigned int hMsgQ, unsigned int mstimeout, unsigned in
     if (!use || hMsgQ == 0) {
         return 1;
     }
-    TIMER_NODE* pTimer = static_cast<TIMER_NODE*>(tq_calloc(1, sizeof(TIMER_NODE)));
+    tq_ArmedTimer* pTimer = static_cast<tq_ArmedTimer*>(tq_calloc(1, sizeof(tq_ArmedTimer)));
     if (!pTimer) {
         return 1;
     }
@@ -215,14 +136,19 @@ unsigned int tq_TimerSet(unsigned int hMsgQ, unsigned int mstimeout, unsigned in
     pTimer->flags = flags;
     pTimer->name = name ? tq_newString(name) : nullptr;
     pTimer->bAllowSkew = bAllowSkew;
-    pTimer->creation_time = tq_GetTimeInMS();
+    const unsigned int now = tq_GetTimeInMS();
+    pTimer->creation_time = now;
     bool bAdded;
+    bool bWake;
     { // one hold for both, so that two threads that set the same keys leave one timer
         tq_ListLock lock(gpTimerList);
         KillTimerLocked({hMsgQ, instance, userparm, flags});
-        bAdded = AddTimerLocked(pTimer);
+        bAdded = AddTimerLocked(pTimer, now);
+        bWake = SleepsTooLongLocked();
     }
-    WakeTimerThread();
+    if (bWake) {
+        WakeTimerThread();
+    }
     return bAdded ? 0 : 1;
 }
 
@@ -231,13 +157,8 @@ unsigned int tq_TimerKill(unsigned int hMsgQ, unsigned int instance, unsigned in
     if (!use || hMsgQ == 0) {
         return 1;
     }
-    bool bKilled;
-    {
-        tq_ListLock lock(gpTimerList);
-        bKilled = KillTimerLocked({hMsgQ, instance, userparm, flags});
-    }
-    WakeTimerThread();
-    return bKilled ? 0 : 1;
+    tq_ListLock lock(gpTimerList);
+    return KillTimerLocked({hMsgQ, instance, userparm, flags}) ? 0 : 1;
 }
 
 unsigned int tq_TimerTimeRemaining(unsigned int hMsgQ, unsigned int instance, unsigned int userparm,
@@ -247,7 +168,7 @@ unsigned int tq_TimerTimeRemaining(unsigned int hMsgQ, unsigned int instance, un
         return 0;
     }
     tq_ListLock lock(gpTimerList);
-    const TIMER_NODE* pTimer = FindTimerLocked({hMsgQ, instance, userparm, flags});
+    const TIMER_NODE* pTimer = gpTimerList->Find({hMsgQ, instance, userparm, flags});
     return pTimer ? tq_TimerRemainingAt(*pTimer, tq_GetTimeInMS()) : 0;
 }
 
@@ -280,10 +201,9 @@ namespace {
 
 /// Shifts every timer that follows the skew and moves it to the head of the other list. Once that has no memory for
 /// one, it and those behind it keep their time.
-void ShiftTimersLocked(int msOffset, tq_List& shifted) {
-    const unsigned int now = tq_GetTimeInMS();
+void ShiftTimersLocked(int msOffset, unsigned int now, tq_List& shifted) {
     for (void* pNode = gpTimerList->GetHead(); pNode; pNode = gpTimerList->GetNext()) {
-        TIMER_NODE& timer = *static_cast<TIMER_NODE*>(pNode);
+        tq_ArmedTimer& timer = *static_cast<tq_ArmedTimer*>(pNode);
         if (!tq_TimerFollowsSkew(timer, now)) {
             continue;
         }
@@ -293,7 +213,7 @@ void ShiftTimersLocked(int msOffset, tq_List& shifted) {
             return;
         }
         tq_TimerShift(timer, msOffset, now);
-        gpTimerList->RemoveNode(&timer); // the walk goes on behind it
+        gpTimerList->Remove(&timer); // the walk goes on behind it
     }
 }
 
@@ -305,14 +225,19 @@ void tq_TimerSkew(int msOffset) {
         return;
     }
     tq_List shifted("TimerSkewList");
+    bool bWake;
     {
         tq_ListLock lock(gpTimerList);
-        ShiftTimersLocked(msOffset, shifted);
+        const unsigned int now = tq_GetTimeInMS();
+        ShiftTimersLocked(msOffset, now, shifted);
         while (void* pNode = shifted.RemoveHead()) {
-            AddTimerLocked(static_cast<TIMER_NODE*>(pNode));
+            AddTimerLocked(static_cast<tq_ArmedTimer*>(pNode), now);
         }
+        bWake = SleepsTooLongLocked();
     }
-    WakeTimerThread();
+    if (bWake) {
+        WakeTimerThread();
+    }
 }
 
 // The timer thread
@@ -330,7 +255,7 @@ bool SendExpiry(const TIMER_NODE& timer, MSG_COMMON* pMsg) {
 }
 
 /// Fires a timer that is due and out of the list. Only one that repeats and whose queue took the message goes on.
-void ExpireLocked(TIMER_NODE* pTimer, unsigned int now) {
+void ExpireLocked(tq_ArmedTimer* pTimer, unsigned int now) {
     MSG_COMMON* pMsg = static_cast<MSG_COMMON*>(tq_calloc(1, sizeof(MSG_COMMON)));
     if (!pMsg) {
         // Deliberate: without memory for the message one would expect the timer to be tried again, or freed. It is
@@ -345,22 +270,25 @@ void ExpireLocked(TIMER_NODE* pTimer, unsigned int now) {
     // Counted from when it was found due: a late timer does not catch up.
     pTimer->creation_time = now;
     pTimer->mstimeout = pTimer->mstimeout_original;
-    AddTimerLocked(pTimer);
+    AddTimerLocked(pTimer, now);
 }
 
 /// Fires what is due; how long the thread may sleep.
 int FireDueTimersLocked() {
     for (;;) {
         const unsigned int now = tq_GetTimeInMS();
-        TIMER_NODE* pTimer = static_cast<TIMER_NODE*>(gpTimerList->GetHead());
+        tq_ArmedTimer* pTimer = gpTimerList->First();
         if (!pTimer) {
+            gThreadSleepsUntil = ULLONG_MAX;
             return kForEver;
         }
         const unsigned int remaining = tq_TimerRemainingAt(*pTimer, now);
         if (remaining != 0) {
-            return tq_TimerSleepFor(remaining);
+            const int sleepMs = tq_TimerSleepFor(remaining);
+            gThreadSleepsUntil = gpTimerList->ClockAt(now) + static_cast<unsigned int>(sleepMs);
+            return sleepMs;
         }
-        gpTimerList->RemoveHead();
+        gpTimerList->Remove(pTimer);
         ExpireLocked(pTimer, now);
     }
 }
@@ -380,8 +308,9 @@ void RunTimers() {
 
 void RemoveAllTimers() {
     tq_ListLock lock(gpTimerList);
-    while (void* pNode = gpTimerList->RemoveHead()) {
-        CleanupTimerNode(static_cast<TIMER_NODE*>(pNode));
+    while (tq_ArmedTimer* pTimer = gpTimerList->First()) {
+        gpTimerList->Remove(pTimer);
+        CleanupTimerNode(pTimer);
     }
 }
 
@@ -479,6 +408,7 @@ bool MakeObjects() {
 bool StartTimerThread() {
     gbTimersTerminated = false;
     gbTimerThreadDone = false;
+    gThreadSleepsUntil = 0;
     unsigned int threadId = 0;
     if (tq__beginthread(kThreadStackBytes, TimerThread, nullptr, &threadId, TQ_THREAD_PRIORITY_NORMAL, kThreadName,
                         __LINE__) == 0) {
