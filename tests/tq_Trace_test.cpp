@@ -837,6 +837,68 @@ TEST(TraceFilter, DevStudioAloneIsHeardByTheSystemLogOnly) {
     EXPECT_EQ("", child.standardError);
 }
 
+TEST(TraceFilter, InstancesThatShareAPlaceInTheFilterEachHaveTheirOwnRule) {
+    Library library("[Trace]\ntqos_Level=None\nDefaultLogToDevStudio=yes\n");
+    const auto passes = [](unsigned int handle, int level) { return tq_TraceGetDestinations(handle, level, 1) != 0; };
+    const unsigned int first = tq_TraceInitInstance("first");
+    std::vector<unsigned int> between;
+    while (between.empty() || between.back() < first + 128 - 1) { // the filter has 128 places
+        between.push_back(tq_HandleGet());
+    }
+    const unsigned int second = tq_TraceInitInstance("second");
+    ASSERT_EQ(first + 128, second);
+    for (int round = 0; round < 2; ++round) { // each level is changed while the other one holds the place, or nobody
+        tq_TraceSetLevel(first, TQ_TRACE_LEVEL_DEBUG);
+        tq_TraceSetLevel(second, TQ_TRACE_LEVEL_SEVERE);
+        EXPECT_TRUE(passes(first, TQ_TRACE_LEVEL_DEBUG));
+        EXPECT_FALSE(passes(second, TQ_TRACE_LEVEL_DEBUG));
+        tq_TraceSetLevel(first, TQ_TRACE_LEVEL_SEVERE);
+        tq_TraceSetLevel(second, TQ_TRACE_LEVEL_DEBUG);
+        EXPECT_FALSE(passes(first, TQ_TRACE_LEVEL_DEBUG));
+        EXPECT_TRUE(passes(second, TQ_TRACE_LEVEL_DEBUG));
+    }
+    EXPECT_EQ(0, tq_TraceTermInstance(first));
+    EXPECT_FALSE(passes(first, TQ_TRACE_LEVEL_CRITICAL));
+    EXPECT_TRUE(passes(second, TQ_TRACE_LEVEL_DEBUG));
+    EXPECT_EQ(0, tq_TraceSetLevel(second, TQ_TRACE_LEVEL_SEVERE)); // takes the place that is free now
+    EXPECT_FALSE(passes(second, TQ_TRACE_LEVEL_DEBUG));
+    EXPECT_TRUE(passes(second, TQ_TRACE_LEVEL_SEVERE));
+    for (const unsigned int handle : between) {
+        tq_HandleRelease(handle);
+    }
+}
+
+TEST(TraceFilter, EveryChangeOfAnInstanceIsSeenByTheNextMessage) {
+    Library library("[Trace]\ntqos_Level=None\nT_Level=None\n");
+    const unsigned int handle = tq_TraceInitInstance("T");
+    const auto destinations = [handle] { return tq_TraceGetDestinations(handle, TQ_TRACE_LEVEL_WARNING, 4); };
+    EXPECT_EQ(0, destinations());
+    tq_TraceSetLevel(handle, TQ_TRACE_LEVEL_WARNING);
+    EXPECT_EQ(0, destinations());
+    tq_TraceEnableDevStudio(handle);
+    EXPECT_EQ(TQ_TRACE_DEST_DEVSTUDIO, destinations());
+    tq_TraceSetCatMask(handle, 3);
+    EXPECT_EQ(0, destinations());
+    tq_TraceSetCatMask(handle, 7);
+    tq_TraceDisableDevStudio(handle);
+    EXPECT_EQ(0, destinations());
+    ASSERT_EQ(0, tq_TraceEnableFile(handle, "t.log", 0, 0));
+    EXPECT_EQ(TQ_TRACE_DEST_FILE | TQ_TRACE_DEST_FLUSH, destinations());
+    tq_TraceDisableFile(handle);
+    EXPECT_EQ(0, destinations());
+    ASSERT_EQ(0, tq_TraceEnableMulticast(handle));
+    EXPECT_EQ(TQ_TRACE_DEST_MULTICAST, destinations());
+    tq_TraceDisableMulticast(handle);
+    EXPECT_EQ(0, destinations());
+    tq_TraceEnableSTDERR(handle);
+    EXPECT_EQ(TQ_TRACE_DEST_STDERR, destinations());
+    tq_TraceInitInstance("T");
+    tq_TraceTermInstance(handle);
+    EXPECT_EQ(TQ_TRACE_DEST_STDERR, destinations());
+    tq_TraceTermInstance(handle);
+    EXPECT_EQ(0, destinations());
+}
+
 TEST(TraceFilter, AMessageWithoutFormatWritesNothing) {
     Library library(kToFile);
     const unsigned int handle = tq_TraceInitInstance("T");
@@ -984,6 +1046,50 @@ TEST(TraceLine, AMessageOf70000CharactersComesOutWholeEverywhere) {
               Shown(child.standardOut.substr(0, 60)) + child.standardOut.substr(60));
     EXPECT_EQ("[<ms>]: (T) WRN: " + message + "\n",
               Shown(child.standardError.substr(0, 60)) + child.standardError.substr(60));
+}
+
+TEST(TraceLine, LinesAboutAsLongAsTheirBufferComeOutWhole) {
+    Library library(kToFile);
+    const unsigned int handle = tq_TraceInitInstance("T");
+    std::string expected;
+    for (size_t length = 980; length < 1040; ++length) {
+        const std::string message = std::string(length, 'm') + std::to_string(length) + "\n";
+        tq_Trace(handle, TQ_TRACE_LEVEL_WARNING, 1, false, "%s", message.c_str());
+        expected += "[<ms>]: (T) WRN: " + message;
+    }
+    EXPECT_EQ(expected, Shown(ReadFile("t.log")));
+    EXPECT_EQ(ReadFile("t.log").size(), static_cast<size_t>(Record(handle)->totalBytesWritten));
+}
+
+TEST(TraceLine, AnInstancesNameMayBeLongerThanAnyBuffer) {
+    const std::string name(3000, 'n');
+    Library library("[Trace]\ntqos_Level=None\nDefaultLevel=All\nDefaultSuppressTimestamp=yes\n");
+    const unsigned int handle = tq_TraceInitInstance(name.c_str());
+    ASSERT_EQ(0, tq_TraceEnableFile(handle, "t.log", 0, 0));
+    tq_Trace(handle, TQ_TRACE_LEVEL_WARNING, 1, false, "%d\n", 17);
+    EXPECT_EQ("[<ms>]: (" + name + ") WRN: 17\n", Shown(ReadFile("t.log")));
+}
+
+TEST(TraceLine, AZeroByteInTheMessageIsWrittenAsItIs) {
+    Library library(kToFile);
+    tq_Trace(tq_TraceInitInstance("T"), TQ_TRACE_LEVEL_WARNING, 1, false, "a%cb\n", 0);
+    EXPECT_EQ(std::string("[<ms>]: (T) WRN: a\0b\n", 21), Shown(ReadFile("t.log")));
+}
+
+TEST(TraceLine, ADateTextFollowsAChangeOfTheZoneAtOnce) {
+    Library library("[Trace]\ntqos_Level=None\nT_Level=All\nT_LogToFile=t.log\n");
+    const unsigned int handle = tq_TraceInitInstance("T");
+    const auto hour = [handle](const char* pszZone) {
+        setenv("TZ", pszZone, 1);
+        tzset();
+        const size_t before = ReadFile("t.log").size();
+        tq_Trace(handle, TQ_TRACE_LEVEL_WARNING, 1, true, "\n");
+        return atoi(ReadFile("t.log").c_str() + before + 11);
+    };
+    const int east = hour("AAA-5");
+    const int middle = hour("BBB0");
+    const int hours = (east - middle + 24) % 24;
+    EXPECT_TRUE(hours == 5 || hours == 4) << hours; // 4: an hour ended in between
 }
 
 TEST(TraceLine, LinesOfManyThreadsStandWhole) {

@@ -718,6 +718,7 @@ template <size_t N> bool TakeSender(unsigned int hTraceInstance, CNetTrace** ppS
     pInstance->pNetTrace = nullptr;
     pInstance->iSocket = 0;
     pInstance->Flags &= ~TQ_TRACE_DEST_MULTICAST;
+    tq_TraceFilterChangedLocked(hTraceInstance);
     snprintf(name, N, "%s", pInstance->pszTracingName);
     return true;
 }
@@ -753,6 +754,7 @@ bool GiveSender(unsigned int hTraceInstance, CNetTrace* pSender, unsigned int hS
     pInstance->pNetTrace = pSender;
     pInstance->iSocket = static_cast<int>(hSocket);
     pInstance->Flags |= TQ_TRACE_DEST_MULTICAST;
+    tq_TraceFilterChangedLocked(hTraceInstance);
     ApplyReadingLocked(hSocket);
     return true;
 }

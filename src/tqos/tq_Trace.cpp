@@ -6,6 +6,7 @@
 #include <string.h>
 #include <strings.h>
 #include <syslog.h>
+#include <time.h>
 
 #include "tq_CriticalErrorTrace_p.h"
 #include "tq_Dir_p.h"
@@ -102,13 +103,15 @@ constexpr SystemLogPriority kSystemLogPriorities[] = {
     {TQ_TRACE_LEVEL_INFORMATIONAL, LOG_WARNING}, {TQ_TRACE_LEVEL_DEBUG, LOG_INFO},
 };
 
-/// One message on its way out, its prefix already made.
+/// One message on its way out: its line as all destinations get it, formatted once where it fits.
 struct TraceLine {
-    char stamp[49];
-    char threads[36];
+    char head[84]; ///< what stands before the name
     const char* pszTag;
     const char* pszFormat;
     const char* pszAsGiven; ///< what the caller passed as format; its length counts for the rotation
+    char text[1024];        ///< as much of the line as fits, and always a terminator
+    size_t length;          ///< of the whole line
+    bool Fits() const { return length < sizeof(text); }
 };
 
 void WriteToFile(_TRACEINSTANCE* pInstance, const TraceLine& line, va_list args);
@@ -243,10 +246,39 @@ unsigned int guiLastTimeStampInMS;
 
 std::atomic<bool> gbCriticalErrorsKept{false};
 
+namespace {
+
+/// What filters the messages of an instance, to be read without a lock. The place goes by the handle; an instance whose
+/// place is taken by another one has none, and its messages take the longer way.
+struct TraceFilter {
+    std::atomic<unsigned int> handle{0}; ///< written last; 0: nobody's place
+    std::atomic<int> level{0};
+    std::atomic<unsigned int> mask{0}; ///< 0 for an instance without destinations: nothing gets past it
+};
+constexpr unsigned int kFilters = 128; // handles are drawn one after the other, so that few share a place
+TraceFilter gFilters[kFilters];        // written with gpTraceInstanceList locked
+
+} // namespace
+
 _TRACEINSTANCE* tq_FindTraceInstanceLocked(unsigned int hTraceInstance) {
     return static_cast<_TRACEINSTANCE*>(gpTraceInstanceList->FindFirst(tq_ListKey(hTraceInstance), LIST_TYPE_U32BITS,
                                                                        offsetof(_TRACEINSTANCE, handle), nullptr,
                                                                        LIST_DIRECTION_HEAD_TO_TAIL));
+}
+
+void tq_TraceFilterChangedLocked(unsigned int hTraceInstance) {
+    TraceFilter& filter = gFilters[hTraceInstance % kFilters];
+    const unsigned int owner = filter.handle.load(std::memory_order_relaxed);
+    if (owner != 0 && owner != hTraceInstance) {
+        return;
+    }
+    const _TRACEINSTANCE* pInstance = tq_FindTraceInstanceLocked(hTraceInstance);
+    if (pInstance) {
+        const int mask = pInstance->Flags == 0 ? 0 : pInstance->traceCategoryMask;
+        filter.mask.store(static_cast<unsigned int>(mask), std::memory_order_relaxed);
+        filter.level.store(pInstance->traceLevel, std::memory_order_relaxed);
+    }
+    filter.handle.store(pInstance ? hTraceInstance : 0, std::memory_order_release);
 }
 
 namespace {
@@ -278,6 +310,7 @@ template <typename Change> int ChangeInstance(unsigned int hTraceInstance, Chang
         return 1;
     }
     change(*instance.Get());
+    tq_TraceFilterChangedLocked(hTraceInstance);
     return 0;
 }
 
@@ -387,16 +420,25 @@ bool RotationIsDue(const _TRACEINSTANCE* pInstance, const TraceLine& line) {
 
 // Output
 
+/// Whether a message of this level and category gets past a threshold and a mask.
+bool Passes(int threshold, unsigned int mask, int level, unsigned int category) {
+    const int negated = static_cast<int>(0u - static_cast<unsigned int>(level));
+    return (threshold >= 0 || threshold == negated) && threshold <= level && (mask & category) != 0;
+}
+
 /// The destination bits that a message of this level and category uses; 0 when it is filtered out.
 int DestinationsFor(const _TRACEINSTANCE* pInstance, int level, unsigned int category) {
-    const int negated = static_cast<int>(0u - static_cast<unsigned int>(level));
-    if (pInstance->traceLevel < 0 && pInstance->traceLevel != negated) {
-        return 0;
-    }
-    if (pInstance->traceLevel > level || (static_cast<unsigned int>(pInstance->traceCategoryMask) & category) == 0) {
-        return 0;
-    }
-    return pInstance->Flags;
+    const unsigned int mask = static_cast<unsigned int>(pInstance->traceCategoryMask);
+    return Passes(pInstance->traceLevel, mask, level, category) ? pInstance->Flags : 0;
+}
+
+/// Whether it is certain, without a lock, that a message goes nowhere. What is read is the instance's at some moment of
+/// the call, each field by itself; since either alone is reason enough, they need not be of one moment.
+bool IsFilteredOut(unsigned int hTraceInstance, int level, unsigned int category) {
+    const TraceFilter& filter = gFilters[hTraceInstance % kFilters];
+    return filter.handle.load(std::memory_order_acquire) == hTraceInstance &&
+           !Passes(filter.level.load(std::memory_order_relaxed), filter.mask.load(std::memory_order_relaxed), level,
+                   category);
 }
 
 /// The time of a line in milliseconds, or since the line before it.
@@ -411,25 +453,53 @@ unsigned int NextStamp() {
     return delta;
 }
 
-void FillPrefix(TraceLine& line, const _TRACEINSTANCE* pInstance, int level, bool bIncludeTimeStamp) {
-    char date[26] = "";
+/// The date text, made anew each second. The list of the instances is locked.
+const char* DateTextLocked() {
+    static char text[26];
+    static time_t second = -1;
+    static long zone = 0;
+    const time_t now = time(nullptr);
+    if (now != second || timezone != zone) {
+        tq_GetASCTime(text);
+        second = now;
+        zone = timezone;
+    }
+    return text;
+}
+
+void FillHead(TraceLine& line, const _TRACEINSTANCE* pInstance, bool bIncludeTimeStamp) {
     const bool bDate = bIncludeTimeStamp && !pInstance->bSuppressTimeStamps;
-    if (bDate) {
-        tq_GetASCTime(date);
-    }
-    snprintf(line.stamp, sizeof(line.stamp), "%s%s[%u]: ", date, bDate ? " " : "", NextStamp());
-    line.threads[0] = '\0';
+    char threads[36] = "";
     if (pInstance->bShowThreadID) {
-        snprintf(line.threads, sizeof(line.threads), "TID:%u:%u ", tq_GetThreadId(), tq_GetPSThreadId());
+        snprintf(threads, sizeof(threads), "TID:%u:%u ", tq_GetThreadId(), tq_GetPSThreadId());
     }
-    line.pszTag = LevelTag(level);
+    snprintf(line.head, sizeof(line.head), "%s%s[%u]: %s", bDate ? DateTextLocked() : "", bDate ? " " : "", NextStamp(),
+             threads);
+}
+
+void FillText(TraceLine& line, const _TRACEINSTANCE* pInstance, va_list args) {
+    va_list own;
+    va_copy(own, args);
+    const int before =
+        snprintf(line.text, sizeof(line.text), "%s(%s) %s", line.head, pInstance->pszTracingName, line.pszTag);
+    const size_t used = before < 0 ? 0 : static_cast<size_t>(before);
+    line.length = sizeof(line.text); // too long, unless it turns out otherwise
+    if (used < sizeof(line.text)) {
+        line.text[used] = '\0';
+        const int message = vsnprintf(line.text + used, sizeof(line.text) - used, line.pszFormat, own);
+        line.length = message < 0 ? line.length : used + static_cast<size_t>(message);
+    }
+    line.text[sizeof(line.text) - 1] = '\0';
+    va_end(own);
 }
 
 /// Writes the line and says how many bytes went out. Uses the arguments up.
 unsigned int PrintLine(FILE* hStream, const _TRACEINSTANCE* pInstance, const TraceLine& line, va_list args) {
+    if (line.Fits()) {
+        return static_cast<unsigned int>(fwrite(line.text, 1, line.length, hStream));
+    }
     const int written[] = {
-        fprintf(hStream, "%s", line.stamp),
-        fprintf(hStream, "%s", line.threads),
+        fprintf(hStream, "%s", line.head),
         fprintf(hStream, "(%s) ", pInstance->pszTracingName),
         fprintf(hStream, "%s", line.pszTag),
         vfprintf(hStream, line.pszFormat, args),
@@ -464,20 +534,10 @@ void WriteToStandardError(_TRACEINSTANCE* pInstance, const TraceLine& line, va_l
     PrintLine(stderr, pInstance, line, args);
 }
 
-void WriteToViewers(_TRACEINSTANCE* pInstance, const TraceLine& line, va_list args) {
-    if (!pInstance->pNetTrace) {
-        return;
+void WriteToViewers(_TRACEINSTANCE* pInstance, const TraceLine& line, va_list) {
+    if (pInstance->pNetTrace) {
+        pInstance->pNetTrace->SendTrace(line.text); // a viewer gets what fits
     }
-    char text[1024]; // a viewer gets what fits, and always a terminator
-    const int length =
-        snprintf(text, sizeof(text), "%s%s(%s) %s", line.stamp, line.threads, pInstance->pszTracingName, line.pszTag);
-    const size_t prefix = length < 0 ? 0 : static_cast<size_t>(length);
-    if (prefix < sizeof(text)) {
-        text[prefix] = '\0';
-        vsnprintf(text + prefix, sizeof(text) - prefix, line.pszFormat, args);
-    }
-    text[sizeof(text) - 1] = '\0';
-    pInstance->pNetTrace->SendTrace(text);
 }
 
 int SystemLogPriorityOf(int level) {
@@ -491,7 +551,7 @@ int SystemLogPriorityOf(int level) {
     return LOG_DEBUG;
 }
 
-/// Each destination formats from its own copy of the arguments: a used argument list cannot be used again.
+/// Each destination has its own copy of the arguments: a used argument list cannot be used again.
 void WriteToDestination(const Destination& row, _TRACEINSTANCE* pInstance, const TraceLine& line, va_list args) {
     va_list own;
     va_copy(own, args);
@@ -509,15 +569,20 @@ void WriteToSystemLog(int level, const TraceLine& line, va_list args) {
 /// The whole way of one message. pszAsGiven is the text whose length counts for the rotation, mostly the format itself.
 void TraceMessage(unsigned int hTraceInstance, int level, unsigned int category, bool bIncludeTimeStamp,
                   const char* pszAsGiven, const char* pszFormat, va_list args) {
+    if (IsFilteredOut(hTraceInstance, level, category)) {
+        return;
+    }
     LockedInstance instance(hTraceInstance);
     const int destinations = instance ? DestinationsFor(instance.Get(), level, category) : 0;
     if (destinations == 0) {
         return;
     }
     TraceLine line;
-    FillPrefix(line, instance.Get(), level, bIncludeTimeStamp);
+    FillHead(line, instance.Get(), bIncludeTimeStamp);
+    line.pszTag = LevelTag(level);
     line.pszFormat = pszFormat;
     line.pszAsGiven = pszAsGiven;
+    FillText(line, instance.Get(), args);
     for (const Destination& row : kDestinations) {
         if ((destinations & row.bit) && row.pfnWrite) {
             WriteToDestination(row, instance.Get(), line, args);
@@ -693,6 +758,9 @@ void tq_TraceVA(unsigned int hTraceInstance, int Level, unsigned int Category, b
 
 void tq_Trace(unsigned int hTraceInstance, int Level, unsigned int Category, bool bIncludeTimeStamp,
               const char* szFormat, ...) {
+    if (IsFilteredOut(hTraceInstance, Level, Category)) {
+        return;
+    }
     va_list args;
     va_start(args, szFormat);
     tq_TraceInternal(hTraceInstance, Level, Category, bIncludeTimeStamp, szFormat, args);
@@ -798,6 +866,9 @@ unsigned int tq_TraceLookupCategory(unsigned int hTraceInstance, const char* psz
 }
 
 int tq_TraceGetDestinations(unsigned int hTraceInstance, int level, unsigned int category) {
+    if (IsFilteredOut(hTraceInstance, level, category)) {
+        return 0;
+    }
     LockedInstance instance(hTraceInstance);
     return instance ? DestinationsFor(instance.Get(), level, category) : 0;
 }
@@ -854,7 +925,9 @@ int tq__TraceEnableFile(unsigned int hTraceInstance, const char* pszPath, int ma
     if (!instance || !pszPath) {
         return 1;
     }
-    return EnableFileLocked(instance.Get(), pszPath, maxFiles, maxBytesPerFile, pszFilename, line);
+    const int result = EnableFileLocked(instance.Get(), pszPath, maxFiles, maxBytesPerFile, pszFilename, line);
+    tq_TraceFilterChangedLocked(hTraceInstance);
+    return result;
 }
 
 int tq_TraceDisableFile(unsigned int hTraceInstance) {
@@ -966,7 +1039,9 @@ unsigned int OpenInstanceLocked(const char* pszName, const char* pszFilename, un
     *pbMulticast = OpenDestinationsLocked(pInstance, settings, defaults, pszFilename, line);
     pInstance->bSuppressTimeStamps = settings.Switch("SuppressTimestamp", gbDefaultSuppressTimestamp);
     pInstance->bShowThreadID = settings.Switch("ShowThreadID", gbDefaultShowThreadID);
-    return static_cast<unsigned int>(pInstance->handle);
+    const unsigned int handle = static_cast<unsigned int>(pInstance->handle);
+    tq_TraceFilterChangedLocked(handle);
+    return handle;
 }
 
 /// Counts a close; takes the instance off the list and hands it over when it was the last.
@@ -1271,6 +1346,9 @@ void tq_TraceTerminate() {
     closelog();
     while (void* pNode = gpTraceInstanceList->RemoveHead()) {
         FreeInstance(static_cast<_TRACEINSTANCE*>(pNode));
+    }
+    for (TraceFilter& filter : gFilters) {
+        filter.handle.store(0, std::memory_order_release);
     }
     tq_NetTraceTerminate();
     FreeState();

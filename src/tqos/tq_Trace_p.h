@@ -70,6 +70,10 @@ private:
 /// The instance of this handle, or null. The list is locked.
 _TRACEINSTANCE* tq_FindTraceInstanceLocked(unsigned int hTraceInstance);
 
+/// To be told of every change to an instance's level, mask or destinations, and of its coming and going, with the list
+/// still locked: messages are filtered by a copy of them that is read without a lock.
+void tq_TraceFilterChangedLocked(unsigned int hTraceInstance);
+
 extern tq_SemCritSec* pTimeLock; ///< guards the next two; taken inside the instance list's lock
 extern bool gbShowTimeDeltas;
 extern unsigned int guiLastTimeStampInMS; ///< 0 until the first delta is printed
