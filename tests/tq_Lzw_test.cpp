@@ -6,6 +6,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -271,6 +272,30 @@ constexpr size_t kLargestInput = 8u << 20; // their heap moves a block at every 
 #else
 constexpr size_t kLargestInput = 64u << 20;
 #endif
+
+TEST(Lzw, LongInputsBecomeTheCodesThatALookUpOfEveryStringGives) {
+    for (const unsigned int values : {2u, 17u, 256u}) { // strings long and short, and the table full for long
+        const std::string input = RandomBytes(300000, values);
+        std::map<std::pair<unsigned int, unsigned char>, unsigned int> strings;
+        std::vector<unsigned int> codes;
+        unsigned int string = static_cast<unsigned char>(input[0]);
+        for (size_t i = 1; i < input.size(); ++i) {
+            const unsigned char character = static_cast<unsigned char>(input[i]);
+            const auto found = strings.find({string, character});
+            if (found != strings.end()) {
+                string = found->second;
+                continue;
+            }
+            if (256 + strings.size() < kEnd) {
+                strings.insert({{string, character}, static_cast<unsigned int>(256 + strings.size())});
+            }
+            codes.push_back(string);
+            string = character;
+        }
+        codes.insert(codes.end(), {string, kEnd, 0});
+        EXPECT_TRUE(StreamOf(codes) == Compress(input)) << values;
+    }
+}
 
 TEST(Lzw, InputsOfEverySizeUpTo64MebibytesComeBack) {
     for (size_t length = 1; length < kLargestInput; length *= 8) {

@@ -11,19 +11,33 @@ static_assert(sizeof(tqLZW_HEADER) == 12 && offsetof(tqLZW_HEADER, crc) == 8, "t
 namespace {
 
 constexpr unsigned int kCodeBits = 14;
-constexpr unsigned int kTableSize = 18041; // a prime above 2^14, for the double probing
 constexpr unsigned int kEndCode = 16383;
 constexpr unsigned int kFirstFreeCode = 256;
-constexpr unsigned int kHashShift = 6;
 constexpr unsigned int kGrowthBytes = 65535;
-constexpr unsigned int kMaxStringSteps = 4095;
+constexpr unsigned int kLongestString = 4096; // of those that can be expanded
 constexpr char kMagic[] = "LZW";
 
+constexpr unsigned int kSlotBits = 16; // four times as many slots as codes, so that few strings meet in one
+constexpr unsigned int kSlots = 1u << kSlotBits;
+
+/// The compressor's strings, each a code of a shorter string and one byte more, which together are its key.
+struct Strings {
+    unsigned short slots[kSlots]; // by a hash of the key: a code, 0 when empty
+    unsigned int keys[kEndCode];  // by code
+};
+
+/// The expander's strings: each has come out before, at this place of the output.
+struct Place {
+    unsigned int offset;
+    unsigned int length;
+};
+
 // Shared by both directions; only one call runs at a time.
-int code_value[kTableSize];                      // compressor: the code of a hash slot, -1 when empty
-unsigned int prefix_code[kTableSize];            // by hash slot when compressing, by code when expanding
-unsigned char append_character[kTableSize];      // likewise
-unsigned char decode_stack[kMaxStringSteps + 2]; // a string reversed: one byte ahead of it, its steps and its last byte
+union Tables {
+    Strings strings;
+    Place places[kEndCode]; // by code
+};
+Tables gTables;
 
 /// The output while it grows, in steps of 65535 bytes. After a failed allocation it takes nothing more.
 class Output {
@@ -31,10 +45,28 @@ public:
     ~Output() { tq_free(m_pBytes); }
 
     void Put(unsigned int value) {
-        if (m_length % kGrowthBytes == 0 && !Grow()) {
+        if (m_length == m_capacity && !Grow()) {
             return;
         }
         m_pBytes[m_length++] = static_cast<char>(value);
+    }
+
+    /// Puts out again what was put out before.
+    void PutAgain(const Place& place) {
+        const unsigned int room = m_capacity - m_length;
+        if (room < place.length + kPiece) {
+            PutAgainByBytes(place);
+            return;
+        }
+        const char* pFrom = m_pBytes + place.offset;
+        char* pTo = m_pBytes + m_length;
+        m_length += place.length;
+        // In whole pieces: what the last one writes too much is written over by what comes next.
+        for (const char* pEnd = pFrom + place.length; pFrom < pEnd; pFrom += kPiece, pTo += kPiece) {
+            char piece[kPiece];
+            memcpy(piece, pFrom, kPiece);
+            memcpy(pTo, piece, kPiece);
+        }
     }
 
     bool Failed() const { return m_bFailed; }
@@ -48,6 +80,14 @@ public:
     }
 
 private:
+    static constexpr unsigned int kPiece = 8;
+
+    void PutAgainByBytes(const Place& place) {
+        for (unsigned int i = 0; i < place.length && !m_bFailed; ++i) {
+            Put(static_cast<unsigned char>(m_pBytes[place.offset + i]));
+        }
+    }
+
     bool Grow() {
         if (m_bFailed || m_length > 0xFFFFFFFFu - kGrowthBytes) {
             m_bFailed = true;
@@ -59,11 +99,13 @@ private:
             return false;
         }
         m_pBytes = static_cast<char*>(pLarger);
+        m_capacity = m_length + kGrowthBytes;
         return true;
     }
 
     char* m_pBytes = nullptr;
     unsigned int m_length = 0;
+    unsigned int m_capacity = 0;
     bool m_bFailed = false;
 };
 
@@ -73,19 +115,18 @@ public:
     explicit CodeWriter(Output& output) : m_output(output) {}
 
     void Write(unsigned int code) {
-        m_bits |= code << (32 - kCodeBits - m_bitCount);
+        m_bits = m_bits << kCodeBits | code;
         m_bitCount += kCodeBits;
         while (m_bitCount >= 8) {
-            m_output.Put(m_bits >> 24);
-            m_bits <<= 8;
             m_bitCount -= 8;
+            m_output.Put(m_bits >> m_bitCount & 0xFF);
         }
     }
 
 private:
     Output& m_output;
-    unsigned int m_bits = 0;
-    unsigned int m_bitCount = 0;
+    unsigned int m_bits = 0;     // the newest lowest; those that have been put out are shifted away in time
+    unsigned int m_bitCount = 0; // not yet put out
 };
 
 /// Takes codes from bytes; says no when fewer bits than a code are left.
@@ -94,61 +135,72 @@ public:
     CodeReader(const unsigned char* pInput, unsigned int length) : m_pInput(pInput), m_pEnd(pInput + length) {}
 
     bool Read(unsigned int* pCode) {
-        while (m_bitCount <= 24 && m_pInput < m_pEnd) {
-            m_bits |= static_cast<unsigned int>(*m_pInput++) << (24 - m_bitCount);
-            m_bitCount += 8;
-        }
-        if (m_bitCount < kCodeBits) {
+        const size_t left = static_cast<size_t>(m_pEnd - m_pInput);
+        if (left < 3 && left * 8 < m_usedBits + kCodeBits) {
             return false;
         }
-        *pCode = m_bits >> (32 - kCodeBits);
-        m_bits <<= kCodeBits;
-        m_bitCount -= kCodeBits;
+        const unsigned int third = left < 3 ? 0 : m_pInput[2];
+        const unsigned int bits = static_cast<unsigned int>(m_pInput[0]) << 16 | m_pInput[1] << 8 | third;
+        *pCode = bits >> (24 - kCodeBits - m_usedBits) & kEndCode;
+        m_usedBits += kCodeBits;
+        m_pInput += m_usedBits / 8;
+        m_usedBits %= 8;
         return true;
     }
 
 private:
     const unsigned char* m_pInput;
     const unsigned char* m_pEnd;
-    unsigned int m_bits = 0;
-    unsigned int m_bitCount = 0;
+    unsigned int m_usedBits = 0; // of the first byte; even, so that no code reaches into a fourth
 };
+
+unsigned int RotatedLeft(unsigned int value, unsigned int bits) {
+    return value << bits | value >> (32 - bits);
+}
 
 /// A rotating sum. Bytes count as signed: one from 0x80 on flips the upper 24 bits too.
 unsigned int Checksum(const char* pBytes, unsigned int length) {
+    const auto value = [pBytes](unsigned int i) {
+        return static_cast<unsigned int>(static_cast<signed char>(pBytes[i]));
+    };
     unsigned int sum = 0;
-    for (unsigned int i = 0; i < length; ++i) {
-        sum = (sum << 5 | sum >> 27) ^ static_cast<unsigned int>(static_cast<signed char>(pBytes[i]));
+    unsigned int i = 0;
+    for (; i + 4 <= length; i += 4) { // four steps at once: only one of them has to wait for the sum so far
+        sum = RotatedLeft(sum, 20) ^ RotatedLeft(value(i), 15) ^ RotatedLeft(value(i + 1), 10) ^
+              RotatedLeft(value(i + 2), 5) ^ value(i + 3);
+    }
+    for (; i < length; ++i) {
+        sum = RotatedLeft(sum, 5) ^ value(i);
     }
     return sum;
 }
 
-/// The slot that holds the string "prefix, character", or the empty slot where it belongs.
-unsigned int FindMatch(unsigned int prefix, unsigned int character) {
-    unsigned int index = prefix ^ (character << kHashShift);
-    const unsigned int step = index == 0 ? 1 : kTableSize - index;
-    while (code_value[index] != -1 && (prefix_code[index] != prefix || append_character[index] != character)) {
-        index = index >= step ? index - step : index + kTableSize - step;
+/// The slot that holds the code of the string with this key, or the empty slot where it belongs.
+unsigned short* FindSlot(Strings& strings, unsigned int key) {
+    unsigned int index = key * 2654435769u >> (32 - kSlotBits);
+    while (strings.slots[index] != 0 && strings.keys[strings.slots[index]] != key) {
+        index = (index + 1) % kSlots;
     }
-    return index;
+    return &strings.slots[index];
 }
 
 void CompressCodes(const unsigned char* pInput, unsigned int length, Output& output) {
-    memset(code_value, 0xFF, sizeof(code_value));
+    Strings& strings = gTables.strings;
+    memset(strings.slots, 0, sizeof(strings.slots));
     CodeWriter writer(output);
     unsigned int nextCode = kFirstFreeCode;
     unsigned int string = pInput[0];
     for (unsigned int i = 1; i < length; ++i) {
         const unsigned int character = pInput[i];
-        const unsigned int slot = FindMatch(string, character);
-        if (code_value[slot] != -1) {
-            string = static_cast<unsigned int>(code_value[slot]);
+        const unsigned int key = string << 8 | character;
+        unsigned short* const pSlot = FindSlot(strings, key);
+        if (*pSlot != 0) {
+            string = *pSlot;
             continue;
         }
         if (nextCode < kEndCode) {
-            code_value[slot] = static_cast<int>(nextCode++);
-            prefix_code[slot] = string;
-            append_character[slot] = static_cast<unsigned char>(character);
+            strings.keys[nextCode] = key;
+            *pSlot = static_cast<unsigned short>(nextCode++);
         }
         writer.Write(string);
         string = character;
@@ -158,62 +210,41 @@ void CompressCodes(const unsigned char* pInput, unsigned int length, Output& out
     writer.Write(0); // pushes the last bits of the end mark out; the rest of its own bits is dropped
 }
 
-/// Writes a code's string into the buffer, last byte first; the position of its first byte, or null when it is longer
-/// than any string may be.
-unsigned char* DecodeString(unsigned char* pBuffer, unsigned int code) {
-    for (unsigned int steps = 0; code >= kFirstFreeCode; ++steps) {
-        if (steps >= kMaxStringSteps) {
-            return nullptr;
-        }
-        *pBuffer++ = append_character[code];
-        code = prefix_code[code];
-    }
-    *pBuffer = static_cast<unsigned char>(code);
-    return pBuffer;
-}
-
-/// Puts out a decoded string: from its first byte, the last in the buffer, down to the buffer's start.
-void PutReversed(const unsigned char* pFirst, Output& output) {
-    for (size_t left = static_cast<size_t>(pFirst - decode_stack) + 1; left > 0; --left) {
-        output.Put(decode_stack[left - 1]);
-    }
-}
-
 /// Expands the codes; false when one cannot stand where it does or the end mark is missing.
 bool ExpandCodes(CodeReader reader, Output& output) {
-    unsigned int oldCode = 0;
-    if (!reader.Read(&oldCode) || oldCode >= kFirstFreeCode) {
+    Place* const places = gTables.places;
+    unsigned int code = 0;
+    if (!reader.Read(&code) || code >= kFirstFreeCode) {
         return false;
     }
-    unsigned char character = static_cast<unsigned char>(oldCode);
-    output.Put(character);
+    output.Put(code);
+    Place last = {0, 1}; // where the string before came out
     unsigned int nextCode = kFirstFreeCode;
-    unsigned int newCode = 0;
-    while (!output.Failed() && reader.Read(&newCode)) {
-        if (newCode == kEndCode) {
+    while (!output.Failed() && reader.Read(&code)) {
+        if (code == kEndCode) {
             return true;
         }
-        if (newCode > nextCode) {
-            return false;
-        }
-        unsigned char* pFirst;
-        if (newCode == nextCode) { // the string that is just being defined: the old one and its own first byte
-            decode_stack[0] = character;
-            pFirst = DecodeString(decode_stack + 1, oldCode);
+        const unsigned int offset = output.Length();
+        Place string = {offset, 1};
+        if (code < kFirstFreeCode) {
+            output.Put(code);
+        } else if (code < nextCode) {
+            string.length = places[code].length;
+            if (string.length > kLongestString) {
+                return false;
+            }
+            output.PutAgain(places[code]);
+        } else if (code == nextCode && last.length <= kLongestString) { // just being defined: the string before and its
+            output.PutAgain(last);                                      // own first byte
+            output.PutAgain({last.offset, 1});
+            string.length = last.length + 1;
         } else {
-            pFirst = DecodeString(decode_stack, newCode);
-        }
-        if (!pFirst) {
             return false;
         }
-        character = *pFirst;
-        PutReversed(pFirst, output);
-        if (nextCode < kEndCode) {
-            prefix_code[nextCode] = oldCode;
-            append_character[nextCode] = character;
-            ++nextCode;
+        if (nextCode < kEndCode) { // the string before and the first byte of this one, which came out behind it
+            places[nextCode++] = {last.offset, last.length + 1};
         }
-        oldCode = newCode;
+        last = string;
     }
     return false;
 }
