@@ -56,7 +56,8 @@ using test::WaitUntil;
 namespace {
 
 constexpr int kSeconds = 60; // only a hang reaches it
-constexpr char kSettings[] = "[Trace]\r\nDefaultLogToSTDERR=yes\r\n[Memory]\r\nEnableMemoryTracking=yes\r\n";
+constexpr char kSettings[] = "[Trace]\r\nDefaultLogToSTDERR=yes\r\n[Memory]\r\nEnableMemoryTracking=yes\r\n"
+                             "EnableHistogram=yes\r\n"; // so that tracked memory has a lock to wait for
 
 [[noreturn]] void WaitForTheEnd() {
     for (;;) {

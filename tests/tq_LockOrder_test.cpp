@@ -290,11 +290,11 @@ void PlantInversions(const std::string& ini) {
 }
 
 TEST(LockOrder, AnInversionOfTheLibrarysOwnLocksIsCaughtThoughNobodyWaits) {
-    PlantInversions("[Memory]\nEnableMemoryTracking=yes\n");
+    PlantInversions("[Memory]\nEnableMemoryTracking=yes\nEnableHistogram=yes\n");
 }
 
 TEST(LockOrder, AnInversionIsCaughtWithPlainMutexesToo) {
-    PlantInversions("[Memory]\nEnableMemoryTracking=yes\n[Sem]\nUseMutexForCritSec=no\n");
+    PlantInversions("[Memory]\nEnableMemoryTracking=yes\nEnableHistogram=yes\n[Sem]\nUseMutexForCritSec=no\n");
 }
 
 TEST(LockOrder, AnInversionIsCaughtBeforeTheLockIsWaitedFor) {

@@ -435,6 +435,84 @@ TEST(Memory, CountersFollowBlocksAndKeepTheirHighWaterMarks) {
     EXPECT_EQ(150 + 2 * gTotalMemoryOverhead, gMaxTotalMemoryAllocations);
 }
 
+TEST(Memory, EachSumWrapsByItself) {
+    struct Row {
+        tq_MemoryBytes from, added, sum;
+    };
+    constexpr Row kRows[] = {
+        {{1, 2}, {3, 4}, {4, 6}},
+        {{0xFFFFFFFFu, 7}, {1, 0}, {0, 7}},
+        {{0xFFFFFFF0u, 7}, {0x20, 0x30}, {0x10, 0x37}},
+        {{7, 0xFFFFFFFFu}, {0, 1}, {7, 0}},
+        {{0xFFFFFFFFu, 0xFFFFFFFFu}, {0xFFFFFFFFu, 0xFFFFFFFFu}, {0xFFFFFFFEu, 0xFFFFFFFEu}},
+    };
+    for (const Row& row : kRows) {
+        tq_MemorySums sums;
+        sums.Add(row.from);
+        const tq_MemoryBytes added = sums.Add(row.added);
+        EXPECT_EQ(row.sum.requested, added.requested);
+        EXPECT_EQ(row.sum.total, added.total);
+        EXPECT_EQ(row.sum.requested, sums.Read().requested);
+        EXPECT_EQ(row.sum.total, sums.Read().total);
+        const tq_MemoryBytes again = sums.Subtract(row.added);
+        EXPECT_EQ(row.from.requested, again.requested);
+        EXPECT_EQ(row.from.total, again.total);
+        EXPECT_EQ(row.from.total, sums.Read().total);
+    }
+}
+
+TEST(Memory, NoBlockOfManyThreadsIsCountedTwiceOrForgotten) {
+    Memory memory("EnableMemoryTracking=yes\nEnableHistogram=yes\n");
+    constexpr unsigned int kThreads = 4;
+    constexpr unsigned int kTurns = 20000;
+    std::vector<std::thread> threads;
+    for (unsigned int thread = 0; thread < kThreads; ++thread) {
+        threads.emplace_back([thread] {
+            void* kept[8] = {};
+            for (unsigned int turn = 0; turn < kTurns; ++turn) {
+                void*& pBlock = kept[turn % 8];
+                tq_free(pBlock);
+                pBlock = tq_malloc(1 + (turn * 7 + thread) % 100);
+            }
+            for (void* pBlock : kept) {
+                tq_free(pBlock);
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(0u, gRequestedMemoryAllocations);
+    EXPECT_EQ(0u, gTotalMemoryAllocations);
+    EXPECT_LE(100u, gMaxRequestedMemoryAllocations);
+    EXPECT_GE(kThreads * 8 * 100, gMaxRequestedMemoryAllocations);
+    for (unsigned int size = 1; size <= 100; ++size) {
+        EXPECT_EQ(0u, gpMemoryHistogram[size - 1]) << size;
+    }
+}
+
+TEST(Memory, ItsLockKeepsThreadsApartAndLetsItsOwnerInAgain) {
+    static myCritSec lock(tq_LockRank::kLeaf);
+    constexpr int kThreads = 4;
+    constexpr int kTurns = 50000;
+    int turns = 0; // guarded by the lock
+    std::vector<std::thread> threads;
+    for (int i = 0; i < kThreads; ++i) {
+        threads.emplace_back([&turns] {
+            for (int turn = 0; turn < kTurns; ++turn) {
+                const myCritSecLock once(lock);
+                ++turns;
+                const myCritSecLock again(lock);
+                ++turns;
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(2 * kThreads * kTurns, turns);
+}
+
 TEST(Memory, NothingIsCountedWithoutTracking) {
     Memory memory;
     void* pUserData = tq_malloc(100);

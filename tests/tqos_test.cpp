@@ -568,7 +568,7 @@ TEST(CrashReport, AReportThatHangsInTheAllocatorIsEndedByTheWatchdog) {
 #ifdef __SANITIZE_THREAD__
     GTEST_SKIP() << "the thread sanitizer holds the watchdog's signal back while the thread waits inside the C library";
 #endif
-    const std::string tracking = "[Memory]\r\nEnableMemoryTracking=yes\r\n";
+    const std::string tracking = "[Memory]\r\nEnableMemoryTracking=yes\r\nEnableHistogram=yes\r\n";
     const ChildResult result = RunWithLibrary(kTraceToStandardError + tracking, [] {
         static tq_SemEvent held(1, 0);
         tq__beginthread(

@@ -33,14 +33,18 @@ bool gbTelnetShowMemoryCalled = false;
 // State
 
 myCritSec MemoryTrackingCritSec(tq_LockRank::kMemoryCounters);
-std::atomic<unsigned int> gRequestedMemoryAllocations{0};
-std::atomic<unsigned int> gTotalMemoryAllocations{0};
+tq_MemorySums gMemoryInUse;
+tq_MemorySum<&tq_MemoryBytes::requested> gRequestedMemoryAllocations;
+tq_MemorySum<&tq_MemoryBytes::total> gTotalMemoryAllocations;
 std::atomic<unsigned int> gMaxRequestedMemoryAllocations{0};
 std::atomic<unsigned int> gMaxTotalMemoryAllocations{0};
 unsigned int* gpMemoryHistogram = nullptr;
 unsigned int* gpMemoryHistogramMax = nullptr;
 
 namespace {
+
+/// Blocks are the heap's own: nothing is tracked, pooled, aligned or filled. Follows from the settings.
+bool gbPlainMemory = true;
 
 constexpr char kSection[] = "Memory";
 
@@ -127,29 +131,16 @@ void ReportCorruption(const Message& message) {
     LogCriticalError(message.Text(), false, level, kCategoryMemory);
 }
 
-struct Counters {
-    unsigned int requested;
-    unsigned int total;
-    unsigned int maxRequested;
-    unsigned int maxTotal;
-};
-
-Counters ReadCounters() {
-    myCritSecLock lock(MemoryTrackingCritSec);
-    return {gRequestedMemoryAllocations, gTotalMemoryAllocations, gMaxRequestedMemoryAllocations,
-            gMaxTotalMemoryAllocations};
-}
-
 [[gnu::cold, gnu::noinline]] void ReportNoMemory(unsigned int size, const CallSite& site) {
     Message message;
     message.Append("Unable to allocate Memory\n    size: %u bytes from:\n    line %u in file: %s\n", size, site.line,
                    NameOrUnknown(site.pszFilename));
     if (gbUseMemoryTracking) {
-        const Counters counters = ReadCounters();
-        message.Append("  Current: %u bytes requested and %u bytes allocated through tqos.\n", counters.requested,
-                       counters.total);
-        message.Append("  Maximum: %u bytes requested and %u bytes allocated through tqos.\n", counters.maxRequested,
-                       counters.maxTotal);
+        const tq_MemoryCounters counters = tq_ReadMemoryCounters();
+        message.Append("  Current: %u bytes requested and %u bytes allocated through tqos.\n", counters.now.requested,
+                       counters.now.total);
+        message.Append("  Maximum: %u bytes requested and %u bytes allocated through tqos.\n", counters.most.requested,
+                       counters.most.total);
     }
     ReportFailedRequest(message);
 }
@@ -241,29 +232,21 @@ void ClearStrayMarks(char* pHeap, unsigned int prefixBytes) {
 
 // Counting
 
-/// A counter has one writer at a time, the holder of MemoryTrackingCritSec, so no addition has to be one step.
-void AddLocked(std::atomic<unsigned int>& counter, unsigned int difference) {
-    counter.store(counter.load(std::memory_order_relaxed) + difference, std::memory_order_relaxed);
-}
-
-void RaiseLocked(std::atomic<unsigned int>& most, const std::atomic<unsigned int>& counter) {
-    const unsigned int now = counter.load(std::memory_order_relaxed);
-    if (now > most.load(std::memory_order_relaxed)) {
-        most.store(now, std::memory_order_relaxed);
+void RaiseTo(std::atomic<unsigned int>& most, unsigned int now) {
+    unsigned int known = most.load(std::memory_order_relaxed);
+    while (now > known && !most.compare_exchange_weak(known, now, std::memory_order_relaxed)) {
     }
 }
 
-/// Counts bytes that are now in use; MemoryTrackingCritSec is held.
-void CountBytesLocked(unsigned int requested, unsigned int allocated) {
-    AddLocked(gRequestedMemoryAllocations, requested);
-    RaiseLocked(gMaxRequestedMemoryAllocations, gRequestedMemoryAllocations);
-    AddLocked(gTotalMemoryAllocations, allocated);
-    RaiseLocked(gMaxTotalMemoryAllocations, gTotalMemoryAllocations);
+/// Counts bytes that are now in use.
+void CountBytes(unsigned int requested, unsigned int allocated) {
+    const tq_MemoryBytes now = gMemoryInUse.Add({requested, allocated});
+    RaiseTo(gMaxRequestedMemoryAllocations, now.requested);
+    RaiseTo(gMaxTotalMemoryAllocations, now.total);
 }
 
-void UncountBytesLocked(unsigned int requested, unsigned int allocated) {
-    AddLocked(gRequestedMemoryAllocations, 0 - requested);
-    AddLocked(gTotalMemoryAllocations, 0 - allocated);
+void UncountBytes(unsigned int requested, unsigned int allocated) {
+    gMemoryInUse.Subtract({requested, allocated});
 }
 
 /// The size comes from a header, which may have been run over.
@@ -276,24 +259,29 @@ bool IsUnderCap(unsigned int size) {
     if (cap == 0) {
         return true;
     }
-    myCritSecLock lock(MemoryTrackingCritSec);
     return static_cast<unsigned long long>(gRequestedMemoryAllocations) + size <= cap;
 }
 
 void CountNewBlock(unsigned int size, unsigned int allocated) {
+    CountBytes(size, allocated);
+    if (!gbUseMemoryHistogram) {
+        return;
+    }
     myCritSecLock lock(MemoryTrackingCritSec);
-    CountBytesLocked(size, allocated);
     if (IsInHistogramLocked(size) && ++gpMemoryHistogram[size - 1] > gpMemoryHistogramMax[size - 1]) {
         gpMemoryHistogramMax[size - 1] = gpMemoryHistogram[size - 1];
     }
 }
 
 void CountFreedBlock(unsigned int size, unsigned int allocated) {
+    UncountBytes(size, allocated);
+    if (!gbUseMemoryHistogram) {
+        return;
+    }
     myCritSecLock lock(MemoryTrackingCritSec);
     if (IsInHistogramLocked(size) && gpMemoryHistogram[size - 1] != 0) {
         --gpMemoryHistogram[size - 1];
     }
-    UncountBytesLocked(size, allocated);
 }
 
 // Blocks
@@ -405,13 +393,15 @@ bool EndTracking(char* pBlock, unsigned short type, CallSite& freer) {
     return true;
 }
 
-/// While nothing is tracked only a pool's header says anything: the family.
-bool IsOfFamily(char* pBlock, unsigned short type, const CallSite& freer) {
-    if (!gbUseMemoryPooling || (FlagsOf(pBlock) & type) != 0) {
-        return true;
+/// While nothing is tracked only a pool's header says anything: the family. The pool's lock is taken for this and for
+/// the release together.
+bool ReleaseIfOfFamily(char* pBlock, unsigned short type, const CallSite& freer) {
+    tq_MemoryPoolHold hold(tq_MemoryPoolOf(pBlock));
+    const bool bOfFamily = !gbUseMemoryPooling || (tq_MemoryPoolHeaderOf(pBlock)->Flags & type) != 0;
+    if (bOfFamily) {
+        ReleaseBlock(pBlock, freer);
     }
-    ReportUntrackedMismatch(freer);
-    return false;
+    return bOfFamily;
 }
 
 // Resizing
@@ -435,12 +425,11 @@ char* ResizeTrackedBlock(char* pBlock, unsigned int newSize, const CallSite& sit
         pHeader->line = site.line;
         memcpy(tq_MemoryTailBytes(pResized), kLiveCheckBytes, kMemoryCheckBytes);
     }
-    myCritSecLock lock(MemoryTrackingCritSec);
     // Deliberate: the old size is counted out also when the block could not be resized and stays allocated. Freeing it
     // counts it out once more.
-    UncountBytesLocked(oldSize, oldSize + gTotalMemoryOverhead);
+    UncountBytes(oldSize, oldSize + gTotalMemoryOverhead);
     if (pResized) {
-        CountBytesLocked(newSize, newSize + gTotalMemoryOverhead);
+        CountBytes(newSize, newSize + gTotalMemoryOverhead);
     }
     return pResized;
 }
@@ -465,8 +454,7 @@ void ResizeInSlot(char* pBlock, unsigned int newSize) {
         memcpy(tq_MemoryTailBytes(pBlock), kLiveCheckBytes, kMemoryCheckBytes);
         tq_CountPoolBytesLocked(pool, difference);
     }
-    myCritSecLock lock(MemoryTrackingCritSec);
-    CountBytesLocked(difference, 0);
+    CountBytes(difference, 0);
 }
 
 /// What a block holds for its owner; for a heap block that nothing tracks it is not known.
@@ -521,14 +509,12 @@ void* Reallocate(void* pointer, unsigned int newSize, const CallSite& site) {
 
 } // namespace
 
-myCritSec::myCritSec(tq_LockRank rank) : tq_LockPlace(rank) {
-    pthread_mutexattr_t attributes;
-    pthread_mutexattr_init(&attributes);
-    pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_RECURSIVE);
-    pthread_mutex_init(&m_mutex, &attributes);
-    pthread_mutexattr_destroy(&attributes);
+void myCritSec::Wait() {
+    // Awaited from here on, also when this thread gets it: others may be asleep still, and nobody else remembers them.
+    while (m_state.exchange(kAwaited, std::memory_order_acquire) != kFree) {
+        tq_Futex::Sleep(m_state, static_cast<unsigned int>(kAwaited), nullptr);
+    }
 }
-
 unsigned int tq_MemoryAboveAlignment(const char* pAddress) {
     const uintptr_t address = reinterpret_cast<uintptr_t>(pAddress);
     const uintptr_t above = gMemoryAlignmentMask ? address & gMemoryAlignmentMask : address % gMemoryAlignmentUnit;
@@ -591,11 +577,11 @@ void* reallocWithAlignment(void* pointer, size_t newSize) {
     return pNewHeap + newOffset;
 }
 
-void* tq__alloc(unsigned int size, unsigned int type, const char* pszFilename, unsigned int line) {
-    const CallSite site = {pszFilename, line};
-    if (size == 0) {
-        size = 1;
-    }
+namespace {
+
+/// A block with all that surrounds it. Out of line, as is freeing one, so that a plain block costs no more than it
+/// must.
+[[gnu::noinline]] void* AllocateWithHeader(unsigned int size, unsigned int type, const CallSite& site) {
     if (size > kLargestRequest) {
         ReportHugeRequest(size, site);
         return nullptr;
@@ -619,12 +605,52 @@ void* tq__alloc(unsigned int size, unsigned int type, const char* pszFilename, u
     return pUserData;
 }
 
+inline void* Allocate(unsigned int size, unsigned int type, const char* pszFilename, unsigned int line) {
+    size = size == 0 ? 1 : size;
+    if (!gbPlainMemory || size > kLargestRequest) {
+        return AllocateWithHeader(size, type, {pszFilename, line});
+    }
+    void* const pBlock = malloc(size);
+    if (__builtin_expect(!pBlock, 0)) {
+        ReportNoMemory(size, {pszFilename, line});
+    }
+    return pBlock;
+}
+
+[[gnu::noinline]] void FreeWithHeader(void* pointer, unsigned short type, CallSite freer) {
+    if (!pointer) {
+        return;
+    }
+    char* pBlock = static_cast<char*>(pointer) - gTotalMemoryHeader;
+    if (gbUseMemoryTracking) {
+        if (EndTracking(pBlock, type, freer)) {
+            ReleaseBlock(pBlock, freer);
+        }
+    } else if (!ReleaseIfOfFamily(pBlock, type, freer)) {
+        ReportUntrackedMismatch(freer);
+    }
+}
+
+inline void Free(void* pointer, unsigned short type, const char* pszFilename, unsigned int line) {
+    if (!gbPlainMemory) {
+        FreeWithHeader(pointer, type, {pszFilename, line});
+        return;
+    }
+    free(pointer);
+}
+
+} // namespace
+
+void* tq__alloc(unsigned int size, unsigned int type, const char* pszFilename, unsigned int line) {
+    return Allocate(size, type, pszFilename, line);
+}
+
 void* tq__malloc(unsigned int size, const char* pszFilename, unsigned int line) {
-    return tq__alloc(size, TQ_MEM_TYPE_MALLOC, pszFilename, line);
+    return Allocate(size, TQ_MEM_TYPE_MALLOC, pszFilename, line);
 }
 
 void* tq__new(unsigned int size, const char* pszFilename, unsigned int line) {
-    return tq__alloc(size, TQ_MEM_TYPE_NEW, pszFilename, line);
+    return Allocate(size, TQ_MEM_TYPE_NEW, pszFilename, line);
 }
 
 // Deliberate: one type for objects and arrays, so freeing an array as an object, or an object as an array, is accepted.
@@ -655,27 +681,19 @@ unsigned char* tq__newString(const unsigned char* pszString, const char* pszFile
 }
 
 void tq__dealloc(void* pointer, unsigned short type, const char* pszFilename, unsigned int line) {
-    if (!pointer) {
-        return;
-    }
-    CallSite freer = {pszFilename, line};
-    char* pBlock = static_cast<char*>(pointer) - gTotalMemoryHeader;
-    if (!(gbUseMemoryTracking ? EndTracking(pBlock, type, freer) : IsOfFamily(pBlock, type, freer))) {
-        return;
-    }
-    ReleaseBlock(pBlock, freer);
+    Free(pointer, type, pszFilename, line);
 }
 
 void tq__free(void* pointer, const char* pszFilename, unsigned int line) {
-    tq__dealloc(pointer, TQ_MEM_TYPE_MALLOC, pszFilename, line);
+    Free(pointer, TQ_MEM_TYPE_MALLOC, pszFilename, line);
 }
 
 void tq__delete(void* pointer, const char* pszFilename, unsigned int line) {
-    tq__dealloc(pointer, TQ_MEM_TYPE_NEW, pszFilename, line);
+    Free(pointer, TQ_MEM_TYPE_NEW, pszFilename, line);
 }
 
 void tq__deleteArray(void* pointer, const char* pszFilename, unsigned int line) {
-    tq__dealloc(pointer, TQ_MEM_TYPE_NEW, pszFilename, line);
+    Free(pointer, TQ_MEM_TYPE_NEW, pszFilename, line);
 }
 
 void tq_FreeEitherFamily(void* pointer, const char* pszFilename, unsigned int line) {
@@ -739,6 +757,14 @@ unsigned int tq_GetMemoryAlignment() {
 }
 
 // Reports
+
+/// A mark is raised a moment after the sum that it is the mark of.
+tq_MemoryCounters tq_ReadMemoryCounters() {
+    const tq_MemoryBytes now = gMemoryInUse.Read();
+    return {now,
+            {std::max(now.requested, gMaxRequestedMemoryAllocations.load(std::memory_order_relaxed)),
+             std::max(now.total, gMaxTotalMemoryAllocations.load(std::memory_order_relaxed))}};
+}
 
 void tq_ReportMemoryCorruption(const char* pszMessage) {
     LogCriticalError(pszMessage, false, kLevelSevere, kCategoryMemory);
@@ -821,6 +847,8 @@ void SetLayout() {
     const unsigned int untracked = gbUseMemoryPooling ? kMemoryPoolingHeaderBytes : 0;
     gTotalMemoryHeader = gbUseMemoryTracking ? kMemoryTrackingHeaderBytes : untracked;
     gTotalMemoryOverhead = gbUseMemoryTracking ? kMemoryTrackingHeaderBytes + kMemoryCheckBytes : untracked;
+    gbPlainMemory = !gbUseMemoryTracking && !gbUseMemoryPooling && gMemoryAlignment == 0 &&
+                    gDirtyMemoryAlloc >= kFirstValueWithoutFill;
 }
 
 /// Settings that are read only when another asks for them go back to their defaults first.

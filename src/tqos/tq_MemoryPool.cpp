@@ -316,7 +316,7 @@ void EndChunk(_MEM_POOL* pChunk, unsigned int pool, unsigned int slots) {
 
 } // namespace
 
-unsigned int tq_MemorySlotCapacity(char* pBlock) {
+unsigned int tq_PooledMemorySlotCapacity(char* pBlock) {
     const unsigned int pool = tq_MemoryPoolOf(pBlock);
     if (pool == kNoMemoryPool) {
         return kNoSlot;

@@ -197,12 +197,13 @@ void AddTrackedTotals(tq_MemoryRows& rows, const char* pszLineEnd) {
     const PoolSums sums = SumPools();
     myCritSecLock lock(MemoryTrackingCritSec);
     Figures& before = gPreviousFigures;
-    const Figures now = {Outside(gRequestedMemoryAllocations, sums.requested),
-                         Outside(gTotalMemoryAllocations, sums.inUse),
-                         gRequestedMemoryAllocations,
-                         gTotalMemoryAllocations,
-                         gMaxRequestedMemoryAllocations,
-                         gMaxTotalMemoryAllocations};
+    const tq_MemoryCounters counters = tq_ReadMemoryCounters();
+    const Figures now = {Outside(counters.now.requested, sums.requested),
+                         Outside(counters.now.total, sums.inUse),
+                         counters.now.requested,
+                         counters.now.total,
+                         counters.most.requested,
+                         counters.most.total};
     AddFigure(rows, "     Bytes requested from the heap:", now.heapRequested, before.heapRequested, pszLineEnd);
     AddFigure(rows, "      Bytes allocated from the heap:", now.heapAllocated, before.heapAllocated, pszLineEnd);
     rows.Add("%s", pszLineEnd);
@@ -569,10 +570,11 @@ void tq_ShowMemoryTrackingOnly(unsigned int instance) {
         myCritSecLock lock(MemoryTrackingCritSec);
         Figures& before = gPreviousFigures;
         Figures now = before;
-        now.requested = gRequestedMemoryAllocations;
-        now.allocated = gTotalMemoryAllocations;
-        now.maxRequested = gMaxRequestedMemoryAllocations;
-        now.maxAllocated = gMaxTotalMemoryAllocations;
+        const tq_MemoryCounters counters = tq_ReadMemoryCounters();
+        now.requested = counters.now.requested;
+        now.allocated = counters.now.total;
+        now.maxRequested = counters.most.requested;
+        now.maxAllocated = counters.most.total;
         AddCounters(rows, "     Bytes requested through TQOS: ", now, before, "\r\n");
         rows.End();
         before = now;

@@ -16,44 +16,72 @@
 ///   are read or written.
 /// - The header and the check bytes of a pool's slot are written with the pool's lock held, since marks and reports
 ///   walk over all slots. Whoever holds a block may read them without, but for the flags, which a mark changes.
-/// - MemoryTrackingCritSec guards the counters and the histogram and nothing else. It may be taken with a pool's lock
-///   held. Neither is held while anything is reported or sent: rows are collected in plain memory and sent afterwards.
+/// - The counters change in one step each, so that threads that allocate do not wait for each other.
+/// - MemoryTrackingCritSec guards the histogram and the figures of the last report and nothing else. It may be taken
+///   with a pool's lock held. Neither is held while anything is reported or sent: rows are collected in plain memory
+///   and sent afterwards.
 #ifndef TQ_MEMORY_P_H
 #define TQ_MEMORY_P_H
 
 #include <atomic>
-#include <pthread.h>
 #include <stddef.h>
 #include <stdint.h>
 #include <string.h>
 
+#include "tq_Futex_p.h"
 #include "tq_LockOrder_p.h"
 #include "tq_Memory.h"
 
-/// The memory module's own lock: a recursive pthread mutex and nothing else. The library's lock classes allocate, so
+/// The memory module's own lock, which the thread that holds it may take again. The library's lock classes allocate, so
 /// they cannot serve here. It is never destroyed: threads may free memory until the process ends.
 class myCritSec : private tq_LockPlace {
 public:
-    explicit myCritSec(tq_LockRank rank);
+    constexpr explicit myCritSec(tq_LockRank rank) : tq_LockPlace(rank) {}
     myCritSec(const myCritSec&) = delete;
     myCritSec& operator=(const myCritSec&) = delete;
+
     void EnterCritSec() {
         Take();
-        pthread_mutex_lock(&m_mutex);
+        const void* const pMe = Me();
+        if (m_pOwner.load(std::memory_order_relaxed) != pMe) {
+            unsigned int state = kFree;
+            if (!m_state.compare_exchange_strong(state, kTaken, std::memory_order_acquire, std::memory_order_relaxed)) {
+                Wait();
+            }
+            m_pOwner.store(pMe, std::memory_order_relaxed);
+        }
+        ++m_times;
     }
     void LeaveCritSec() {
         Give();
-        pthread_mutex_unlock(&m_mutex);
+        if (--m_times != 0) {
+            return;
+        }
+        m_pOwner.store(nullptr, std::memory_order_relaxed);
+        if (m_state.exchange(kFree, std::memory_order_release) == kAwaited) {
+            tq_Futex::Wake(tq_Futex::AddressOf(m_state), 1);
+        }
     }
 
 private:
-    pthread_mutex_t m_mutex;
+    enum : unsigned int { kFree, kTaken, kAwaited };
+
+    /// The calling thread, by what it has for itself alone.
+    static const void* Me() {
+        static thread_local char place __attribute__((tls_model("initial-exec")));
+        return &place;
+    }
+    void Wait();
+
+    std::atomic<unsigned int> m_state{kFree};
+    unsigned int m_times = 0;                   ///< that the owner has entered it; the owner's alone
+    std::atomic<const void*> m_pOwner{nullptr}; ///< only the owner ever finds itself here
 };
 
 /// The lock of one pool of many.
 class tq_MemoryPoolCritSec : public myCritSec {
 public:
-    tq_MemoryPoolCritSec() : myCritSec(tq_LockRank::kMemoryPool) {}
+    constexpr tq_MemoryPoolCritSec() : myCritSec(tq_LockRank::kMemoryPool) {}
 };
 
 /// Holds a myCritSec for a scope.
@@ -153,12 +181,102 @@ extern unsigned int gTotalMemoryOverhead; ///< the block less the user data
 /// False from initialisation until the first memory report, whose changes then count from 0.
 extern bool gbTelnetShowMemoryCalled;
 
-// Guarded by MemoryTrackingCritSec; kept only while tracking. A single counter may be read without the lock.
+/// Bytes: those that callers ask for, and those that are taken for them, overhead included.
+struct tq_MemoryBytes {
+    unsigned int requested;
+    unsigned int total;
+};
+
 extern myCritSec MemoryTrackingCritSec;
-extern std::atomic<unsigned int> gRequestedMemoryAllocations;    ///< bytes that callers asked for and have not freed
-extern std::atomic<unsigned int> gTotalMemoryAllocations;        ///< bytes taken for them, overhead included
+
+#if __GCC_ATOMIC_LLONG_LOCK_FREE == 2
+using tq_MemoryWord = std::atomic<uint64_t>;
+#else
+/// Where no processor instruction changes 64 bits in one step.
+class tq_MemoryWord {
+public:
+    constexpr tq_MemoryWord(uint64_t value) : m_value(value) {}
+    uint64_t load(std::memory_order) const {
+        const myCritSecLock lock(MemoryTrackingCritSec);
+        return m_value;
+    }
+    uint64_t fetch_add(uint64_t value, std::memory_order) {
+        const myCritSecLock lock(MemoryTrackingCritSec);
+        const uint64_t before = m_value;
+        m_value += value;
+        return before;
+    }
+    uint64_t fetch_sub(uint64_t value, std::memory_order order) { return fetch_add(0 - value, order); }
+
+private:
+    uint64_t m_value;
+};
+#endif
+
+/// The bytes in use. Both sums are halves of one number, so that a block is counted in or out, and both sums are known,
+/// in one step. Each wraps by itself, as 32 bits do.
+class tq_MemorySums {
+public:
+    tq_MemoryBytes Read() const { return Halves(m_word.load(std::memory_order_relaxed)); }
+
+    /// The sums right after this change.
+    tq_MemoryBytes Add(const tq_MemoryBytes& bytes) {
+        const uint64_t before = m_word.fetch_add(Whole(bytes), std::memory_order_relaxed);
+        uint64_t now = before + Whole(bytes);
+        if (Halves(now).requested < Halves(before).requested) { // wrapped, and carried on into the other half
+            m_word.fetch_sub(kCarried, std::memory_order_relaxed);
+            now -= kCarried;
+        }
+        return Halves(now);
+    }
+    tq_MemoryBytes Subtract(const tq_MemoryBytes& bytes) {
+        const uint64_t before = m_word.fetch_sub(Whole(bytes), std::memory_order_relaxed);
+        uint64_t now = before - Whole(bytes);
+        if (Halves(before).requested < bytes.requested) {
+            m_word.fetch_add(kCarried, std::memory_order_relaxed);
+            now += kCarried;
+        }
+        return Halves(now);
+    }
+
+private:
+    static constexpr uint64_t kCarried = uint64_t(1) << 32;
+    static constexpr uint64_t Whole(const tq_MemoryBytes& bytes) {
+        return uint64_t(bytes.total) << 32 | bytes.requested;
+    }
+    static constexpr tq_MemoryBytes Halves(uint64_t word) {
+        return {static_cast<unsigned int>(word), static_cast<unsigned int>(word >> 32)};
+    }
+
+    tq_MemoryWord m_word{0};
+};
+extern tq_MemorySums gMemoryInUse; ///< kept only while tracking
+
+/// One of the sums, to be read and set like a number.
+template <unsigned int tq_MemoryBytes::*pSum> class tq_MemorySum {
+public:
+    operator unsigned int() const { return load(); }
+    unsigned int load() const { return gMemoryInUse.Read().*pSum; }
+    unsigned int operator=(unsigned int value) {
+        tq_MemoryBytes change = {0, 0};
+        change.*pSum = value - load();
+        gMemoryInUse.Add(change);
+        return value;
+    }
+};
+extern tq_MemorySum<&tq_MemoryBytes::requested> gRequestedMemoryAllocations; ///< asked for and not freed
+extern tq_MemorySum<&tq_MemoryBytes::total> gTotalMemoryAllocations;
 extern std::atomic<unsigned int> gMaxRequestedMemoryAllocations; ///< high-water marks
 extern std::atomic<unsigned int> gMaxTotalMemoryAllocations;
+
+/// All four counters as they stand at one moment.
+struct tq_MemoryCounters {
+    tq_MemoryBytes now;
+    tq_MemoryBytes most;
+};
+tq_MemoryCounters tq_ReadMemoryCounters();
+
+// Guarded by MemoryTrackingCritSec.
 extern unsigned int* gpMemoryHistogram;    ///< live blocks by size (entry 0: 1 byte); null while there is no histogram
 extern unsigned int* gpMemoryHistogramMax; ///< the most there ever were of each
 
@@ -272,9 +390,13 @@ template <typename Visit> void tq_WalkMemoryPool(unsigned int pool, Visit visit)
     }
 }
 
-/// The most that a slot's owner gets; kNoSlot for a block that is none.
-unsigned int tq_MemorySlotCapacity(char* pBlock);
 constexpr unsigned int kNoSlot = UINT32_MAX;
+
+/// The most that a slot's owner gets; kNoSlot for a block that is none. The second is for use with pools alone.
+unsigned int tq_PooledMemorySlotCapacity(char* pBlock);
+inline unsigned int tq_MemorySlotCapacity(char* pBlock) {
+    return gbUseMemoryPooling ? tq_PooledMemorySlotCapacity(pBlock) : kNoSlot;
+}
 
 /// Counts bytes that callers ask a pool for, as a difference modulo 2^32. The pool's lock is held.
 void tq_CountPoolBytesLocked(unsigned int pool, unsigned int difference);

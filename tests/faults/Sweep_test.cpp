@@ -244,7 +244,8 @@ private:
         const long now = ReadCounters()[kTrackedBytes];
         if (MayLieBelow(kTrackedBytes)) {
             myCritSecLock lock(MemoryTrackingCritSec);
-            gRequestedMemoryAllocations += static_cast<unsigned int>(m_base[kTrackedBytes] - now);
+            gRequestedMemoryAllocations =
+                gRequestedMemoryAllocations + static_cast<unsigned int>(m_base[kTrackedBytes] - now);
         }
     }
 
