@@ -317,6 +317,28 @@ TEST(TqtraceFollowed, APlaceThatIsFollowedWithoutANameTakesTheOneItAnnounces) {
     follower.ExpectSaid(" following following restarted");
 }
 
+TEST(TqtraceListener, TakesAnAnnouncementFromThePlaceThatItNamesAlone) {
+    RUN_IN_NETWORK([] {
+        Endpoint group;
+        ASSERT_TRUE(ParseEndpoint(kGroup, &group));
+        Listener listener;
+        std::string problem;
+        ASSERT_TRUE(listener.Open(group, &problem)) << problem;
+        PlayedDevice device("10.99.2.1");
+        const std::string port = std::to_string(device.Place().port);
+        const std::string head = "DISCOVER/version=1.2/applicationName=x:a/mac=m/IPAddr=";
+        const struct sockaddr_in to = ToSocketAddress(group);
+        device.SendTo(to, Wire("no announcement"));
+        device.SendTo(to, Wire(head + "10.99.1.1/port=" + port + "/host=//"));
+        device.SendTo(to, Wire(head + "10.99.2.1/port=9/host=//"));
+        device.SendTo(to, Wire(head + "10.99.2.1/port=" + port + "/host=//"));
+        Announcement found;
+        EXPECT_TRUE(WaitUntil([&] { return listener.Next(&found); }));
+        EXPECT_TRUE(found.endpoint == device.Place()) << found.endpoint.Text();
+        EXPECT_FALSE(listener.Next(&found));
+    });
+}
+
 // ---- The program beside the demo device
 
 constexpr char kPassword[] = "lookinside";

@@ -118,12 +118,15 @@ void Listener::Join() {
 bool Listener::Next(Announcement* pAnnouncement) {
     char buffer[2048];
     for (;;) {
-        const ssize_t bytes = recv(m_socket.Get(), buffer, sizeof(buffer) - 1, 0);
+        struct sockaddr_in from = {};
+        socklen_t length = sizeof(from);
+        const ssize_t bytes =
+            recvfrom(m_socket.Get(), buffer, sizeof(buffer) - 1, 0, reinterpret_cast<struct sockaddr*>(&from), &length);
         if (bytes < 0) {
             return false;
         }
         buffer[bytes] = '\0';
-        if (ParseAnnouncement(buffer, pAnnouncement)) {
+        if (ParseAnnouncement(buffer, pAnnouncement) && pAnnouncement->endpoint == FromSocketAddress(from)) {
             return true;
         }
     }

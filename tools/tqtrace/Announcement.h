@@ -44,7 +44,8 @@ public:
     bool Open(const Endpoint& group, std::string* pProblem);
     /// Listens on the interfaces that are there now, too. Called now and then: they come and go.
     void Join();
-    /// The next one that has come; false when there is none (any more).
+    /// The next one that has come, from the place that it names: one that speaks for another would have us send there.
+    /// False when there is none (any more).
     bool Next(Announcement* pAnnouncement);
     int Fd() const { return m_socket.Get(); }
 

@@ -17,6 +17,9 @@ constexpr size_t kLevelBytes = 8;
 
 constexpr unsigned int kTries = 30;
 
+/// Short: meanwhile nobody answers the device's probes.
+constexpr tools::Limits kLimits = {/*connectMs=*/3000, /*silenceMs=*/3000, /*queueMs=*/1000};
+
 std::string WithoutBlanks(const std::string& text) {
     const size_t first = text.find_first_not_of(' ');
     return first == std::string::npos ? "" : text.substr(first, text.find_last_not_of(' ') - first + 1);
@@ -91,7 +94,7 @@ bool DeviceLevel::Run(tools::Console* pConsole, const std::string& command, cons
 /// @param pOnlyFrom  changes nothing when the level is not this one; null: whatever it is
 bool DeviceLevel::Change(const std::string& instance, int level, const int* pOnlyFrom, int* pBefore,
                          std::string* pProblem) {
-    tools::Console console;
+    tools::Console console(kLimits);
     InstanceRow row;
     if (!LogIn(&console, pProblem) || !Run(&console, "show trace", instance, &row, pProblem)) {
         return false;
