@@ -34,7 +34,7 @@ class ClockSteps {
 public:
     ClockSteps() {
         unsigned int last = tq_GetTimeInMS();
-        while (m_steps.size() < 5) {
+        while (m_steps.size() < 21) {
             const unsigned int now = tq_GetTimeInMS();
             if (now != last) {
                 m_steps.push_back({now, bench::Now()});
@@ -44,12 +44,14 @@ public:
     }
     /// When the clock comes to show this.
     double TimeOf(unsigned int ms) const {
+        double earliest = 0; // a step is seen when it comes, or too late
         for (const Step& step : m_steps) {
-            if ((ms - step.ms) % 20 == 0) {
-                return step.seconds + static_cast<int>(ms - step.ms) * 1e-3;
+            const double seconds = step.seconds + static_cast<int>(ms - step.ms) * 1e-3;
+            if ((ms - step.ms) % 20 == 0 && (earliest == 0 || seconds < earliest)) {
+                earliest = seconds;
             }
         }
-        return 0;
+        return earliest;
     }
 
 private:
