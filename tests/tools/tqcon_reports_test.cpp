@@ -166,6 +166,8 @@ TEST(Reports, TimersThreadsAndTraceInstances) {
     EXPECT_EQ("one-shot", timer["type"]);
     EXPECT_EQ(1000000, timer["duration_ms"]);
     EXPECT_EQ("door closes", timer["name"]);
+    EXPECT_TRUE(
+        test::WaitUntil([&] { return test::CountOf(session.Ask("sh th").dump(), "\"TQOS: Timer Thread\"") == 1; }));
     EXPECT_EQ("normal", RowOf(session.Table("sh th", "threads"), "name", "TQOS: Timer Thread")["priority"]);
     const Json trace = RowOf(session.Table("sh tr", "instances"), "instance", hTrace);
     EXPECT_EQ("-12345678", trace["level"]);

@@ -317,6 +317,14 @@ TEST_P(WatchWithDevice, RoundsAreTablesAsText) {
     EXPECT_EQ(2u, test::CountOf(result.standardOut, "ms for each clock tick.\n")) << result.standardOut;
 }
 
+TEST_P(WatchWithDevice, AnEmptyTableSaysWhy) {
+    test::DemoDevice device(Program(), {{"Tracking=yes\n\n[Trace]", "Tracking=no\n\n[Trace]"}});
+    const test::ChildResult result = Tqcon(device, {"--watch", "0", "--count", "1", "-c", "sh sem"});
+    EXPECT_EQ(0, result.code) << result.standardError;
+    EXPECT_NE(std::string::npos, result.standardOut.find("\nNot currently tracking Mutex Sems...\n"))
+        << result.standardOut;
+}
+
 TEST_P(WatchWithDevice, ARoundThatIsRefusedIsTheLast) {
     test::DemoDevice device(Program());
     const test::ChildResult result = Tqcon(device, {"--watch", "0.05", "-c", "nonsense"});
@@ -328,9 +336,9 @@ TEST_P(WatchWithDevice, TopWithoutATerminalIsOneScreen) {
     test::DemoDevice device(Program());
     const test::ChildResult result = Tqcon(device, {"top"});
     EXPECT_EQ(0, result.code) << result.standardError;
-    EXPECT_EQ(0u, result.standardOut.find(device.ConsoleAddress() + ", up 0:00:0")) << result.standardOut;
+    EXPECT_EQ(0u, result.standardOut.find(device.ConsoleAddress() + ", up 0:0")) << result.standardOut;
     for (const char* pszPiece :
-         {"\nqueues 4 (", "\nmemory ", "\nLOCK WAITS\n", " Sampler ", " tq_Timer.cpp:", " Telnet instance"}) {
+         {"\nqueues 4 (", "\nmemory ", "\nLOCK WAITS\n", " Sampler ", " TQOS: Timer Thread ", " Telnet instance"}) {
         EXPECT_NE(std::string::npos, result.standardOut.find(pszPiece)) << pszPiece << "\n" << result.standardOut;
     }
     EXPECT_EQ(std::string::npos, result.standardOut.find('\x1b'));
@@ -351,10 +359,14 @@ TEST_P(WatchWithDevice, TopOnATerminalGoesOnUntilQ) {
 
 TEST_P(WatchWithDevice, FindsWhatTheDeviceKeeps) {
     test::DemoDevice device(Program(), Busy());
-    const test::ChildResult result =
-        Tqcon(device, {"leaks", "--for", "0.5", "--json", "--filter", "History.cpp", "--pprof", "leaks.pb.gz"});
-    EXPECT_EQ(0, result.code) << result.standardError;
-    const Json json = Json::parse(result.standardOut);
+    Json json;
+    EXPECT_TRUE(test::WaitUntil([&] { // on a busy machine a sample may take longer
+        const test::ChildResult result =
+            Tqcon(device, {"leaks", "--for", "0.5", "--json", "--filter", "History.cpp", "--pprof", "leaks.pb.gz"});
+        EXPECT_EQ(0, result.code) << result.standardError;
+        json = Json::parse(result.standardOut);
+        return !json["leaks"].empty();
+    }));
     ASSERT_EQ(1u, json["leaks"].size()) << json.dump(2);
     const Json leak = json["leaks"][0];
     EXPECT_NE(std::string::npos, leak["file"].get<std::string>().find("History.cpp")) << leak;

@@ -16,8 +16,6 @@ namespace tqcon {
 
 namespace {
 
-constexpr int kUsageError = 64; // none of the statuses that say how a session went
-
 constexpr char kHelp[] =
     "usage: tqcon HOST:PORT [OPTION]...        a session with a device's console\n"
     "       tqcon top HOST:PORT [OPTION]...    a screen of its queues, sockets, memory, threads and locks\n"

@@ -10,6 +10,8 @@
 
 namespace tqcon {
 
+constexpr int kUsageError = 64; ///< an exit status that none of a session's results is
+
 /// How the output is written.
 enum class Format { Plain, JsonLines };
 

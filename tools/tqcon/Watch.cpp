@@ -74,6 +74,9 @@ private:
         for (const auto& [key, rows] : gone.items()) {
             std::cout << TableText(json[key], rows) << "\n";
         }
+        for (const Json& note : gone.empty() ? Json::array() : json.value("notes", Json::array())) {
+            std::cout << note.get<std::string>() << "\n\n"; // why a table is empty
+        }
         std::cout << (gone.empty() ? TextOf(answer) + "\n" : "") << std::flush;
     }
 

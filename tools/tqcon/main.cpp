@@ -31,7 +31,12 @@ Result Work(const tqcon::Options& options, tools::Console* pConsole) {
 }
 
 int Run(tqcon::Options& options) {
-    if (options.mode == Mode::Session && !options.bHasCommands && !isatty(STDIN_FILENO)) {
+    const bool bHands = options.mode == Mode::Session && !options.bHasCommands && isatty(STDIN_FILENO);
+    if (bHands && options.format == tqcon::Format::JsonLines) {
+        std::cerr << "tqcon: --json needs a command\n";
+        return tqcon::kUsageError;
+    }
+    if (options.mode == Mode::Session && !options.bHasCommands && !bHands) {
         options.commands = tqcon::ScriptLines(std::string(std::istreambuf_iterator<char>(std::cin), {}));
         options.bHasCommands = true;
     }
