@@ -13,6 +13,7 @@
 #include "TestSupport.h"
 #include "tq_Handle_p.h"
 #include "tq_MsgQ_p.h"
+#include "tq_SocketLookup_p.h"
 #include "tq_Socket_p.h"
 #include "tq_Trace_p.h"
 #include "tq_WorkingLock_p.h"
@@ -39,6 +40,10 @@ public:
 
 long OpenSockets() {
     return ReadCounters()[kSockets];
+}
+
+const char* TextOf(TqString* s) {
+    return reinterpret_cast<const char*>(tq_string_ptr(s, 0));
 }
 
 /// A peer of a console: it is greeted, or the connection is closed. Nobody is left waiting.
@@ -269,6 +274,120 @@ TEST(Refused, SocketsThatCannotBeWokenStopAtOnceAllTheSame) {
     const Failing sends(Call::kSend, ENOBUFS);
     tq_SocketTerminate(99);
     EXPECT_LT(tq_GetTimeInMS() - before, 4000u); // by itself the thread looks up every 5 seconds
+}
+
+TEST(Refused, AnAnswerOfServicesIsReadAsFarAsTheMemoryGoes) {
+    const unsigned char answer[] = {
+        0, 1,   0x81, 0x80, 0,  0, 0, 2, 0, 0, 0, 0,                                   // two answers
+        1, 'a', 0,    0,    33, 0, 1, 0, 0, 0, 5, 0, 9, 0, 1, 0, 1, 0, 80, 1, 'x', 0,  // x:80
+        1, 'a', 0,    0,    33, 0, 1, 0, 0, 0, 5, 0, 9, 0, 2, 0, 1, 0, 81, 1, 'y', 0}; // y:81
+    const Library library;
+    const long before = HeapBlocks();
+    unsigned int read[10] = {};
+    for (unsigned int k = 1; k <= 10; ++k) {
+        const Failing memory(Call::kMemory, ENOMEM, k, /*bOnwards=*/false);
+        SrvIter services(answer, sizeof(answer));
+        while (const DNS_SRV_DATA* const pService = services.getNext()) {
+            EXPECT_STREQ(read[k - 1] == 0 ? "x" : "y", pService->pNameTarget);
+            ++read[k - 1];
+        }
+    }
+    EXPECT_EQ(0u, read[0]);
+    EXPECT_EQ(1u, read[3]); // the first service takes two blocks behind the table, and so does the second
+    EXPECT_EQ(2u, read[9]);
+    EXPECT_EQ(before, HeapBlocks());
+}
+
+TEST(Refused, SortedServicesAreThoseThereIsMemoryFor) {
+    const unsigned char answer[] = {0, 1, 0x81, 0x80, 0, 0, 0, 1, 0, 0, 0, 0, 1, 'a', 0, 0,   33,
+                                    0, 1, 0,    0,    0, 5, 0, 9, 0, 1, 0, 1, 0, 80,  1, 'x', 0};
+    const Library library;
+    const long before = HeapBlocks();
+    for (unsigned int k = 1; k <= 6; ++k) {
+        const Failing memory(Call::kMemory, ENOMEM, k, /*bOnwards=*/false);
+        SortedIter services(answer, sizeof(answer));
+        const DNS_SRV_DATA* const pService = services.getNext();
+        EXPECT_EQ(!HasStruck(), pService != nullptr) << k;
+    }
+    EXPECT_EQ(before, HeapBlocks());
+}
+
+TEST(Refused, ATextThatCannotGrowStaysAsItIs) {
+    const Library library;
+    const long before = HeapBlocks();
+    for (unsigned int k = 1; k <= 3; ++k) {
+        TqString* const s = tq_string_duplicate("0123456789");
+        int result = 0;
+        {
+            const Failing memory(Call::kMemory, ENOMEM, k, /*bOnwards=*/false);
+            result = tq_string_insert(s, 0, TextOf(s)); // of its own, so by way of a copy
+        }
+        EXPECT_STREQ(result == 0 ? "01234567890123456789" : "0123456789", TextOf(s));
+        EXPECT_EQ(k > 2, result == 0) << k;
+        tq_string_destroy(s);
+    }
+    EXPECT_EQ(before, HeapBlocks());
+}
+
+TEST(Refused, ASocketWithoutMemoryForItIsNotOpenedAndNothingIsLeft) {
+    const Library library;
+    Listener queue("listener");
+    queue.Create(0);
+    ASSERT_EQ(0u, tq_SocketInitialize());
+    const long before = OpenSockets();
+    const auto open = [&queue] { return tq_SocketOpenUDP(queue.GetHandle(), 0, 0, 0, Loopback(), 0); };
+    bool bOpened = false;
+    for (unsigned int k = 1; !bOpened; ++k) {
+        ASSERT_GT(100u, k);
+        const Failing memory(Call::kMemory, ENOMEM, k, /*bOnwards=*/false);
+        const unsigned int hSocket = open();
+        bOpened = !HasStruck();
+        EXPECT_TRUE(hSocket != 0 || !bOpened);
+        if (hSocket != 0) {
+            tq_SocketClose(hSocket);
+        }
+    }
+    EXPECT_TRUE(test::WaitUntil([before] { return OpenSockets() == before; }));
+}
+
+TEST(Refused, BytesThatCannotBeQueuedAreRefusedAndThoseBeforeThemCome) {
+    const Library library;
+    Listener queue("listener");
+    queue.Create(0);
+    const Fd listener = test::ListeningPeer();
+    const unsigned int hSocket = tq_SocketOpenTCPClient(queue.GetHandle(), Loopback(), test::PortOf(listener), 0, 0, 0);
+    ASSERT_NE(0u, hSocket);
+    const Fd peer = test::AcceptPeer(listener);
+    ASSERT_TRUE(test::WaitUntil([&] { return queue.Count(MSG_SOCKET_CONNECTED) == 1; }));
+    tq_SocketSetDataOutCap(hSocket, 8u << 20); // with a cap small sends share a block
+    const std::string filler(6u << 20, 'f');   // more than the system takes: what follows is queued
+    const auto send = [hSocket](const std::string& bytes) {
+        return tq_SocketSendTo(hSocket, test::Bytes(bytes), static_cast<unsigned int>(bytes.size()), 0, 0);
+    };
+    ASSERT_EQ(filler.size(), send(filler));
+    std::string expected = filler;
+    for (unsigned int k = 1; k <= 24; ++k) {
+        const std::string piece(1, static_cast<char>('a' + k));
+        const Failing memory(Call::kMemory, ENOMEM, k % 6 + 1, /*bOnwards=*/k % 2 == 0);
+        if (send(piece) == 1) {
+            expected += piece;
+        }
+    }
+    EXPECT_LT(filler.size(), expected.size());
+    const Exempt exempt;
+    EXPECT_TRUE(expected == test::ReadBytes(peer, expected.size()));
+}
+
+TEST(Refused, TimersDoNotStartWithoutTheirThread) {
+    const Library library;
+    {
+        const Failing threads(Call::kThreadCreate, EAGAIN);
+        EXPECT_EQ(1u, tq_TimerSet(1, 1000, 1, 1, 1, TQ_TIMER_ONE_SHOT, nullptr, false));
+    }
+    Listener queue("listener");
+    queue.Create(0);
+    EXPECT_EQ(0u, tq_TimerSet(queue.GetHandle(), 10, 1, 1, 1, TQ_TIMER_ONE_SHOT, nullptr, false));
+    EXPECT_TRUE(test::WaitUntil([&] { return queue.Count(MSG_TIMER) == 1; }));
 }
 
 } // namespace faults
