@@ -181,6 +181,14 @@ prepare_to_lint() {
     install_packages ${packages[@]+"${packages[@]}"}
 }
 
+# prepare_to_count: what counts the lines that run, and makes mutants.
+prepare_to_count() {
+    local -a packages=()
+    have gcovr || packages+=(gcovr)
+    have python3 || packages+=(python3)
+    install_packages ${packages[@]+"${packages[@]}"}
+}
+
 # without_random_addresses COMMAND...: the thread sanitizer has no place for its shadow where the kernel spreads
 # mappings over more bits than it knows.
 without_random_addresses() {
