@@ -30,10 +30,10 @@ struct Budget {
     long long Bytes() const { return kIs32 ? bytes32 : bytes64; }
 };
 
-constexpr Budget kLibraryFile = {540000, 520000};
+constexpr Budget kLibraryFile = {600000, 560000};
 constexpr Budget kAfterStart = {60000, 93000};
 constexpr Budget kQueue = {2100, 3000};
-constexpr Budget kTimer = {92, 134};
+constexpr Budget kTimer = {146, 218};
 constexpr Budget kSocket = {540, 630};
 constexpr Budget kSession = {2300, 2400};
 constexpr Budget kList = {384, 600};
