@@ -1,10 +1,15 @@
 // What the library takes of a device's memory: its file, and on the heap the running library and each object. Every
-// figure has a budget. One that is passed means that something has grown, and that docs/scaling.md is to say why.
+// figure has a budget. One that is passed means that something has grown, and that docs/scaling.md is to say why. The
+// table in README.md has the figures themselves, and is held against them.
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <ctype.h>
+#include <filesystem>
 #include <functional>
+#include <iterator>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -59,11 +64,46 @@ double BytesOfEach(int count, const std::function<void(int)>& make) {
     return static_cast<double>(HeapBytes() - before) / count;
 }
 
+/// What README.md says of it in this width; -1 when it has no row.
+double FigureInReadme(const std::string& what) {
+    std::istringstream readme(test::ReadFile(TQOS_README));
+    std::string line;
+    while (std::getline(readme, line)) {
+        if (line.rfind("| " + what + " |", 0) == 0) {
+            std::string digits;
+            const size_t second = line.find('|', line.find('|', 1) + 1);
+            const size_t begin = kIs32 ? what.size() + 4 : second;
+            for (size_t at = begin; at < line.find('|', begin + 1); ++at) {
+                digits += isdigit(static_cast<unsigned char>(line[at])) ? line.substr(at, 1) : "";
+            }
+            return atof(digits.c_str());
+        }
+    }
+    return -1;
+}
+
+void ExpectAsInReadme(const char* pszWhat, double figure) {
+#if defined(__i386__) || defined(__x86_64__)
+    const double said = FigureInReadme(pszWhat);
+    EXPECT_NEAR(figure, said, said * 0.15) << "README.md has another figure for: " << pszWhat;
+#else
+    static_cast<void>(pszWhat);
+    static_cast<void>(figure);
+#endif
+}
+
 void ExpectWithin(const Budget& budget, double bytes, const char* pszWhat) {
     testing::Test::RecordProperty(pszWhat, std::to_string(static_cast<long long>(bytes)));
     printf("%s: %.0f bytes, of %lld\n", pszWhat, bytes, budget.Bytes());
     EXPECT_GT(bytes, 0) << pszWhat;
     EXPECT_LE(bytes, static_cast<double>(budget.Bytes())) << pszWhat;
+    ExpectAsInReadme(pszWhat, bytes);
+}
+
+/// How many entries a directory of /proc/self has.
+double EntriesOf(const char* pszDirectory) {
+    const std::filesystem::directory_iterator entries(pszDirectory);
+    return static_cast<double>(std::distance(begin(entries), end(entries)));
 }
 
 class Queue : public tq_MsgQ {
@@ -110,9 +150,13 @@ TEST(Footprint, TheStrippedLibraryIsWithinItsBudget) {
 
 TEST(Footprint, TheStartedLibraryIsWithinItsBudget) {
     const test::ScratchDirectory directory;
+    const double threads = EntriesOf("/proc/self/task");
+    const double descriptors = EntriesOf("/proc/self/fd");
     const long long before = HeapBytes();
     ASSERT_EQ(tqOS_Initialize(), 0u);
     const long long after = HeapBytes();
+    ExpectAsInReadme("threads after the start", EntriesOf("/proc/self/task") - threads);
+    ExpectAsInReadme("descriptors after the start", EntriesOf("/proc/self/fd") - descriptors);
     tqOS_Terminate(false, true);
     ExpectWithin(kAfterStart, static_cast<double>(after - before), "heap after the start");
 }
