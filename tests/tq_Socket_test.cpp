@@ -1897,6 +1897,64 @@ TEST(Socket, DescriptorClosedBySomebodyElseFailsItsSocketAlone) {
     EXPECT_EQ(0u, queue.Count(MSG_SOCKET_CLOSED, other.hSocket));
 }
 
+namespace {
+
+/// The descriptors of the process behind which the system keeps what somebody waits for.
+std::vector<int> WatchSets() {
+    std::vector<int> sets;
+    for (int fd = 0; fd < 256; ++fd) {
+        char target[64] = "";
+        if (readlink(Printed("/proc/self/fd/%d", fd).c_str(), target, sizeof(target) - 1) > 0 &&
+            strstr(target, "eventpoll")) {
+            sets.push_back(fd);
+        }
+    }
+    return sets;
+}
+
+} // namespace
+
+TEST(Socket, WhatIsWaitedForIsKeptInOneDescriptorWhichIsMadeAnewWhenItIsLost) {
+    Library library;
+    EXPECT_TRUE(WatchSets().empty());
+    RecordingQueue queue(kRunning);
+    Connection connection(queue);
+    ASSERT_EQ(1u, WatchSets().size());
+    for (int i = 0; i < 3; ++i) {
+        // Past the C library, whose close() the thread sanitizer takes for a race with the wait that is under way.
+        syscall(SYS_close, WatchSets()[0]);
+        SpinBreaker();
+        ASSERT_TRUE(WaitUntil([] { return WatchSets().size() == 1; }));
+        SendAll(connection.peer, "still there");
+        EXPECT_EQ("still there", RecvAll(connection.hSocket, 11));
+    }
+    EXPECT_EQ(0u, queue.Count(MSG_SOCKET_CLOSED));
+    tq_SocketClose(connection.hSocket);
+    library.Terminate();
+    EXPECT_TRUE(WatchSets().empty());
+}
+
+TEST(Socket, ManySocketsThatAreReadyAtOnceAreAllServed) {
+    Library library;
+    RecordingQueue queue(kRunning);
+    std::vector<Connection> connections;
+    for (int i = 0; i < 60; ++i) {
+        connections.emplace_back(queue);
+    }
+    for (int round = 0; round < 5; ++round) {
+        {
+            const tq_LockOrderUnchecked unchecked; // nobody else traces
+            tq_ListLock lock(pListOfSockets);      // until all of them wait
+            for (const Connection& connection : connections) {
+                SendAll(connection.peer, "x");
+            }
+        }
+        for (const Connection& connection : connections) {
+            EXPECT_EQ("x", RecvAll(connection.hSocket, 1));
+        }
+    }
+}
+
 // Descriptors
 
 TEST(Socket, MoreThan1024DescriptorsWork) {

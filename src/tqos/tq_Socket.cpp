@@ -32,6 +32,7 @@ tq_SemCritSec* pSocketGetHostByNameSem = nullptr;
 bool bTerminate = false;
 int BrkrSocket = -1;
 bool gbWakeUpPending = false;
+bool gbLookAtAll = false;
 
 std::atomic<int> gTQSocketsInitialized{0};
 std::atomic<unsigned int> ulDefault_ReceiveSize{0};
@@ -43,6 +44,7 @@ namespace {
 // Guarded by the lock of pListOfSockets.
 TQSOCKET_TRACE_STRUCT TraceStructs[kTraceQueueSize];
 unsigned int gTraceStructCount = 0;
+unsigned long long gSocketsAdded = 0;
 
 // The hash by which sockets are found. Handles are drawn one after the other, so that they spread evenly.
 constexpr int kHandleBuckets = 2048;
@@ -152,6 +154,7 @@ void CleanUpSocket(SOCKET_INSTANCE* pSocket, bool bDrain) {
 }
 
 bool AddSocketLocked(SOCKET_INSTANCE* pSocket) {
+    pSocket->number = ++gSocketsAdded;
     pListOfSockets->AddToHead(pSocket);
     if (FindSocketLocked(pSocket->handle) == pSocket) { // a list without memory says nothing
         return true;
@@ -161,12 +164,21 @@ bool AddSocketLocked(SOCKET_INSTANCE* pSocket) {
 }
 
 void RemoveSocketLocked(SOCKET_INSTANCE* pSocket) {
+    UnwatchLocked(pSocket);
+    LeaveInSetListLocked(pSocket);
     pListOfSockets->RemoveNode(pSocket);
-    pListOfSocketsInSets->RemoveNode(pSocket);
+}
+
+void LeaveInSetListLocked(SOCKET_INSTANCE* pSocket) {
+    if (pSocket->bInSets) {
+        pListOfSocketsInSets->RemoveNode(pSocket);
+        pSocket->bInSets = false;
+    }
 }
 
 void EmptyInSetListLocked() {
-    while (pListOfSocketsInSets->RemoveHead()) {
+    while (void* pNode = pListOfSocketsInSets->RemoveHead()) {
+        static_cast<SOCKET_INSTANCE*>(pNode)->bInSets = false;
     }
 }
 
@@ -264,7 +276,7 @@ bool TellClosedLocked(SOCKET_INSTANCE* pSocket) {
 void SendSocketClosedLocked(SOCKET_INSTANCE* pSocket, int error) {
     pSocket->state = SOCKET_STATE_CLOSED;
     pSocket->closedError = error;
-    TellClosedLocked(pSocket);
+    gbLookAtAll = !TellClosedLocked(pSocket) || gbLookAtAll; // the worker tries again
 }
 
 // Traces
@@ -398,6 +410,7 @@ void tq_SocketSetDataInCap(unsigned int hSocket, unsigned int MaxBytesToCache) {
     }
     const bool bCapped = socket->DataInCount >= socket->DataInCap;
     socket->DataInCap = MaxBytesToCache;
+    gbLookAtAll = true;
     if (bCapped && socket->DataInCount < socket->DataInCap) {
         SpinBreaker();
     }
@@ -569,6 +582,7 @@ void CleanUpRecords() {
 }
 
 void DestroySyncObjects() {
+    CloseWatchSet();
     tq_deleteObject(pSocketTerminateSem);
     tq_deleteObject(pSocketGetHostByNameSem);
     tq_deleteObject(pSyncEvent1);
@@ -616,6 +630,7 @@ unsigned int tq_SocketInitialize() {
     }
     bTerminate = false;
     gbWakeUpPending = false;
+    gbLookAtAll = true;
     gTraceStructCount = 0;
     memset(g_localAddresses, 0, sizeof(g_localAddresses));
     g_localAddressCount = 0;

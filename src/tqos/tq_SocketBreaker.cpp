@@ -60,6 +60,7 @@ Handshake gHandshake;
 
 void SpinBreaker() {
     tq_ListLock lock(pListOfSockets);
+    gbLookAtAll = true;
     if (gbWakeUpPending || BrkrSocket < 0) { // one byte on its way is enough
         return;
     }
@@ -152,7 +153,7 @@ public:
         tq_SocketSetNameInternal(m_pSocket, "TQOS: Breaker Socket");
         tq_ListLock lock(pListOfSockets);
         errno = 0;
-        if (!AddSocketLocked(m_pSocket)) {
+        if (!OpenWatchSetLocked() || !AddSocketLocked(m_pSocket)) {
             return Failed(kCouldNotAccept);
         }
         m_hBreaker = m_pSocket->handle;

@@ -313,6 +313,7 @@ bool tq_SocketCloseFromTelnet(unsigned int hSocket) {
         return false;
     }
     if (socket->socket != kNoDescriptor) {
+        UnwatchLocked(socket.Record());
         CloseDescriptor(socket->socket, /*bDrain=*/false);
         socket->socket = kNoDescriptor; // by now the number may be another file's: it is never closed again
     }

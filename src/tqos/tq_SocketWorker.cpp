@@ -1,13 +1,14 @@
 // The sockets thread's loop: what it waits for, and what it does when a socket is ready.
 #include "tq_Socket_p.h"
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <string.h>
+#include <sys/epoll.h>
 #include <sys/ioctl.h>
-#include <sys/select.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -33,20 +34,28 @@ namespace {
 
 unsigned int gLastInterfaceCheck = 0;
 
-/// A kind of work that is left alone for a while, since trying it again at once would fail again.
+/// A kind of work that is left alone for a while, since trying it again at once would fail again. What is waited for
+/// changes with it.
 class Pause {
 public:
     void Begin(unsigned int ms) {
         m_bOn = true;
         m_since = tq_GetTimeInMS();
         m_ms = ms;
+        gbLookAtAll = true;
     }
-    void End() { m_bOn = false; }
+    void End() {
+        gbLookAtAll = gbLookAtAll || m_bOn;
+        m_bOn = false;
+    }
     /// Milliseconds that remain, 0 when there is no pause (any more).
     unsigned int Remaining() {
         const unsigned int elapsed = m_bOn ? tq_GetTimeInMS() - m_since : m_ms;
-        m_bOn = m_bOn && elapsed < m_ms;
-        return m_bOn ? m_ms - elapsed : 0;
+        if (elapsed >= m_ms) {
+            End();
+            return 0;
+        }
+        return m_ms - elapsed;
     }
     bool IsOn() const { return m_bOn; }
 
@@ -60,88 +69,6 @@ Pause gAcceptPause; // no descriptor was left; ends early when the layer gives o
 Pause gReadPause;   // no memory was left
 Pause gClosedPause; // an owner could not be told of a close
 Pause* const kPauses[] = {&gAcceptPause, &gReadPause, &gClosedPause};
-
-} // namespace
-
-// Descriptor sets
-
-namespace {
-
-/// The three sets of a select() call, as wide as the highest descriptor needs. The C library's own type ends at 1024
-/// descriptors; the call itself takes any length.
-class DescriptorSets {
-public:
-    enum Kind { kRead, kWrite, kException, kKinds };
-
-    DescriptorSets() = default;
-    ~DescriptorSets() { tq_free(m_pGrown); }
-    DescriptorSets(const DescriptorSets&) = delete;
-    DescriptorSets& operator=(const DescriptorSets&) = delete;
-
-    void Clear() {
-        memset(m_pWords, 0, kKinds * m_words * sizeof(Word));
-        m_count = 0;
-    }
-
-    /// False without memory; the descriptor is then not watched.
-    bool Add(Kind kind, unsigned int descriptor) {
-        if (!GrowFor(descriptor)) {
-            return false;
-        }
-        WordOf(kind, descriptor) |= BitOf(descriptor);
-        m_count = descriptor >= m_count ? descriptor + 1 : m_count;
-        return true;
-    }
-
-    bool Has(Kind kind, unsigned int descriptor) const {
-        return descriptor < m_count && (m_pWords[kind * m_words + descriptor / kWordBits] & BitOf(descriptor)) != 0;
-    }
-
-    /// Waits; afterwards the sets hold what is ready. Returns how many are, or minus the system error.
-    int Wait(unsigned int ms) {
-        struct timeval timeout;
-        timeout.tv_sec = static_cast<time_t>(ms / 1000);
-        timeout.tv_usec = static_cast<suseconds_t>((ms % 1000) * 1000);
-        const int ready = select(static_cast<int>(m_count), Set(kRead), Set(kWrite), Set(kException), &timeout);
-        return ready < 0 ? -errno : ready;
-    }
-
-private:
-    typedef unsigned long Word;
-    static constexpr unsigned int kWordBits = 8 * sizeof(Word);
-    static constexpr unsigned int kFirstWords = FD_SETSIZE / kWordBits;
-
-    static Word BitOf(unsigned int descriptor) { return static_cast<Word>(1) << (descriptor % kWordBits); }
-    Word& WordOf(Kind kind, unsigned int descriptor) { return m_pWords[kind * m_words + descriptor / kWordBits]; }
-    fd_set* Set(Kind kind) { return reinterpret_cast<fd_set*>(m_pWords + kind * m_words); }
-
-    bool GrowFor(unsigned int descriptor) {
-        if (descriptor / kWordBits < m_words) {
-            return true;
-        }
-        unsigned int words = m_words;
-        while (words <= descriptor / kWordBits) {
-            words *= 2;
-        }
-        Word* pWords = static_cast<Word*>(tq_calloc(kKinds * words, sizeof(Word)));
-        if (!pWords) {
-            return false;
-        }
-        for (unsigned int kind = 0; kind < kKinds; ++kind) {
-            memcpy(pWords + kind * words, m_pWords + kind * m_words, m_words * sizeof(Word));
-        }
-        tq_free(m_pGrown);
-        m_pWords = m_pGrown = pWords;
-        m_words = words;
-        return true;
-    }
-
-    Word m_first[kKinds * kFirstWords] = {}; // so that waking never depends on memory
-    Word* m_pGrown = nullptr;
-    Word* m_pWords = m_first;
-    unsigned int m_words = kFirstWords; ///< of each set
-    unsigned int m_count = 0;           ///< highest descriptor plus 1
-};
 
 } // namespace
 
@@ -342,6 +269,8 @@ bool AnnounceConnection(const SOCKET_INSTANCE* pListener, const SOCKET_INSTANCE*
     return true;
 }
 
+void WatchSocket(SOCKET_INSTANCE* pSocket);
+
 /// Takes one waiting connection; false when none waits, or none can be taken until the pause is over.
 bool AcceptPeer(SOCKET_INSTANCE* pListener) {
     SOCKET_INSTANCE* pNew =
@@ -373,6 +302,7 @@ bool AcceptPeer(SOCKET_INSTANCE* pListener) {
         CleanUpSocket(pNew, /*bDrain=*/false);
         return false;
     }
+    WatchSocket(pNew);
     return true;
 }
 
@@ -544,32 +474,137 @@ bool IsWatched(PFN_WATCHED pfnWatched, const SOCKET_INSTANCE* pSocket) {
 
 } // namespace
 
+// What is waited for
+
+namespace {
+
+/// The events that a state asks for.
+unsigned int EventsFor(const SOCKET_INSTANCE* pSocket) {
+    const StateRow& row = RowOf(pSocket);
+    return (IsWatched(row.pfnWatchRead, pSocket) ? EPOLLIN : 0u) |
+           (IsWatched(row.pfnWatchWrite, pSocket) ? EPOLLOUT : 0u) |
+           (IsWatched(row.pfnWatchException, pSocket) ? EPOLLPRI : 0u);
+}
+
+/// Puts a record among those that are waited on, or takes it away; false without memory.
+bool PutInSetList(SOCKET_INSTANCE* pSocket, bool bIn) {
+    if (!bIn) {
+        LeaveInSetListLocked(pSocket);
+    } else if (!pSocket->bInSets) {
+        const unsigned int before = pListOfSocketsInSets->NodeCount();
+        pListOfSocketsInSets->AddToTail(pSocket);
+        pSocket->bInSets = pListOfSocketsInSets->NodeCount() != before;
+    }
+    return pSocket->bInSets == bIn;
+}
+
+/// The descriptor is not ours any more.
+void FailDeadDescriptor(SOCKET_INSTANCE* pSocket) {
+    pSocket->socket = kNoDescriptor;
+    pSocket->watched = 0;
+    if (pSocket->state == SOCKET_STATE_BREAKER) {
+        pSocket->state = SOCKET_STATE_CLOSED;
+    } else {
+        HandleFailed(pSocket, EBADF);
+    }
+}
+
+/// Waits for what the record's state asks for from now on. One that is only to be cleaned up once its data is gone is
+/// waited for by nobody, but counts among those that are.
+void WatchSocket(SOCKET_INSTANCE* pSocket) {
+    const int error = WatchLocked(pSocket, EventsFor(pSocket));
+    const bool bNoMemory = error == ENOMEM || error == ENOSPC;
+    if (error != 0 && !bNoMemory) {
+        FailDeadDescriptor(pSocket);
+    }
+    if (!PutInSetList(pSocket, pSocket->watched != 0 || pSocket->flush != 0) || bNoMemory) {
+        gReadPause.Begin(kMemoryPauseMs); // trying again at once would only spin
+    }
+}
+
+/// Cleans a record up whose data is gone, if that is all that keeps it; true when it has gone.
+bool EndFlushed(SOCKET_INSTANCE* pSocket) {
+    if (!HasFlushed(pSocket)) {
+        return false;
+    }
+    const bool bDrain = (pSocket->flush & TQ_SOCKET_FLUSH_OUT) != 0;
+    RemoveSocketLocked(pSocket);
+    CleanUpSocket(pSocket, bDrain);
+    return true;
+}
+
+/// Looks at every record; false when the breaker is not among them.
+bool LookAtAllLocked() {
+    bool bHasBreaker = false;
+    bool bStillUntold = false;
+    gbLookAtAll = false;
+    for (void* pNode = pListOfSockets->GetHead(); pNode; pNode = pListOfSockets->GetNext()) {
+        SOCKET_INSTANCE* pSocket = static_cast<SOCKET_INSTANCE*>(pNode);
+        if (EndFlushed(pSocket)) {
+            continue;
+        }
+        if (pSocket->bClosedDue && !gClosedPause.IsOn()) {
+            bStillUntold = !TellClosedLocked(pSocket) || bStillUntold;
+        }
+        WatchSocket(pSocket);
+        bHasBreaker = bHasBreaker || pSocket->state == SOCKET_STATE_BREAKER;
+    }
+    if (bStillUntold) {
+        gClosedPause.Begin(kMemoryPauseMs);
+    }
+    return bHasBreaker;
+}
+
+} // namespace
+
 // A turn of the loop
 
 namespace {
 
-/// Puts a record into the sets that its state asks for, and among those to be looked at after the wait. One that is
-/// only to be cleaned up once its data is gone is in no set, but looked at.
-void WatchSocket(DescriptorSets& sets, SOCKET_INSTANCE* pSocket) {
-    const StateRow& row = RowOf(pSocket);
-    const bool bWatched[DescriptorSets::kKinds] = {IsWatched(row.pfnWatchRead, pSocket),
-                                                   IsWatched(row.pfnWatchWrite, pSocket),
-                                                   IsWatched(row.pfnWatchException, pSocket)};
-    if (!bWatched[DescriptorSets::kRead] && !bWatched[DescriptorSets::kWrite] && pSocket->flush == 0) {
-        return;
+/// What a wait has brought: the sockets that are ready, in the order in which they are served.
+class ReadySockets {
+public:
+    /// Returns how many are ready, or minus the system error. Of more than there is room for the rest comes with the
+    /// next wait.
+    int Wait(unsigned int ms) {
+        m_count = WaitForWatched(m_events, kMost, ms);
+        return m_count;
     }
-    const unsigned int before = pListOfSocketsInSets->NodeCount();
-    pListOfSocketsInSets->AddToTail(pSocket);
-    if (pListOfSocketsInSets->NodeCount() == before) { // no memory: waiting for it would only spin
-        gReadPause.Begin(kMemoryPauseMs);
-        return;
-    }
-    for (unsigned int kind = 0; kind < DescriptorSets::kKinds; ++kind) {
-        if (bWatched[kind] && !sets.Add(static_cast<DescriptorSets::Kind>(kind), pSocket->socket)) {
-            gReadPause.Begin(kMemoryPauseMs);
+
+    /// Finds the records and brings them into the order of the list. False when the breaker's other end is ready, which
+    /// it is only when the breaker has gone.
+    bool SortLocked() {
+        bool bBreakerStands = true;
+        m_found = 0;
+        for (int i = 0; i < m_count; ++i) {
+            SOCKET_INSTANCE* const pSocket = FindSocketLocked(m_events[i].data.u32);
+            bBreakerStands = bBreakerStands && m_events[i].data.u32 != 0;
+            if (pSocket) {
+                m_events[m_found].events = m_events[i].events;
+                m_events[m_found++].data.ptr = pSocket;
+            }
         }
+        std::sort(m_events, m_events + m_found, [](const struct epoll_event& one, const struct epoll_event& other) {
+            return RecordOf(one)->number > RecordOf(other)->number;
+        });
+        return bBreakerStands;
     }
-}
+
+    int Found() const { return m_found; }
+    SOCKET_INSTANCE* Record(int i) const { return RecordOf(m_events[i]); }
+    unsigned int Events(int i) const { return m_events[i].events; }
+
+private:
+    static constexpr int kMost = 1024;
+
+    static SOCKET_INSTANCE* RecordOf(const struct epoll_event& event) {
+        return static_cast<SOCKET_INSTANCE*>(event.data.ptr);
+    }
+
+    struct epoll_event m_events[kMost]; // of which so much memory is used as sockets were ever ready at once
+    int m_count = 0;
+    int m_found = 0;
+};
 
 void EndPausesLocked() {
     if (gbDescriptorClosed.exchange(false)) {
@@ -592,44 +627,47 @@ unsigned int WaitTimeLocked() {
     return ms;
 }
 
-Turn PrepareTurn(DescriptorSets& sets, unsigned int* pWaitMs) {
-    sets.Clear();
+Turn PrepareTurn(unsigned int* pWaitMs) {
     tq_ListLock lock(pListOfSockets);
     if (bTerminate) {
         return Turn::kTerminate;
     }
     EndPausesLocked();
-    bool bHasBreaker = false;
-    bool bStillUntold = false;
-    for (void* pNode = pListOfSockets->GetHead(); pNode; pNode = pListOfSockets->GetNext()) {
-        SOCKET_INSTANCE* pSocket = static_cast<SOCKET_INSTANCE*>(pNode);
-        bHasBreaker = bHasBreaker || pSocket->state == SOCKET_STATE_BREAKER;
-        if (pSocket->bClosedDue && !gClosedPause.IsOn()) {
-            bStillUntold = !TellClosedLocked(pSocket) || bStillUntold;
-        }
-        WatchSocket(sets, pSocket);
-    }
-    if (bStillUntold) {
-        gClosedPause.Begin(kMemoryPauseMs);
+    if (gbLookAtAll && !LookAtAllLocked()) {
+        return Turn::kBreakerLost;
     }
     *pWaitMs = WaitTimeLocked();
-    return bHasBreaker ? Turn::kGoOn : Turn::kBreakerLost;
+    if (gbLookAtAll) { // a pause has begun, or ended, since they were looked at
+        *pWaitMs = 0;
+    }
+    return Turn::kGoOn;
 }
 
-/// Fails the sockets whose descriptor somebody else has closed: no wait succeeds while they are in the sets.
+bool IsDead(int descriptor) {
+    return fcntl(descriptor, F_GETFD) < 0 && errno == EBADF;
+}
+
+/// Fails the sockets whose descriptor somebody else has closed: nothing else would ever be heard of them.
 void FailDeadDescriptorsLocked() {
     for (void* pNode = pListOfSockets->GetHead(); pNode; pNode = pListOfSockets->GetNext()) {
         SOCKET_INSTANCE* pSocket = static_cast<SOCKET_INSTANCE*>(pNode);
-        if (pSocket->socket == kNoDescriptor || fcntl(static_cast<int>(pSocket->socket), F_GETFD) >= 0) {
-            continue;
-        }
-        pSocket->socket = kNoDescriptor;
-        if (pSocket->state == SOCKET_STATE_BREAKER) {
-            pSocket->state = SOCKET_STATE_CLOSED;
-        } else {
-            HandleFailed(pSocket, EBADF);
+        if (pSocket->socket != kNoDescriptor && IsDead(static_cast<int>(pSocket->socket))) {
+            FailDeadDescriptor(pSocket);
         }
     }
+    gbLookAtAll = true;
+}
+
+/// After a wait that has failed: when the descriptor of the set itself was closed there is a new set.
+void MendWatchSetLocked() {
+    if (!LoseDeadWatchSetLocked()) {
+        return;
+    }
+    OpenWatchSetLocked();
+    for (void* pNode = pListOfSockets->GetHead(); pNode; pNode = pListOfSockets->GetNext()) {
+        static_cast<SOCKET_INSTANCE*>(pNode)->watched = 0;
+    }
+    gbLookAtAll = true;
 }
 
 /// Without a descriptor the interfaces cannot be read, which says nothing about them: they would seem to have gone, and
@@ -649,6 +687,7 @@ void CheckInterfacesLocked() {
         return;
     }
     gLastInterfaceCheck = now;
+    FailDeadDescriptorsLocked();
     if (!HasDescriptorLeft() || !RefreshInterfaceTable()) {
         return;
     }
@@ -688,35 +727,33 @@ void ServeException(SOCKET_INSTANCE* pSocket) {
 }
 
 /// False when the breaker is broken.
-bool ServeSocket(const DescriptorSets& sets, SOCKET_INSTANCE* pSocket) {
-    const unsigned int descriptor = pSocket->socket;
-    if (sets.Has(DescriptorSets::kRead, descriptor)) {
+bool ServeSocket(SOCKET_INSTANCE* pSocket, unsigned int events) {
+    // An error or a hang-up is found by whatever is tried next.
+    const unsigned int ready = (events & (EPOLLERR | EPOLLHUP)) ? events | EPOLLIN | EPOLLOUT : events;
+    const unsigned int served = ready & pSocket->watched;
+    if (served & EPOLLIN) {
         if (RowOf(pSocket).pfnReadable && RowOf(pSocket).pfnReadable(pSocket)) {
             return false;
         }
         RecordSocketEventLocked(pSocket, SOCKET_EVENT_READABLE);
     }
-    const bool bFailed = sets.Has(DescriptorSets::kWrite, descriptor) && !ServeWriteable(pSocket);
+    const bool bFailed = (served & EPOLLOUT) && !ServeWriteable(pSocket);
     // Asked again: urgent data that comes right behind the completed connect is no failure of it.
-    if (!bFailed && sets.Has(DescriptorSets::kException, descriptor) &&
-        IsWatched(RowOf(pSocket).pfnWatchException, pSocket)) {
+    if (!bFailed && (served & EPOLLPRI) && IsWatched(RowOf(pSocket).pfnWatchException, pSocket)) {
         ServeException(pSocket);
     }
-    if (HasFlushed(pSocket)) {
-        const bool bDrain = (pSocket->flush & TQ_SOCKET_FLUSH_OUT) != 0;
-        pListOfSockets->RemoveNode(pSocket);
-        CleanUpSocket(pSocket, bDrain);
+    if (!EndFlushed(pSocket)) {
+        WatchSocket(pSocket);
     }
     return true;
 }
 
-Turn ServeTurn(const DescriptorSets& sets, int ready) {
+Turn ServeTurn(ReadySockets& sockets, int ready) {
     tq_ListLock lock(pListOfSockets);
     if (ready < 0) {
         EmptyInSetListLocked();
-        if (ready == -EBADF) {
-            FailDeadDescriptorsLocked();
-        }
+        gbLookAtAll = true;
+        MendWatchSetLocked();
         return Turn::kGoOn;
     }
     QueueTraceLocked(TQ_TRACE_LEVEL_DEBUG_LOW, "tqos Sockets: Select spinning.\n", 0, 0, 0);
@@ -724,8 +761,11 @@ Turn ServeTurn(const DescriptorSets& sets, int ready) {
         return Turn::kTerminate;
     }
     CheckInterfacesLocked();
-    while (void* pNode = pListOfSocketsInSets->RemoveHead()) {
-        if (!ServeSocket(sets, static_cast<SOCKET_INSTANCE*>(pNode))) {
+    if (!sockets.SortLocked()) {
+        FailDeadDescriptorsLocked();
+    }
+    for (int i = 0; i < sockets.Found(); ++i) {
+        if (!ServeSocket(sockets.Record(i), sockets.Events(i))) {
             return Turn::kBreakerLost;
         }
     }
@@ -735,16 +775,20 @@ Turn ServeTurn(const DescriptorSets& sets, int ready) {
 } // namespace
 
 Turn ServeSockets() {
-    gLastInterfaceCheck = tq_GetTimeInMS();
-    for (Pause* pPause : kPauses) {
-        pPause->End();
+    {
+        tq_ListLock lock(pListOfSockets);
+        gLastInterfaceCheck = tq_GetTimeInMS();
+        for (Pause* pPause : kPauses) {
+            pPause->End();
+        }
+        gbLookAtAll = true;
     }
-    DescriptorSets sets;
+    ReadySockets sockets;
     for (;;) {
         unsigned int waitMs = 0;
-        Turn turn = PrepareTurn(sets, &waitMs);
+        Turn turn = PrepareTurn(&waitMs);
         if (turn == Turn::kGoOn) {
-            turn = ServeTurn(sets, sets.Wait(waitMs));
+            turn = ServeTurn(sockets, sockets.Wait(waitMs));
         }
         FlushTraceQueue();
         if (turn == Turn::kTerminate) {

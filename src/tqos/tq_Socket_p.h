@@ -6,7 +6,8 @@
 ///   and released only after it is out. Every field of a record in the list is read and written under the list's lock.
 /// - pListOfSocketsInSets holds records of pListOfSockets only; whoever takes a record out of the one takes it out of
 ///   the other.
-/// - The worker holds the list's lock at all times except in select() and while it traces. Nobody traces with that lock
+/// - The worker holds the list's lock at all times except while it waits and while it traces. Nobody traces with that
+/// lock
 ///   held: lines go through tq_SocketTraceQueue(). Messages are sent under it, since a queue never calls back.
 /// - A message given to tq_MsgSend() is not touched afterwards.
 /// - DataInCount and DataOutCount may be 0 with blocks left in the lists: that is data given up with a close, freed
@@ -89,6 +90,10 @@ typedef struct _SOCKET_INSTANCE {
     unsigned int AcceptedOutCap;
     bool bClosedDue; ///< the owner has not been told of the close yet: there was no memory for the message
     int closedError; ///< what it is to be told
+
+    unsigned int watched;      ///< the events that the system watches the descriptor for; 0: it does not know it
+    bool bInSets;              ///< in pListOfSocketsInSets
+    unsigned long long number; ///< of the records put into the list so far; the list has the newest first
 } SOCKET_INSTANCE;
 
 /// One chunk of data, allocated with its bytes behind it.
@@ -148,6 +153,7 @@ extern tq_SemCritSec* pSocketGetHostByNameSem;
 extern bool bTerminate; ///< the worker is to end
 extern int BrkrSocket;  ///< our end of the breaker; -1: none
 extern bool gbWakeUpPending;
+extern bool gbLookAtAll; ///< before its next wait the worker looks at every record again
 extern TQ_SOCKET_LOCALADDR_STRUCT g_localAddresses[kInterfaces];
 extern unsigned int g_localAddressCount;
 extern char g_localMacAddresses[kMacAddresses][kMacTextSize];
@@ -179,8 +185,10 @@ void CloseDescriptor(unsigned int descriptor, bool bDrain);
 bool AddSocketLocked(SOCKET_INSTANCE* pSocket);
 /// Takes a record out of both socket lists.
 void RemoveSocketLocked(SOCKET_INSTANCE* pSocket);
-/// Nobody is waited on any more.
+/// Nobody counts as waited on any more.
 void EmptyInSetListLocked();
+/// Takes a record out of the list of those that are waited on, if it is there.
+void LeaveInSetListLocked(SOCKET_INSTANCE* pSocket);
 SOCKET_INSTANCE* FindSocketLocked(unsigned int handle);
 void tq_SocketSetNameInternal(SOCKET_INSTANCE* pSocket, const char* name);
 void RecordSocketEventLocked(SOCKET_INSTANCE* pSocket, unsigned int event);
@@ -246,6 +254,24 @@ unsigned int StartSocketWorker();
 void StopSocketWorker();
 /// Wakes the worker, which then looks at all records again.
 void SpinBreaker();
+
+// What the worker waits for (tq_SocketWait.cpp)
+
+/// Makes the set of watched descriptors, unless there is one, and puts the breaker's end that is not a record's into
+/// it: when the record's end goes, this one wakes the worker, with an event that carries the handle 0. False, with
+/// errno, when there is no descriptor for it.
+bool OpenWatchSetLocked();
+void CloseWatchSet();
+/// True when there is no set any more: somebody else has closed its descriptor.
+bool LoseDeadWatchSetLocked();
+/// Watches a socket for these events (EPOLLIN...) and no others from now on. Returns 0, or the system error, and what
+/// was watched for before is then still watched for.
+int WatchLocked(SOCKET_INSTANCE* pSocket, unsigned int events);
+/// To be called before a descriptor is closed.
+void UnwatchLocked(SOCKET_INSTANCE* pSocket);
+/// Waits, without the lock, until something watched is ready; how many are, or minus the system error. Each event
+/// carries the handle of its socket.
+int WaitForWatched(struct epoll_event* pEvents, int most, unsigned int ms);
 
 // The worker's loop (tq_SocketWorker.cpp)
 

@@ -10,7 +10,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/select.h>
+#include <sys/epoll.h>
 #include <sys/socket.h>
 #include <sys/statvfs.h>
 #include <sys/time.h>
@@ -32,7 +32,9 @@ constexpr CallRow kCallRows[kCalls] = {
     {Call::kSendTo, "sendto", {EAGAIN, EINTR, ENOBUFS, ENETUNREACH, EIO}},
     {Call::kRecv, "recv", {EAGAIN, EINTR, ECONNRESET, EIO, ENOMEM, kShort}},
     {Call::kRecvFrom, "recvfrom", {EAGAIN, EINTR, ECONNREFUSED, ENOMEM, EIO}},
-    {Call::kSelect, "select", {EINTR, ENOMEM, EBADF}},
+    {Call::kWatchSet, "epoll_create1", {EMFILE, ENFILE, ENOMEM}},
+    {Call::kWatch, "epoll_ctl", {ENOMEM, ENOSPC}},
+    {Call::kWatchWait, "epoll_wait", {EINTR, EBADF}},
     {Call::kFcntl, "fcntl", {EINTR, EBADF}},
     {Call::kIoctl, "ioctl", {ENODEV, EINTR}},
     {Call::kSetSockOpt, "setsockopt", {ENOBUFS, ENOPROTOOPT}},
@@ -279,8 +281,11 @@ PLAIN_WRAPPER(int, getpeername, (int fd, struct sockaddr* pAddress, socklen_t* p
               kGetPeerName, -1)
 PLAIN_WRAPPER(int, shutdown, (int fd, int how), (fd, how), kShutdown, -1)
 PLAIN_WRAPPER(struct if_nameindex*, if_nameindex, (void), (), kIfNameIndex, nullptr)
-WIDTH_WRAPPER(int, __select64, select, (int fds, fd_set* pRead, fd_set* pWrite, fd_set* pExcept, struct timeval* pTime),
-              (fds, pRead, pWrite, pExcept, pTime), kSelect, -1)
+PLAIN_WRAPPER(int, epoll_create1, (int flags), (flags), kWatchSet, -1)
+PLAIN_WRAPPER(int, epoll_ctl, (int set, int operation, int fd, struct epoll_event* pEvent),
+              (set, operation, fd, pEvent), kWatch, -1)
+PLAIN_WRAPPER(int, epoll_wait, (int set, struct epoll_event* pEvents, int most, int timeoutMs),
+              (set, pEvents, most, timeoutMs), kWatchWait, -1)
 WIDTH_WRAPPER(int, __setsockopt64, setsockopt, (int fd, int level, int name, const void* pValue, socklen_t bytes),
               (fd, level, name, pValue, bytes), kSetSockOpt, -1)
 WIDTH_WRAPPER(int, __getsockopt64, getsockopt, (int fd, int level, int name, void* pValue, socklen_t* pBytes),
