@@ -95,6 +95,7 @@ bool Sleep(const std::atomic<Number>& word, Number expected, const struct timesp
 template <typename Number>
 bool SleepCancellably(const std::atomic<Number>& word, Number expected, const struct timespec* pDeadline) {
     int type;
+    // NOLINTNEXTLINE(cert-pos47-c, concurrency-thread-canceltype-asynchronous): nothing is held in the system call
     pthread_setcanceltype(PTHREAD_CANCEL_ASYNCHRONOUS, &type);
     const bool bInTime = Sleep(word, expected, pDeadline);
     pthread_setcanceltype(type, &type);

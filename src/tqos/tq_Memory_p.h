@@ -257,6 +257,7 @@ template <unsigned int tq_MemoryBytes::*pSum> class tq_MemorySum {
 public:
     operator unsigned int() const { return load(); }
     unsigned int load() const { return gMemoryInUse.Read().*pSum; }
+    // NOLINTNEXTLINE(misc-unconventional-assign-operator): gives a number, as an assignment to one does
     unsigned int operator=(unsigned int value) {
         tq_MemoryBytes change = {0, 0};
         change.*pSum = value - load();

@@ -169,7 +169,7 @@ class Workshop:
             else:
                 sys.exit("mutants: fails without a change: " + row)
             self.seconds[row] = time.monotonic() - started
-        return 60 + 10 * self.seconds[row]
+        return 30 + 5 * self.seconds[row]
 
     def judge(self, mutant, rows):
         """What becomes of a mutant: "killed by ...", "survived", "same" or "not built"."""
