@@ -206,6 +206,12 @@ Entry* FindMatch(const State& li, Entry* le, bool bTowardsHead) {
                               return pfnCustom(data, pNode, userparm) == 0;
                           });
     }
+    if (li.searchType == LIST_TYPE_U32BITS ||
+        li.searchType == LIST_TYPE_S32BITS) { // in line: most lists have such keys
+        return FirstMatch(le, bTowardsHead, [data = li.searchData, offset = li.searchOffset](void* pNode) {
+            return CompareData<uint32_t>(data, pNode, offset) == 0;
+        });
+    }
     return FirstMatch(le, bTowardsHead,
                       [pfnCompare = tqList_CompareData[li.searchType - 1], data = li.searchData,
                        offset = li.searchOffset](void* pNode) { return pfnCompare(data, pNode, offset) == 0; });
@@ -496,7 +502,9 @@ void tq_List::AddNode(void* pNode, int direction) {
                      [pfnCompare = tqList_CompareNode[m_li.sortType - 1],
                       offset = m_li.sortOffset](void* pNew, void* pOther) { return pfnCompare(pNew, pOther, offset); });
     }
-    AddToHashes(pNode);
+    if (m_li.pHash) {
+        AddToHashes(pNode);
+    }
 }
 
 void tq_List::AddNode(void* pNode) {
@@ -538,7 +546,9 @@ void tq_List::AddBesideCursor(void* pNode, bool bTowardsHead) {
     }
     m_li.pNextSearch = Ahead(m_li, le);
     m_li.pPrevSearch = Behind(m_li, le);
-    AddToHashes(pNode);
+    if (m_li.pHash) {
+        AddToHashes(pNode);
+    }
 }
 
 // Removing
@@ -546,7 +556,9 @@ void tq_List::AddBesideCursor(void* pNode, bool bTowardsHead) {
 void tq_List::LocalListRemoveNode(_TQ_LIST_ENTRY* le) {
     LeaveEntry(m_li, le);
     Unlink(m_li, le);
-    RemoveFromHashes(le->pNode);
+    if (m_li.pHash) {
+        RemoveFromHashes(le->pNode);
+    }
     SetCount(m_li, m_li.Count - 1);
     m_li.pCurrent = nullptr;
     ReturnNewEmpty(le);

@@ -119,6 +119,17 @@ TQ_LIST_HASH_INSTANCE* HashOf(const State& li, unsigned int hashInstance) {
     return hashInstance >= 1 && hashInstance <= SlotsOf(li) ? li.pHash->pHashArray[hashInstance - 1] : nullptr;
 }
 
+/// Calls use(hashInstance) for each hash of the list, in the order of their slots, most of which are empty.
+template <typename Use> void ForEachHash(const State& li, Use use) {
+    unsigned int left = li.pHash ? li.pHash->hashInstancesInUse : 0;
+    for (unsigned int hashInstance = 1; left != 0 && hashInstance <= SlotsOf(li); ++hashInstance) {
+        if (HashOf(li, hashInstance)) {
+            use(hashInstance);
+            --left;
+        }
+    }
+}
+
 /// Gives the list eight slots more. False without memory, and then the table is as it was.
 bool AddSlots(State& li, const tq_GatePass& pass) {
     _TQ_LIST_HASHING& hashing = *li.pHash;
@@ -286,15 +297,11 @@ void tq_List::RemoveFromHash(unsigned int hashInstance, void* pNode) {
 }
 
 void tq_List::AddToHashes(void* pNode) {
-    for (unsigned int hashInstance = 1; hashInstance <= SlotsOf(m_li); ++hashInstance) {
-        AddToHash(hashInstance, pNode);
-    }
+    ForEachHash(m_li, [this, pNode](unsigned int hashInstance) { AddToHash(hashInstance, pNode); });
 }
 
 void tq_List::RemoveFromHashes(void* pNode) {
-    for (unsigned int hashInstance = 1; hashInstance <= SlotsOf(m_li); ++hashInstance) {
-        RemoveFromHash(hashInstance, pNode);
-    }
+    ForEachHash(m_li, [this, pNode](unsigned int hashInstance) { RemoveFromHash(hashInstance, pNode); });
 }
 
 // Lookup
