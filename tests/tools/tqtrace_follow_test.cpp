@@ -399,6 +399,14 @@ private:
 
 constexpr char kWarning[] = " (device) WRN: a sample could not be taken";
 
+/// A subscription is said when it is sent; when the device has taken it, shows in that lines come.
+void WarnUntilShown(Viewer* pViewer, Session* pSession) {
+    do {
+        pSession->Warn();
+    } while (!test::WaitReadable(pViewer->Terminal().Descriptor(), 1));
+    pViewer->ReadLineWith(kWarning);
+}
+
 class TqtraceFollow : public test::WithDevice {};
 INSTANTIATE_TEST_SUITE_P(, TqtraceFollow, testing::Values("64", "32"), test::WidthName);
 
@@ -408,18 +416,16 @@ TEST_P(TqtraceFollow, ShowsLinesAndThatTheDeviceHasRestartedAndChangedItsAddress
         {
             DemoDevice device(Program(), kOnTheNetwork);
             viewer.ReadLineWith(" 0.0.0.0:device: is followed at 10.99.1.1 port ");
-            Session(device).Warn();
-            viewer.ReadLineWith(kWarning);
+            Session session(device);
+            WarnUntilShown(&viewer, &session);
         }
         DemoDevice device(Program(), kOnTheNetwork);
         viewer.ReadLineWith(" 0.0.0.0:device: restarted, now at 10.99.1.1 port ");
         Session session(device);
-        session.Warn();
-        viewer.ReadLineWith(kWarning);
+        WarnUntilShown(&viewer, &session);
         ASSERT_TRUE(test::Switch("net1", false)); // the device sees it within five seconds
         viewer.ReadLineWith(" 0.0.0.0:device: has changed its address, now at 10.99.2.1 port ");
-        session.Warn();
-        viewer.ReadLineWith(kWarning);
+        WarnUntilShown(&viewer, &session);
     });
 }
 
