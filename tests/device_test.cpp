@@ -977,16 +977,20 @@ TEST(DeviceConsole, AHuntFindsWhoHoldsALockAndWhoWaitsForIt) {
     test::ConsoleClient client = LogIn(device);
     client.Send("send Sampler hold 60000\r");
     client.Expect("send Sampler hold 60000\r\n>");
+    const std::string held = "Waiting Sleep +\\d+ [^ ]*History\\.cpp\r\n[^>]*Owned  Mutex +0 Device: Samples\r\n";
+    const std::string waits = "Waiting Mutex +0 Device: Samples\r\n";
+    const auto waitForReport = [&](const std::string& pattern) {
+        std::string report;
+        EXPECT_TRUE(test::WaitUntil([&] {
+            client.Send("show semaphores\r");
+            report = client.ReadTo("\r\n>");
+            return std::regex_search(report, std::regex(pattern));
+        })) << report;
+    };
+    waitForReport(held);
     test::ConsoleClient waiting(device.Port());
     waiting.Send("HISTORY 1\r\n"); // the server's queue comes to wait for the lock
-    const std::regex holder("Waiting Sleep +\\d+ [^ ]*History\\.cpp\r\n[^>]*Owned  Mutex +0 Device: Samples\r\n");
-    const std::regex waiter("Waiting Mutex +0 Device: Samples\r\n");
-    std::string report;
-    EXPECT_TRUE(test::WaitUntil([&] {
-        client.Send("show semaphores\r");
-        report = client.ReadTo("\r\n>");
-        return std::regex_search(report, holder) && std::regex_search(report, waiter);
-    })) << report;
+    waitForReport(waits);
     device.Abandon(); // it would end when the lock has been given back
 }
 
