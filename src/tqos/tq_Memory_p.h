@@ -78,8 +78,10 @@ private:
     std::atomic<const void*> m_pOwner{nullptr}; ///< only the owner ever finds itself here
 };
 
-/// The lock of one pool of many.
-class tq_MemoryPoolCritSec : public myCritSec {
+constexpr unsigned int kCacheLineBytes = 64;
+
+/// The lock of one pool of many, away from those of the others.
+class alignas(kCacheLineBytes) tq_MemoryPoolCritSec : public myCritSec {
 public:
     constexpr tq_MemoryPoolCritSec() : myCritSec(tq_LockRank::kMemoryPool) {}
 };
@@ -214,8 +216,9 @@ private:
 #endif
 
 /// The bytes in use. Both sums are halves of one number, so that a block is counted in or out, and both sums are known,
-/// in one step. Each wraps by itself, as 32 bits do.
-class tq_MemorySums {
+/// in one step. Each wraps by itself, as 32 bits do. On a cache line of its own: every thread that allocates writes it,
+/// and reads the settings, which must not lie beside it.
+class alignas(kCacheLineBytes) tq_MemorySums {
 public:
     tq_MemoryBytes Read() const { return Halves(m_word.load(std::memory_order_relaxed)); }
 
