@@ -42,7 +42,7 @@ private:
     unsigned int m_periodMs;
     unsigned int m_taken = 0;
     unsigned int m_failed = 0;
-    unsigned int m_toFail = 0;   // so many samples are yet to fail, as somebody wished
+    unsigned int m_toFail = 0; // so many samples are yet to fail, as somebody wished
     unsigned int m_toLeak = 0; // and to leak
 };
 

@@ -69,7 +69,7 @@ struct TokenRules {
     /// The encapsulator that ends what opens at pOpening, or null when it opens nothing or its end never comes.
     char* EndOfPair(char* pOpening) const {
         const unsigned int pair = IsCharInSet(*pOpening, pszStarts);
-        // NOLINTNEXTLINE(clang-analyzer-core.NullDereference): the sets are equally long, so there is an end to each start
+        // NOLINTNEXTLINE(clang-analyzer-core.NullDereference): the sets are equally long, each start has its end
         return pair ? strchr(pOpening + 1, pszEnds[pair - 1]) : nullptr;
     }
 };

@@ -252,8 +252,8 @@ TEST(Refused, SettingsThatCannotBeRewrittenStayWhole) {
         unsigned int most;
     };
     for (const Step& step :
-         {Step{Call::kGetLine, 20}, Step{Call::kPutText, 12}, Step{Call::kWriteStream, 12},
-          Step{Call::kCloseStream, 8}, Step{Call::kFlush, 4}, Step{Call::kDescriptorStream, 8}, Step{Call::kOpen, 8}}) {
+         {Step{Call::kGetLine, 20}, Step{Call::kPutText, 12}, Step{Call::kWriteStream, 12}, Step{Call::kCloseStream, 8},
+          Step{Call::kFlush, 4}, Step{Call::kDescriptorStream, 8}, Step{Call::kOpen, 8}}) {
         for (unsigned int k = 1; k <= step.most; ++k) {
             test::WriteFile("a.ini", before);
             int result = 0;

@@ -273,7 +273,7 @@ Answer Console::TakeUnasked() {
     TakeResponses(m_keys, &m_came, &answer);
     answer.text = Trimmed(answer.text);
     if (answer.result == Result::TimedOut) {
-        answer.result = Result::Ok; // nothing more for now
+        answer.result = Result::Ok; // nothing more has come
     } else {
         answer.problem = m_problem;
     }
