@@ -85,21 +85,38 @@ private:
 
 void DoNothing(int) {}
 
-/// While a line is typed an interrupt gives it up; at other times it ends the program.
+/// While a line is typed an interrupt gives it up; at other times it ends the program. It waits until a key is waited
+/// for: one that came while a key was being dealt with would go unnoticed.
 class InterruptGivesUp {
 public:
     InterruptGivesUp() {
+        sigset_t interrupt;
+        sigemptyset(&interrupt);
+        sigaddset(&interrupt, SIGINT);
+        pthread_sigmask(SIG_BLOCK, &interrupt, &m_maskBefore);
         struct sigaction action = {};
-        action.sa_handler = DoNothing; // and without a restart: poll() comes back
+        action.sa_handler = DoNothing; // and without a restart: ppoll() comes back
         sigaction(SIGINT, &action, &m_before);
     }
-    ~InterruptGivesUp() { sigaction(SIGINT, &m_before, nullptr); }
+    ~InterruptGivesUp() {
+        sigaction(SIGINT, &m_before, nullptr);
+        pthread_sigmask(SIG_SETMASK, &m_maskBefore, nullptr);
+    }
     InterruptGivesUp(const InterruptGivesUp&) = delete;
     InterruptGivesUp& operator=(const InterruptGivesUp&) = delete;
 
 private:
     struct sigaction m_before = {};
+    sigset_t m_maskBefore = {};
 };
+
+/// poll(), in which an interrupt may come.
+int WaitInterruptibly(struct pollfd* pWaits, nfds_t count) {
+    sigset_t mask;
+    pthread_sigmask(SIG_BLOCK, nullptr, &mask);
+    sigdelset(&mask, SIGINT);
+    return ppoll(pWaits, count, nullptr, &mask);
+}
 
 /// What the editor calls back for.
 class Editor {
@@ -234,7 +251,7 @@ bool Editor::ShowUnasked() {
 int Editor::WaitForKey(wchar_t* pKey) {
     while (true) {
         struct pollfd waits[2] = {{STDIN_FILENO, POLLIN, 0}, {m_pConsole->Descriptor(), POLLIN, 0}};
-        if (poll(waits, 2, -1) < 0) {
+        if (WaitInterruptibly(waits, 2) < 0) {
             return -1;
         }
         if (waits[1].revents != 0 && !ShowUnasked()) {
