@@ -245,6 +245,7 @@ void tq_TimerList::LeaveBucket(tq_ArmedTimer* pTimer) {
 void tq_TimerList::GrowBuckets() {
     m_mostInBuckets *= 4;
     const unsigned int buckets = m_mostInBuckets / 2;
+    // NOLINTNEXTLINE(bugprone-sizeof-expression): the array is one of pointers
     auto** const ppLarger = static_cast<tq_ArmedTimer**>(tq_calloc(buckets, sizeof(tq_ArmedTimer*)));
     if (!ppLarger) {
         return;
