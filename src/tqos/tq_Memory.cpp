@@ -515,6 +515,7 @@ void myCritSec::Wait() {
         tq_Futex::Sleep(m_state, static_cast<unsigned int>(kAwaited), nullptr);
     }
 }
+
 unsigned int tq_MemoryAboveAlignment(const char* pAddress) {
     const uintptr_t address = reinterpret_cast<uintptr_t>(pAddress);
     const uintptr_t above = gMemoryAlignmentMask ? address & gMemoryAlignmentMask : address % gMemoryAlignmentUnit;

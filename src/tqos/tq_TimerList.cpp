@@ -55,7 +55,8 @@ void tq_TimerShift(TIMER_NODE& timer, int msOffset, unsigned int now) {
 
 tq_TimerList::tq_TimerList()
     : tq_List(LIST_FLAGS_SORT_ASCENDING, LIST_TYPE_CUSTOM, offsetof(TIMER_NODE, mstimeout), nullptr),
-      m_clock(1ull << 32) {} // so far from 0 that a reading just before another one's wrap does not lead below it
+      m_clock(1ull << 63) {} // far from both ends: a reading older than the one before leads back, and so does each
+                             // one after half a wrap or more without timers
 
 tq_TimerList::~tq_TimerList() {
     DropGrownBuckets();
