@@ -80,11 +80,11 @@ protected:
             Armed& armed = expected->second;
             const unsigned int leastMs = ++armed.times * armed.durationMs;
             m_early += tq_GetTimeInMS() - armed.setAt + kClockTickMs < leastMs ? 1 : 0;
+            ++(bTick ? m_ticks : m_fired); // before nothing is expected any more, which ends the soak
             if (!bTick) {
                 m_expected.erase(expected);
             }
         }
-        ++(bTick ? m_ticks : m_fired);
         if (pMsg->flags == kShot) {
             m_free.Release(1, nullptr);
         }
