@@ -201,6 +201,16 @@ without_random_addresses() {
     fi
 }
 
+# build_one PRESET TARGET: one program or library of a preset.
+build_one() {
+    prepare_to_build "$1"
+    prepare_to_test
+    mkdir -p build
+    { cmake --preset "$1" -DTQOS_GTEST_SOURCES=/usr/src/googletest >"build/$1.log" 2>&1 &&
+        without_random_addresses cmake --build --preset "$1" -j "$(nproc)" --target "$2" >>"build/$1.log" 2>&1; } ||
+        die "$2 not built, see build/$1.log"
+}
+
 # prepare_to_show: what only the demo needs.
 prepare_to_show() {
     local -a packages=()
