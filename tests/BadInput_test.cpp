@@ -11,6 +11,8 @@
 
 #include <gtest/gtest.h>
 
+#include "ConsoleSession.h"
+#include "MemoryBlocks.h" // a heap that says no when it is asked for too much, under a sanitizer too
 #include "RecordingQueue.h"
 #include "TestSupport.h"
 #include "tq_Lifecycle_p.h"
@@ -164,6 +166,24 @@ std::string SocketDetailsOf(const std::string& name) {
     return SocketReportOf(name, 1);
 }
 
+/// Lines of blocks allocated in a file of the name, of a report that is written to a file.
+std::string BlockReportOf(const std::string& name, bool bGrouped) {
+    void* const pBlock = tq__malloc(5, name.c_str(), 4321);
+    FILE* const hFile = fopen("blocks.txt", "w");
+    tq_ShowMemoryPools(0, 1, false, hFile, 0, bGrouped, nullptr, nullptr, TQ_MEM_SORT_FORMATS::NAME, false, false, 0,
+                       4321);
+    EXPECT_EQ(0, fclose(hFile));
+    tq_free(pBlock);
+    return test::ReadFile("blocks.txt");
+}
+
+std::string BlocksOf(const std::string& name) {
+    return BlockReportOf(name, false);
+}
+std::string GroupedBlocksOf(const std::string& name) {
+    return BlockReportOf(name, true);
+}
+
 struct NamedKind {
     const char* pszKind;
     std::string (*pfnReport)(const std::string& name);
@@ -183,18 +203,40 @@ constexpr NamedKind kNamedKinds[] = {
     {"timer", TimersOf, Whole, " ", ""},
     {"socket", SocketsOf, Whole, " ", ""},
     {"socket, details", SocketDetailsOf, Whole, " ", "\r\n"},
+    {"block's source file", BlocksOf, LastOf<45>, " ", ":4321\n"},
+    {"block's source file, grouped", GroupedBlocksOf, LastOf<45>, " ", "   4321"},
 };
 
 } // namespace
 
 TEST(BadInput, NamesOfEveryLengthAndKindStandInTheReportsAsTheyAre) {
-    Library library("[Trace]\r\nDefaultLevel=None\r\n[Memory]\r\nEnableMemoryTracking=yes\r\n");
+    Library library(
+        "[Trace]\r\nDefaultLevel=None\r\n[Memory]\r\nEnableMemoryTracking=yes\r\nEnableMemoryPooling=yes\r\n"
+        "Pool1BlockSize=256\r\n");
     for (const NamedKind& kind : kNamedKinds) {
         for (const Name& name : Names()) {
             SCOPED_TRACE(std::string(kind.pszKind) + ", " + name.pszWhat + ", " + std::to_string(name.text.size()));
             const std::string report = kind.pfnReport(name.text);
             const std::string shown = kind.pszBefore + kind.pfnShown(name.text) + kind.pszBehind;
             EXPECT_NE(std::string::npos, report.find(shown)) << report.substr(0, 2000);
+        }
+    }
+}
+
+TEST(BadInput, NamesOfListsOfEveryLengthAndKindAreSentToTheConsoleAsTheyAre) {
+    Library library("[Trace]\r\nDefaultLevel=None\r\n");
+    test::ConsoleSession session;
+    for (const Name& name : Names()) {
+        SCOPED_TRACE(std::string(name.pszWhat) + ", " + std::to_string(name.text.size()));
+        tq_List list(name.text.c_str());
+        for (const unsigned int sort : {0u, 1u, 2u, 3u, 4u}) {
+            std::string report;
+            for (const std::string& response : session.ResponsesTo([sort](unsigned int instance) {
+                     tq_ListShowLists(instance, nullptr, 0, 0, nullptr, false, sort, false);
+                 })) {
+                report += response;
+            }
+            EXPECT_NE(std::string::npos, report.find("   0  " + name.text)) << sort << ": " << report.substr(0, 2000);
         }
     }
 }
@@ -529,7 +571,23 @@ namespace {
 struct KeyRow {
     const char* pszSection;
     const char* pszKey;
+    const char* pszWith = ""; ///< the keys without which it is not read
+    bool (*pfnStarts)(unsigned int value) = [](unsigned int) { return true; };
 };
+
+/// A pool that there is not enough memory for stops the library's start.
+bool WithRoomForThePool(unsigned int value) {
+    return value < 0x40000000;
+}
+/// So does one that has no slot and never gets one.
+bool WithSlotsInThePool(unsigned int value) {
+    return value != 0 && WithRoomForThePool(value);
+}
+
+constexpr char kTracked[] = "EnableMemoryTracking=yes\r\n";
+constexpr char kHistogram[] = "EnableMemoryTracking=yes\r\nEnableHistogram=yes\r\n";
+constexpr char kPooled[] = "EnableMemoryPooling=yes\r\n";
+constexpr char kPool[] = "EnableMemoryPooling=yes\r\nPool1BlockSize=64\r\n";
 
 constexpr KeyRow kKeys[] = {
     {"ErrorLog", "Filename"},
@@ -540,28 +598,52 @@ constexpr KeyRow kKeys[] = {
     {"Handles", "Threshold"},
     {"Memory", "EnableMemoryTracking"},
     {"Memory", "EnableMemoryPooling"},
-    {"Memory", "DirtyMemoryAlloc"},
-    {"Memory", "DirtyMemoryFree"},
+    {"Memory", "DirtyMemoryAlloc", kTracked},
+    {"Memory", "DirtyMemoryFree", kTracked},
     {"Memory", "MemoryAlignment"},
-    {"Memory", "MemoryAlignmentCheck"},
-    {"Memory", "EnableHistogram"},
-    {"Memory", "DoNotGrowPools"},
+    {"Memory", "MemoryAlignmentCheck", "MemoryAlignment=8\r\n"},
+    {"Memory", "MemoryCapInBytes", kTracked},
+    {"Memory", "EnableHistogram", kTracked},
+    {"Memory", "HistogramMaxSize", kHistogram},
+    {"Memory", "DoNotGrowPools", kPooled},
+    {"Memory", "Pool1BlockSize", kPooled, WithRoomForThePool},
+    {"Memory", "Pool1StartCount", kPool, WithRoomForThePool},
+    {"Memory", "Pool1Increment", kPool, WithSlotsInThePool},
     {"MsgQ", "DefaultHistory"},
+    {"MsgQ", "DefaultStackSize"},
     {"Sem", "Tracking"},
     {"Sem", "UseMutexForCritSec"},
     {"Sem", "ForceSchedYield"},
     {"SignalHandler", "Disable"},
+    {"Telnet", "MaxSessions"},
+    {"Telnet", "LoginSeconds"},
+    {"Telnet", "BackOffSeconds"},
+    {"Thread", "DefaultStackSize"},
+    {"Trace", "AllowedViewers"},
     {"Trace", "DefaultCat"},
     {"Trace", "DefaultLevel"},
-    {"Trace", "DefaultMaxFiles"},
-    {"Trace", "DefaultMaxBytesPerFile"},
-    {"Trace", "ShowDeltaTime"},
+    {"Trace", "DefaultLogToDevStudio"},
+    {"Trace", "DefaultLogToFilePrefix"},
+    {"Trace", "DefaultLogToMultiCast"},
+    {"Trace", "DefaultLogToSTDERR"},
+    {"Trace", "DefaultLogToSTDOUT"},
+    {"Trace", "DefaultMaxBytesPerFile", "DefaultLogToFilePrefix=prefix_\r\n"},
+    {"Trace", "DefaultMaxFiles", "DefaultLogToFilePrefix=prefix_\r\n"},
     {"Trace", "DefaultShowThreadID"},
     {"Trace", "DefaultSuppressTimestamp"},
-    {"Trace", "DefaultLogToFilePrefix"},
+    {"Trace", "MaxViewers"},
+    {"Trace", "ShowDeltaTime"},
+    {"Trace", "tqos_Cat", "tqos_Level=Low\r\n"},
     {"Trace", "tqos_Level"},
-    {"Trace", "tqos_LogToFile"},
-    {"Trace", "tqos_MaxFiles"},
+    {"Trace", "tqos_LogToDevStudio", "tqos_Level=Low\r\n"},
+    {"Trace", "tqos_LogToFile", "tqos_Level=Low\r\n"},
+    {"Trace", "tqos_LogToMulticast", "tqos_Level=Low\r\n"},
+    {"Trace", "tqos_LogToSTDERR", "tqos_Level=None\r\n"},
+    {"Trace", "tqos_LogToSTDOUT", "tqos_Level=None\r\n"},
+    {"Trace", "tqos_MaxBytesPerFile", "tqos_Level=Low\r\ntqos_LogToFile=name.txt\r\n"},
+    {"Trace", "tqos_MaxFiles", "tqos_Level=Low\r\ntqos_LogToFile=name.txt\r\n"},
+    {"Trace", "tqos_ShowThreadID", "tqos_Level=Low\r\n"},
+    {"Trace", "tqos_SuppressTimestamp", "tqos_Level=Low\r\n"},
 };
 
 } // namespace
@@ -575,12 +657,25 @@ TEST(BadInput, EveryKeyTakesEveryValue) {
         for (const std::string& value : values) {
             SCOPED_TRACE(std::string(row.pszKey) + "=" + value);
             ScratchDirectory directory;
-            WriteFile("tqos.ini", std::string("[") + row.pszSection + "]\r\n" + row.pszKey + "=" + value + "\r\n");
+            WriteFile("tqos.ini",
+                      std::string("[") + row.pszSection + "]\r\n" + row.pszWith + row.pszKey + "=" + value + "\r\n");
             const bool bHandles = tq_GetINIFileInt("Handles", "MaxHandle", 1, "tqos.ini") != 0;
+            const int number = tq_GetINIFileInt(row.pszSection, row.pszKey, 0, "tqos.ini");
+            if (!row.pfnStarts(static_cast<unsigned int>(number))) {
+                const unsigned int result = tqOS_Initialize();
+                EXPECT_TRUE(result != 0 || sizeof(void*) > 4) << "64 bits may have room for a slot of 2 GB";
+                tqOS_Terminate(false, true);
+                continue;
+            }
             EXPECT_EQ(0u, tqOS_Initialize());
             {
+                const bool bConsole = strcmp(row.pszSection, "Telnet") == 0;
+                EXPECT_EQ(bConsole, bConsole && tq_TelnetInitialize(0, htonl(INADDR_LOOPBACK), nullptr) != 0);
                 RecordingQueue queue(test::kRunning);
                 EXPECT_EQ(bHandles, queue.Post(MSG_USER));
+                if (bConsole) {
+                    tq_TelnetTerminate();
+                }
             }
             tqOS_Terminate(false, true);
         }
