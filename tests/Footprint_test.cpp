@@ -28,14 +28,27 @@ namespace {
 
 constexpr bool kIs32 = sizeof(void*) == 4;
 
-/// Budgets in bytes, in both widths of x86: what was measured, and half as much again.
+/// Budgets in bytes, in both widths: what was measured on x86, and half as much again.
 struct Budget {
     long long bytes32;
     long long bytes64;
     long long Bytes() const { return kIs32 ? bytes32 : bytes64; }
 };
 
+// The code of another processor has another size, and README.md a row for it.
+#if defined(__arm__)
+constexpr bool kIsX86 = false;
+constexpr char kLibraryFileRow[] = "library file on armhf";
+constexpr Budget kLibraryFile = {345000, 0};
+#elif defined(__mips__)
+constexpr bool kIsX86 = false;
+constexpr char kLibraryFileRow[] = "library file on mips";
+constexpr Budget kLibraryFile = {880000, 0};
+#else
+constexpr bool kIsX86 = true;
+constexpr char kLibraryFileRow[] = "library file";
 constexpr Budget kLibraryFile = {600000, 560000};
+#endif
 constexpr Budget kAfterStart = {60000, 93000};
 constexpr Budget kQueue = {2100, 3000};
 constexpr Budget kTimer = {146, 218};
@@ -83,13 +96,8 @@ double FigureInReadme(const std::string& what) {
 }
 
 void ExpectAsInReadme(const char* pszWhat, double figure) {
-#if defined(__i386__) || defined(__x86_64__)
     const double said = FigureInReadme(pszWhat);
     EXPECT_NEAR(figure, said, said * 0.15) << "README.md has another figure for: " << pszWhat;
-#else
-    static_cast<void>(pszWhat);
-    static_cast<void>(figure);
-#endif
 }
 
 void ExpectWithin(const Budget& budget, double bytes, const char* pszWhat) {
@@ -97,7 +105,14 @@ void ExpectWithin(const Budget& budget, double bytes, const char* pszWhat) {
     printf("%s: %.0f bytes, of %lld\n", pszWhat, bytes, budget.Bytes());
     EXPECT_GT(bytes, 0) << pszWhat;
     EXPECT_LE(bytes, static_cast<double>(budget.Bytes())) << pszWhat;
-    ExpectAsInReadme(pszWhat, bytes);
+}
+
+/// The heap's figures in README.md are those of x86: another processor aligns blocks in its own way.
+void ExpectHeapWithin(const Budget& budget, double bytes, const char* pszWhat) {
+    ExpectWithin(budget, bytes, pszWhat);
+    if (kIsX86) {
+        ExpectAsInReadme(pszWhat, bytes);
+    }
 }
 
 /// How many entries a directory of /proc/self has.
@@ -138,14 +153,13 @@ void WaitForPrompt(int fd) {
 } // namespace
 
 TEST(Footprint, TheStrippedLibraryIsWithinItsBudget) {
-#if !defined(__i386__) && !defined(__x86_64__)
-    GTEST_SKIP() << "the budget is that of x86";
-#endif
     const test::ScratchDirectory directory;
     ASSERT_EQ(system(TQOS_STRIP " -o stripped.so " TQOS_LIBRARY), 0);
     struct stat status;
     ASSERT_EQ(stat("stripped.so", &status), 0);
-    ExpectWithin(kLibraryFile, static_cast<double>(status.st_size), "library file");
+    const double bytes = static_cast<double>(status.st_size);
+    ExpectWithin(kLibraryFile, bytes, kLibraryFileRow);
+    ExpectAsInReadme(kLibraryFileRow, bytes);
 }
 
 TEST(Footprint, TheStartedLibraryIsWithinItsBudget) {
@@ -158,44 +172,44 @@ TEST(Footprint, TheStartedLibraryIsWithinItsBudget) {
     ExpectAsInReadme("threads after the start", EntriesOf("/proc/self/task") - threads);
     ExpectAsInReadme("descriptors after the start", EntriesOf("/proc/self/fd") - descriptors);
     tqOS_Terminate(false, true);
-    ExpectWithin(kAfterStart, static_cast<double>(after - before), "heap after the start");
+    ExpectHeapWithin(kAfterStart, static_cast<double>(after - before), "heap after the start");
 }
 
 TEST(Footprint, AQueueIsWithinItsBudget) {
     const test::Library library;
     std::vector<std::unique_ptr<Queue>> queues;
-    ExpectWithin(kQueue,
-                 BytesOfEach(100,
-                             [&](int) {
-                                 queues.push_back(std::make_unique<Queue>());
-                                 ASSERT_TRUE(test::WaitUntil([&] { return queues.back()->bHandled.load(); }));
-                             }),
-                 "heap of a queue");
+    ExpectHeapWithin(kQueue,
+                     BytesOfEach(100,
+                                 [&](int) {
+                                     queues.push_back(std::make_unique<Queue>());
+                                     ASSERT_TRUE(test::WaitUntil([&] { return queues.back()->bHandled.load(); }));
+                                 }),
+                     "heap of a queue");
 }
 
 TEST(Footprint, ATimerIsWithinItsBudget) {
     const test::Library library;
-    ExpectWithin(kTimer,
-                 BytesOfEach(1000,
-                             [](int i) {
-                                 ASSERT_EQ(tq_TimerSet(4711, 1000000, static_cast<unsigned int>(i), 0, 0,
-                                                       TQ_TIMER_ONE_SHOT, nullptr, false),
-                                           0u);
-                             }),
-                 "heap of a timer");
+    ExpectHeapWithin(kTimer,
+                     BytesOfEach(1000,
+                                 [](int i) {
+                                     ASSERT_EQ(tq_TimerSet(4711, 1000000, static_cast<unsigned int>(i), 0, 0,
+                                                           TQ_TIMER_ONE_SHOT, nullptr, false),
+                                               0u);
+                                 }),
+                     "heap of a timer");
 }
 
 TEST(Footprint, ASocketIsWithinItsBudget) {
     const test::Library library;
     Queue queue;
-    ExpectWithin(kSocket,
-                 BytesOfEach(100,
-                             [&](int) {
-                                 ASSERT_NE(tq_SocketOpenUDP(queue.GetHandle(), htonl(INADDR_LOOPBACK), 9, 0,
-                                                            htonl(INADDR_LOOPBACK), 0),
-                                           0u);
-                             }),
-                 "heap of a socket");
+    ExpectHeapWithin(kSocket,
+                     BytesOfEach(100,
+                                 [&](int) {
+                                     ASSERT_NE(tq_SocketOpenUDP(queue.GetHandle(), htonl(INADDR_LOOPBACK), 9, 0,
+                                                                htonl(INADDR_LOOPBACK), 0),
+                                               0u);
+                                 }),
+                     "heap of a socket");
 }
 
 TEST(Footprint, ASessionOfTheConsoleIsWithinItsBudget) {
@@ -203,13 +217,13 @@ TEST(Footprint, ASessionOfTheConsoleIsWithinItsBudget) {
     const unsigned int port = tq_TelnetInitialize(0, htonl(INADDR_LOOPBACK), nullptr);
     ASSERT_NE(port, 0u);
     std::vector<int> clients;
-    ExpectWithin(kSession,
-                 BytesOfEach(20,
-                             [&](int) {
-                                 clients.push_back(ConnectTo(port));
-                                 WaitForPrompt(clients.back());
-                             }),
-                 "heap of a session");
+    ExpectHeapWithin(kSession,
+                     BytesOfEach(20,
+                                 [&](int) {
+                                     clients.push_back(ConnectTo(port));
+                                     WaitForPrompt(clients.back());
+                                 }),
+                     "heap of a session");
     tq_TelnetTerminate();
     for (const int fd : clients) {
         close(fd);
@@ -219,9 +233,9 @@ TEST(Footprint, ASessionOfTheConsoleIsWithinItsBudget) {
 TEST(Footprint, AListAndItsNodesAreWithinTheirBudgets) {
     const test::Library library;
     std::vector<std::unique_ptr<tq_List>> lists(1001);
-    ExpectWithin(kList,
-                 BytesOfEach(1000, [&](int i) { lists[static_cast<size_t>(i)] = std::make_unique<tq_List>("F"); }),
-                 "heap of a list");
+    ExpectHeapWithin(kList,
+                     BytesOfEach(1000, [&](int i) { lists[static_cast<size_t>(i)] = std::make_unique<tq_List>("F"); }),
+                     "heap of a list");
     int node = 0;
-    ExpectWithin(kNode, BytesOfEach(1600, [&](int) { lists[0]->AddToTail(&node); }), "heap of a node");
+    ExpectHeapWithin(kNode, BytesOfEach(1600, [&](int) { lists[0]->AddToTail(&node); }), "heap of a node");
 }
