@@ -617,6 +617,19 @@ TEST(IniWrite, OfTheValueThatIsThereDoesNotTouchTheFile) {
     EXPECT_EQ("[S]\nk=\n", Written("[S]\nk=\n", "S", "k", ""));
 }
 
+TEST(IniWrite, StaysInTheFileThatLinksLeadTo) {
+    ScratchDirectory directory;
+    WriteFile("real.ini", "[S]\nk=1\n");
+    ASSERT_EQ(0, link("real.ini", "other.ini"));
+    ASSERT_EQ(0, symlink("real.ini", kIni));
+    EXPECT_EQ(1, tq_WriteINIFileString("S", "k", "2", kIni));
+    EXPECT_EQ("[S]\n  k=2\r\n", ReadFile("real.ini"));
+    EXPECT_EQ("[S]\n  k=2\r\n", ReadFile("other.ini"));
+    struct stat status;
+    ASSERT_EQ(0, lstat(kIni, &status));
+    EXPECT_TRUE(S_ISLNK(status.st_mode));
+}
+
 TEST(IniWrite, TakesACaseChangeForAChange) {
     ScratchDirectory directory;
     EXPECT_EQ("[S]\n  k=SAME\r\n", Written("[S]\nk=same\n", "S", "k", "SAME"));
