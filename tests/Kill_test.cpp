@@ -5,7 +5,9 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <fcntl.h>
+#include <functional>
 #include <random>
 #include <set>
 #include <signal.h>
@@ -31,7 +33,10 @@ using test::WriteFile;
 
 namespace {
 
-constexpr int kMostMicroseconds = 4000 * TQOS_PATIENCE; // from the process's being ready to its end
+// From a process's being ready to its end. Twice the time that writing something takes, where that is more.
+constexpr int kMostMicroseconds = 4000;
+constexpr int kMostMicrosecondsOfAll = 40000;
+constexpr unsigned int kHangSeconds = 60;
 constexpr char kQuiet[] = "[Trace]\r\nDefaultLevel=None\r\n";
 
 unsigned int Number(const char* pszVariable, unsigned int otherwise) {
@@ -276,8 +281,28 @@ public:
     KilledProcesses(const KilledProcesses&) = delete;
     KilledProcesses& operator=(const KilledProcesses&) = delete;
 
-    /// Starts the next one, kills it so long after it is ready, and looks at what it left.
+    /// Kills the next one so long after it is ready.
     void KillAfter(int microseconds) {
+        KillWhenReadyAnd([microseconds] { std::this_thread::sleep_for(std::chrono::microseconds(microseconds)); });
+    }
+
+    /// Kills the next one when it has written something; how many microseconds that took.
+    int KillOnceItHasWritten() {
+        std::chrono::microseconds taken(0);
+        KillWhenReadyAnd([this, &taken] {
+            const auto ready = std::chrono::steady_clock::now();
+            const unsigned int before = Written();
+            EXPECT_TRUE(WaitUntil([&] { return Written() != before; }, kHangSeconds)) << "writes nothing";
+            taken = std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - ready);
+        });
+        return static_cast<int>(taken.count());
+    }
+
+private:
+    unsigned int Written() const { return m_pShared->written; }
+
+    /// Starts the next one, kills it when it is ready and a wait is over, and looks at what it left.
+    void KillWhenReadyAnd(const std::function<void()>& wait) {
         m_pShared->ready = 0;
         const pid_t child = fork();
         if (child == 0) {
@@ -286,19 +311,16 @@ public:
         ASSERT_GT(child, 0) << strerror(errno); // to kill no child would kill others
         int status = 0;
         const bool bReady =
-            WaitUntil([&] { return m_pShared->ready != 0 || waitpid(child, &status, WNOHANG) == child; }, 60);
+            WaitUntil([&] { return m_pShared->ready != 0 || waitpid(child, &status, WNOHANG) == child; }, kHangSeconds);
         ASSERT_TRUE(bReady && m_pShared->ready != 0) << "does not start: " << WEXITSTATUS(status);
         const test::Fd user = test::ConnectedPeer(m_port); // whose connection the kill leaves behind on the port
-        std::this_thread::sleep_for(std::chrono::microseconds(microseconds));
+        wait();
         kill(child, SIGKILL);
         EXPECT_EQ(child, waitpid(child, &status, 0));
         EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << status;
         m_writer.pfnCheck(*m_pShared);
     }
 
-    unsigned int Written() const { return m_pShared->written; }
-
-private:
     [[noreturn]] void Run() {
         const int null = open("/dev/null", O_WRONLY);
         dup2(null, STDOUT_FILENO);
@@ -335,11 +357,11 @@ std::string NameOf(const testing::TestParamInfo<Writer>& info) {
 TEST_P(Kill, LeavesWholeLinesAndAFreeWayToTheNextStart) {
     KilledProcesses processes(GetParam());
     std::mt19937 random(Number("TQOS_KILL_SEED", 1));
-    std::uniform_int_distribution<int> instant(0, kMostMicroseconds);
-    for (unsigned int left = Number("TQOS_KILL_ROUNDS", 30); left > 0 && !HasFailure(); --left) {
+    const int most = std::max(kMostMicroseconds, 2 * processes.KillOnceItHasWritten());
+    std::uniform_int_distribution<int> instant(0, std::min(most, kMostMicrosecondsOfAll));
+    for (unsigned int left = Number("TQOS_KILL_ROUNDS", 30); left > 1 && !HasFailure(); --left) {
         processes.KillAfter(instant(random));
     }
-    EXPECT_GT(processes.Written(), 0u);
 }
 
 INSTANTIATE_TEST_SUITE_P(While, Kill, testing::ValuesIn(kWriters), NameOf);
