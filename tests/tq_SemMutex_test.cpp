@@ -225,6 +225,25 @@ TEST(SemMutex, DeadlineIsTheTimeOutFromNow) {
     }
 }
 
+TEST(SemMutex, DeadlineOfMicrosecondsIsTheTimeOutFromNow) {
+    const struct {
+        long long us;
+        long long deadlineSeconds;
+        long deadlineNanoseconds;
+    } kCases[] = {
+        {-1, 10, 700000000},     {0, 10, 700000000}, {1, 10, 700001000},
+        {299999, 10, 999999000}, {300000, 11, 0},    {536870912LL * 1000 + 1, 536881, 612001000},
+    };
+    for (const auto& row : kCases) {
+        struct timeval now;
+        now.tv_sec = 10;
+        now.tv_usec = 700000;
+        const struct timespec deadline = tq_DeadlineAfter(now, tq_Microseconds{row.us});
+        EXPECT_EQ(row.deadlineSeconds, static_cast<long long>(deadline.tv_sec)) << row.us;
+        EXPECT_EQ(row.deadlineNanoseconds, deadline.tv_nsec) << row.us;
+    }
+}
+
 TEST(SemMutex, DeadlineBeyond2038DoesNotWrap) {
     struct timeval now;
     now.tv_sec = 2147483647;

@@ -2,12 +2,15 @@
 
 #include <algorithm>
 #include <atomic>
+#include <dirent.h>
 #include <limits.h>
 #include <pthread.h>
 #include <random>
 #include <regex>
+#include <stdlib.h>
 #include <string>
 #include <thread>
+#include <unistd.h>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -477,6 +480,46 @@ TEST(Timer, ARepeatingTimerGoesOnUntilItIsKilled) {
     ASSERT_TRUE(test::WaitUntil([&] { return TimerInstances(queue).back() == 8; }));
     EXPECT_EQ(8u, TimerInstances(queue).back());
     EXPECT_EQ(0u, TimersSet());
+}
+
+namespace {
+
+/// How often the other threads of this process have gone to sleep.
+unsigned long SleepsOfOthers() {
+    unsigned long sleeps = 0;
+    DIR* pTasks = opendir("/proc/self/task");
+    while (const dirent* pTask = pTasks ? readdir(pTasks) : nullptr) {
+        if (atoi(pTask->d_name) == getpid()) { // the thread of the tests
+            continue;
+        }
+        const std::string status = test::ReadFile("/proc/self/task/" + std::string(pTask->d_name) + "/status");
+        const size_t found = status.find("\nvoluntary_ctxt_switches:");
+        if (found != std::string::npos) {
+            sleeps += strtoul(status.c_str() + status.find(':', found) + 1, nullptr, 10);
+        }
+    }
+    if (pTasks) {
+        closedir(pTasks);
+    }
+    return sleeps;
+}
+
+} // namespace
+
+TEST(Timer, TheThreadDoesNotLookAgainAndAgainUntilATimerIsDue) {
+    test::Library library;
+    RecordingQueue queue;
+    queue.Create(0);
+    ASSERT_EQ(0u, tq_TimerSet(queue.GetHandle(), 10, 7, 0, 0, TQ_TIMER_REPEATING, nullptr, false));
+    ASSERT_TRUE(queue.WaitForCount(10));
+    const size_t seen = queue.Seen().size();
+    const unsigned long before = SleepsOfOthers();
+    ASSERT_TRUE(queue.WaitForCount(seen + 50));
+    const unsigned long after = SleepsOfOthers();
+    const size_t periods = queue.Seen().size() - seen;
+    // A period takes one or two of the timer thread, one of the queue's, and some where the two meet.
+    EXPECT_LE(after - before, periods * 20);
+    EXPECT_GE(after - before, 50u);
 }
 
 TEST(Timer, OnlyTypeOneRepeats) {

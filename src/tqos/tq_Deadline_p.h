@@ -9,13 +9,18 @@
 #include <sys/time.h>
 #include <time.h>
 
-/// The instant msTimeOut milliseconds after `now`. A negative time-out counts as 0: a deadline with negative
-/// nanoseconds would be refused by the wait, which would then be tried for ever.
-inline struct timespec tq_DeadlineAfter(const struct timeval& now, int msTimeOut) {
-    const int ms = msTimeOut < 0 ? 0 : msTimeOut;
+/// A time-out that is finer than milliseconds.
+struct tq_Microseconds {
+    long long us;
+};
+
+/// The instant so long after `now`. A negative time-out counts as 0: a deadline with negative nanoseconds would be
+/// refused by the wait, which would then be tried for ever.
+inline struct timespec tq_DeadlineAfter(const struct timeval& now, tq_Microseconds timeOut) {
+    const long long us = timeOut.us < 0 ? 0 : timeOut.us;
     struct timespec deadline;
-    deadline.tv_sec = now.tv_sec + ms / 1000;
-    deadline.tv_nsec = static_cast<long>(now.tv_usec) * 1000 + (ms % 1000) * 1000000L;
+    deadline.tv_sec = now.tv_sec + static_cast<time_t>(us / 1000000);
+    deadline.tv_nsec = (static_cast<long>(now.tv_usec) + static_cast<long>(us % 1000000)) * 1000;
     if (deadline.tv_nsec > 999999999) {
         deadline.tv_nsec -= 1000000000;
         deadline.tv_sec += 1;
@@ -23,19 +28,16 @@ inline struct timespec tq_DeadlineAfter(const struct timeval& now, int msTimeOut
     return deadline;
 }
 
+/// The same for milliseconds.
+inline struct timespec tq_DeadlineAfter(const struct timeval& now, int msTimeOut) {
+    return tq_DeadlineAfter(now, tq_Microseconds{msTimeOut * 1000LL});
+}
+
 /// One wait with a time-out: computes its deadline once, then waits as often as the condition has to be tested again.
 class tq_TimedWait {
 public:
-    explicit tq_TimedWait(int msTimeOut) : m_bForEver(msTimeOut == -1), m_bKnown(true), m_deadline() {
-        struct timeval now;
-        if (m_bForEver) {
-            return;
-        }
-        m_bKnown = gettimeofday(&now, nullptr) == 0;
-        if (m_bKnown) {
-            m_deadline = tq_DeadlineAfter(now, msTimeOut);
-        }
-    }
+    explicit tq_TimedWait(int msTimeOut) : tq_TimedWait(msTimeOut == -1, msTimeOut) {}
+    explicit tq_TimedWait(tq_Microseconds timeOut) : tq_TimedWait(false, timeOut) {}
 
     /// False when the clock could not be read; the wait then fails at once.
     explicit operator bool() const { return m_bKnown; }
@@ -54,6 +56,18 @@ public:
     }
 
 private:
+    template <typename TimeOut>
+    tq_TimedWait(bool bForEver, TimeOut timeOut) : m_bForEver(bForEver), m_bKnown(true), m_deadline() {
+        struct timeval now;
+        if (m_bForEver) {
+            return;
+        }
+        m_bKnown = gettimeofday(&now, nullptr) == 0;
+        if (m_bKnown) {
+            m_deadline = tq_DeadlineAfter(now, timeOut);
+        }
+    }
+
     bool m_bForEver;
     bool m_bKnown;
     struct timespec m_deadline;

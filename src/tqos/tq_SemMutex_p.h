@@ -45,13 +45,18 @@ inline void tq_TrackWait(void* sem, int type, int state, unsigned int uiLine, co
     }
 }
 
-/// Whether a lock could be made. One that could not keeps nobody out.
+struct tq_Microseconds;
+
+/// Whether a lock could be made; one that could not keeps nobody out. And waits that are finer than milliseconds.
 struct tq_SemInside {
     static bool Works(const tq_SemMutex& mutex) { return mutex.m_hMutex != nullptr; }
     static bool Works(const tq_SemSemaphore& semaphore) { return semaphore.m_hSemaphore != nullptr; }
     static bool Works(const tq_SemCritSec& section) {
         return section.m_pmutex || (section.m_pCritSec && Works(*section.m_pCritSec));
     }
+    /// tq_SemSemaphore::_WaitForSem() with this time-out.
+    static BOOL WaitForSem(const tq_SemSemaphore& semaphore, tq_Microseconds timeOut,
+                           unsigned int line = TQ_CALLER_LINE, const char* file = TQ_CALLER_FILE);
 };
 
 #endif // TQ_SEMMUTEX_P_H

@@ -72,19 +72,33 @@ tq_SemSemaphore::~tq_SemSemaphore() {
     tq_deleteObject(pSema);
 }
 
-BOOL tq_SemSemaphore::_WaitForSem(int msTimeOut, unsigned int uiLine, const char* pszFilename) {
-    SemaStruct* pSema = static_cast<SemaStruct*>(m_hSemaphore);
+namespace {
+
+/// A tracked wait for a unit; the time-out is what tq_TimedWait takes.
+template <typename TimeOut> BOOL WaitForUnit(void* hSemaphore, TimeOut timeOut, unsigned int line, const char* file) {
+    SemaStruct* pSema = static_cast<SemaStruct*>(hSemaphore);
     if (!pSema) {
         return 0;
     }
-    tq_TrackWait(pSema, SEM_TRACK_TYPE_SEMAPHORE, SEM_TRACK_STATE_WAITING, uiLine, pszFilename);
-    const tq_TimedWait wait(msTimeOut);
+    tq_TrackWait(pSema, SEM_TRACK_TYPE_SEMAPHORE, SEM_TRACK_STATE_WAITING, line, file);
+    const tq_TimedWait wait(timeOut);
     if (!wait) {
         return 0;
     }
     const BOOL bTaken = TakeUnit(*pSema, wait.Deadline()) ? 1 : 0;
     tq_TrackWait(pSema, SEM_TRACK_TYPE_SEMAPHORE, SEM_TRACK_STATE_RELEASED, 0, nullptr);
     return bTaken;
+}
+
+} // namespace
+
+BOOL tq_SemSemaphore::_WaitForSem(int msTimeOut, unsigned int uiLine, const char* pszFilename) {
+    return WaitForUnit(m_hSemaphore, msTimeOut, uiLine, pszFilename);
+}
+
+BOOL tq_SemInside::WaitForSem(const tq_SemSemaphore& semaphore, tq_Microseconds timeOut, unsigned int line,
+                              const char* file) {
+    return WaitForUnit(semaphore.m_hSemaphore, timeOut, line, file);
 }
 
 BOOL tq_SemSemaphore::Release(long ReleaseCount, long* PrevCount) {

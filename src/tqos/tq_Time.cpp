@@ -16,19 +16,6 @@ namespace {
 
 constexpr unsigned int kMSPerTickTextBytes = 64;
 
-/// The system's counter of clock ticks, the one that times() returns.
-unsigned int ClockTicks() {
-    // Asked for without a buffer, the kernel reads one counter instead of adding up the times of every thread of the
-    // process. The C library's times() will not do here: it takes the tick that looks like EFAULT for a bad buffer and
-    // touches it.
-    const int savedError = errno;
-    errno = 1; // where the kernel tells errors apart from results, a counter of -1 leaves this as it is
-    const long result = syscall(SYS_times, nullptr);
-    const unsigned int ticks = tq_TicksFromCall(result, errno);
-    errno = savedError;
-    return ticks;
-}
-
 struct tm LocalTime() {
     const time_t now = time(nullptr);
     struct tm local;
@@ -52,6 +39,18 @@ unsigned int tq_TicksFromCall(long result, int errorNumber) {
     return result == -1 ? 0u - static_cast<unsigned int>(errorNumber) : static_cast<unsigned int>(result);
 }
 
+unsigned int tq_ClockTicks() {
+    // Asked for without a buffer, the kernel reads one counter instead of adding up the times of every thread of the
+    // process. The C library's times() will not do here: it takes the tick that looks like EFAULT for a bad buffer and
+    // touches it.
+    const int savedError = errno;
+    errno = 1; // where the kernel tells errors apart from results, a counter of -1 leaves this as it is
+    const long result = syscall(SYS_times, nullptr);
+    const unsigned int ticks = tq_TicksFromCall(result, errno);
+    errno = savedError;
+    return ticks;
+}
+
 unsigned int tq_SecondsIntoMonth(const struct tm& local) {
     return SecondsAfterDays(local.tm_mday - 1, local);
 }
@@ -67,7 +66,7 @@ unsigned int tq_SecondsIntoDay(const struct tm& local) {
 extern "C" {
 
 unsigned int tq_GetTimeInMS() {
-    return gClockMSperTick.load(std::memory_order_relaxed) * ClockTicks();
+    return gClockMSperTick.load(std::memory_order_relaxed) * tq_ClockTicks();
 }
 
 unsigned int tq_time() {

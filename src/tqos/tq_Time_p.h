@@ -13,6 +13,9 @@ class tq_SemCritSec;
 extern std::atomic<unsigned int> gClockMSperTick; ///< milliseconds a clock tick; 1 until tq_TimeInitialize()
 extern tq_SemCritSec* pTimeCritSec;               ///< made by nobody here; tq_TimeTerminate() ends one that is present
 
+/// The system's tick counter, from which tq_GetTimeInMS() is made.
+unsigned int tq_ClockTicks();
+
 /// Whole milliseconds of one tick, rounded to the nearest; `current` when the system does not know its rate (0, -1).
 unsigned int tq_MSPerTickAtRate(long ticksPerSecond, unsigned int current);
 

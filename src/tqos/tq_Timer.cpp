@@ -3,7 +3,11 @@
 #include <atomic>
 #include <limits.h>
 #include <mutex>
+#include <time.h>
+#include <unistd.h>
 
+#include "tq_ClockSteps_p.h"
+#include "tq_Deadline_p.h"
 #include "tq_Gate_p.h"
 #include "tq_HeldLocks_p.h"
 #include "tq_Lifecycle_p.h"
@@ -14,9 +18,10 @@
 #include "tq_Report_p.h"
 #include "tq_SemCritSec.h"
 #include "tq_SemEvent.h"
+#include "tq_SemMutex_p.h"
 #include "tq_SemSemaphore.h"
 #include "tq_Thread_p.h"
-#include "tq_Time.h"
+#include "tq_Time_p.h"
 #include "tq_WorkingLock_p.h"
 
 namespace {
@@ -273,10 +278,60 @@ void ExpireLocked(tq_ArmedTimer* pTimer, unsigned int now) {
     AddTimerLocked(pTimer, now);
 }
 
+long long MonotonicNs() {
+    struct timespec now;
+    return clock_gettime(CLOCK_MONOTONIC, &now) == 0 ? now.tv_sec * 1000000000LL + now.tv_nsec : 0;
+}
+
+/// The length of the system's ticks in nanoseconds: they are what its coarse clock advances by. 0 when it has none.
+long long TickNs() {
+    struct timespec tick;
+    return clock_getres(CLOCK_MONOTONIC_COARSE, &tick) == 0 ? tick.tv_sec * 1000000000LL + tick.tv_nsec : 0;
+}
+
+long long CountNs() {
+    const long rate = sysconf(_SC_CLK_TCK);
+    return rate > 0 ? 1000000000LL / rate : 0;
+}
+
+/// The timer thread's view of the millisecond clock, which also tells when it will have advanced.
+class ThreadClock {
+public:
+    ThreadClock() : m_msPerCount(gClockMSperTick), m_steps(TickNs(), m_msPerCount == 0 ? 0 : CountNs()) {}
+
+    /// tq_GetTimeInMS().
+    unsigned int Read() {
+        if (!m_steps.CanForesee()) {
+            return tq_GetTimeInMS();
+        }
+        const long long before = MonotonicNs();
+        m_count = tq_ClockTicks();
+        m_steps.Saw(m_count, before, MonotonicNs());
+        return m_msPerCount * m_count;
+    }
+
+    /// Sleeps until so many milliseconds (-1: for ever) have gone by on the clock since it was read, or the thread is
+    /// woken. It may be early; by whole milliseconds alone it would be late by as much as the clock's step.
+    void Sleep(int ms) {
+        if (ms == kForEver || !m_steps.CanForesee()) {
+            gpTimerSem->WaitForSem(ms);
+            return;
+        }
+        const unsigned int counts = (static_cast<unsigned int>(ms) + m_msPerCount - 1) / m_msPerCount;
+        const long long ns = m_steps.WakeFor(m_count + counts) - MonotonicNs();
+        tq_SemInside::WaitForSem(*gpTimerSem, tq_Microseconds{(ns + 999) / 1000});
+    }
+
+private:
+    const unsigned int m_msPerCount;
+    tq_ClockSteps m_steps;
+    unsigned int m_count = 0;
+};
+
 /// Fires what is due; how long the thread may sleep.
-int FireDueTimersLocked() {
+int FireDueTimersLocked(ThreadClock& clock) {
     for (;;) {
-        const unsigned int now = tq_GetTimeInMS();
+        const unsigned int now = clock.Read();
         tq_ArmedTimer* pTimer = gpTimerList->First();
         if (!pTimer) {
             gThreadSleepsUntil = ULLONG_MAX;
@@ -294,15 +349,16 @@ int FireDueTimersLocked() {
 }
 
 void RunTimers() {
-    unsigned int lastRefresh = tq_GetTimeInMS();
+    ThreadClock clock;
+    unsigned int lastRefresh = clock.Read();
     while (!gbTimersTerminated) {
         int sleepMs;
         {
             tq_ListLock lock(gpTimerList);
-            lastRefresh = tq_TimerRefreshLocked(*gpTimerList, lastRefresh, tq_GetTimeInMS());
-            sleepMs = FireDueTimersLocked();
+            lastRefresh = tq_TimerRefreshLocked(*gpTimerList, lastRefresh, clock.Read());
+            sleepMs = FireDueTimersLocked(clock);
         }
-        gpTimerSem->WaitForSem(sleepMs);
+        clock.Sleep(sleepMs);
     }
 }
 
