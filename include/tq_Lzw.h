@@ -6,7 +6,7 @@
 /// follows (both unsigned 32-bit, big-endian); then 14-bit codes, most significant bit first. Codes 0 to 255 are bytes,
 /// 256 to 16382 table entries in the order in which they arise, 16383 the end.
 ///
-/// Threads: both functions share static tables of about 160 KB. One call at a time in the process; callers on several
+/// Threads: both functions share static tables of 320 KB. One call at a time in the process; callers on several
 /// threads serialise them.
 #ifndef TQ_LZW_H
 #define TQ_LZW_H

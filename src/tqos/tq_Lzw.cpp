@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 #include <stddef.h>
+#include <stdint.h>
 #include <string.h>
 
 #include "tq_Memory.h"
@@ -19,10 +20,13 @@ constexpr char kMagic[] = "LZW";
 
 constexpr unsigned int kSlotBits = 16; // four times as many slots as codes, so that few strings meet in one
 constexpr unsigned int kSlots = 1u << kSlotBits;
+constexpr unsigned int kPairs = 256 * 256;
 
-/// The compressor's strings, each a code of a shorter string and one byte more, which together are its key.
+/// The compressor's strings, each a code of a shorter string and one byte more, which together are its key. Those of
+/// two bytes, which are looked for most often, are found without a hash: their key is their place.
 struct Strings {
-    unsigned short slots[kSlots]; // by a hash of the key: a code, 0 when empty
+    unsigned short pairs[kPairs]; // by key: a code, 0 when there is none
+    unsigned short slots[kSlots]; // the longer strings by a hash of the key, likewise
     unsigned int keys[kEndCode];  // by code
 };
 
@@ -49,6 +53,18 @@ public:
             return;
         }
         m_pBytes[m_length++] = static_cast<char>(value);
+    }
+
+    /// Puts two bytes out, the upper one first.
+    void PutTwo(unsigned int value) {
+        if (m_capacity - m_length < 2) {
+            Put(value >> 8);
+            Put(value);
+            return;
+        }
+        const uint16_t bytes = htons(static_cast<uint16_t>(value));
+        memcpy(m_pBytes + m_length, &bytes, sizeof(bytes));
+        m_length += static_cast<unsigned int>(sizeof(bytes));
     }
 
     /// Puts out again what was put out before.
@@ -117,9 +133,18 @@ public:
     void Write(unsigned int code) {
         m_bits = m_bits << kCodeBits | code;
         m_bitCount += kCodeBits;
-        while (m_bitCount >= 8) {
-            m_bitCount -= 8;
-            m_output.Put(m_bits >> m_bitCount & 0xFF);
+        if (m_bitCount >= 16) {
+            m_bitCount -= 16;
+            m_output.PutTwo(m_bits >> m_bitCount & 0xFFFF);
+        }
+    }
+
+    /// Writes the end mark, and puts out what has not been.
+    void End() {
+        Write(kEndCode);
+        Write(0); // pushes the last bits of the end mark out; the rest of its own bits is dropped
+        if (m_bitCount >= 8) {
+            m_output.Put(m_bits >> (m_bitCount - 8) & 0xFF);
         }
     }
 
@@ -158,24 +183,33 @@ unsigned int RotatedLeft(unsigned int value, unsigned int bits) {
     return value << bits | value >> (32 - bits);
 }
 
-/// A rotating sum. Bytes count as signed: one from 0x80 on flips the upper 24 bits too.
+/// A rotating sum: of each byte, rotated by five bits for each byte behind it. Bytes count as signed: one from 0x80 on
+/// flips the upper 24 bits too. A byte 32 places on is rotated alike, so the bytes of a column may be summed up first.
 unsigned int Checksum(const char* pBytes, unsigned int length) {
-    const auto value = [pBytes](unsigned int i) {
-        return static_cast<unsigned int>(static_cast<signed char>(pBytes[i]));
-    };
-    unsigned int sum = 0;
-    unsigned int i = 0;
-    for (; i + 4 <= length; i += 4) { // four steps at once: only one of them has to wait for the sum so far
-        sum = RotatedLeft(sum, 20) ^ RotatedLeft(value(i), 15) ^ RotatedLeft(value(i + 1), 10) ^
-              RotatedLeft(value(i + 2), 5) ^ value(i + 3);
+    constexpr unsigned int kColumns = 32;
+    const char* const pRest = pBytes + length / kColumns * kColumns;
+    uint64_t words[kColumns / sizeof(uint64_t)] = {};
+    const char* pNext = pBytes;
+    for (; pNext < pRest; pNext += kColumns) {
+        uint64_t row[kColumns / sizeof(uint64_t)];
+        memcpy(row, pNext, kColumns);
+        for (unsigned int i = 0; i < kColumns / sizeof(uint64_t); ++i) {
+            words[i] ^= row[i];
+        }
     }
-    for (; i < length; ++i) {
-        sum = RotatedLeft(sum, 5) ^ value(i);
+    signed char columns[kColumns];
+    memcpy(columns, words, kColumns);
+    unsigned int sum = 0;
+    for (const signed char column : columns) {
+        sum = RotatedLeft(sum, 5) ^ static_cast<unsigned int>(column);
+    }
+    for (; pNext < pBytes + length; ++pNext) {
+        sum = RotatedLeft(sum, 5) ^ static_cast<unsigned int>(static_cast<signed char>(*pNext));
     }
     return sum;
 }
 
-/// The slot that holds the code of the string with this key, or the empty slot where it belongs.
+/// The slot of the longer string with this key, or the empty one where it belongs.
 unsigned short* FindSlot(Strings& strings, unsigned int key) {
     unsigned int index = key * 2654435769u >> (32 - kSlotBits);
     while (strings.slots[index] != 0 && strings.keys[strings.slots[index]] != key) {
@@ -184,31 +218,49 @@ unsigned short* FindSlot(Strings& strings, unsigned int key) {
     return &strings.slots[index];
 }
 
-void CompressCodes(const unsigned char* pInput, unsigned int length, Output& output) {
-    Strings& strings = gTables.strings;
-    memset(strings.slots, 0, sizeof(strings.slots));
-    CodeWriter writer(output);
-    unsigned int nextCode = kFirstFreeCode;
-    unsigned int string = pInput[0];
-    for (unsigned int i = 1; i < length; ++i) {
-        const unsigned int character = pInput[i];
-        const unsigned int key = string << 8 | character;
-        unsigned short* const pSlot = FindSlot(strings, key);
-        if (*pSlot != 0) {
-            string = *pSlot;
-            continue;
-        }
-        if (nextCode < kEndCode) {
-            strings.keys[nextCode] = key;
-            *pSlot = static_cast<unsigned short>(nextCode++);
-        }
-        writer.Write(string);
-        string = character;
+/// Makes codes of bytes. Whoever looks for a string knows whether it has two bytes or more, which is why these are two
+/// loops: the processor learns better what to expect in each.
+class Compressor {
+public:
+    explicit Compressor(Output& output) : m_writer(output) {
+        memset(m_strings.pairs, 0, sizeof(m_strings.pairs));
+        memset(m_strings.slots, 0, sizeof(m_strings.slots));
     }
-    writer.Write(string);
-    writer.Write(kEndCode);
-    writer.Write(0); // pushes the last bits of the end mark out; the rest of its own bits is dropped
-}
+
+    void Compress(const unsigned char* pInput, unsigned int length) {
+        const unsigned char* const pEnd = pInput + length;
+        unsigned int string = *pInput++;
+        while (pInput < pEnd) {
+            const unsigned int pair = string << 8 | *pInput++;
+            string = Extend(&m_strings.pairs[pair], pair);
+            while (string >= kFirstFreeCode && pInput < pEnd) {
+                const unsigned int key = string << 8 | *pInput++;
+                string = Extend(FindSlot(m_strings, key), key);
+            }
+        }
+        m_writer.Write(string);
+        m_writer.End();
+    }
+
+private:
+    /// The string with this key when it has been seen before. Otherwise it is kept, as long as there are codes, the one
+    /// without its last byte is put out, and that byte begins the next.
+    unsigned int Extend(unsigned short* pPlace, unsigned int key) {
+        if (*pPlace != 0) {
+            return *pPlace;
+        }
+        if (m_nextCode < kEndCode) {
+            m_strings.keys[m_nextCode] = key;
+            *pPlace = static_cast<unsigned short>(m_nextCode++);
+        }
+        m_writer.Write(key >> 8);
+        return key & 0xFF;
+    }
+
+    Strings& m_strings = gTables.strings;
+    CodeWriter m_writer;
+    unsigned int m_nextCode = kFirstFreeCode;
+};
 
 /// Expands the codes; false when one cannot stand where it does or the end mark is missing.
 bool ExpandCodes(CodeReader reader, Output& output) {
@@ -260,7 +312,7 @@ void tq_lzwCompress(const char* input, unsigned int inlen, char** output, unsign
     for (unsigned int i = 0; i < sizeof(tqLZW_HEADER); ++i) {
         stream.Put(i < sizeof(kMagic) ? static_cast<unsigned int>(kMagic[i]) : 0);
     }
-    CompressCodes(reinterpret_cast<const unsigned char*>(input), inlen, stream);
+    Compressor(stream).Compress(reinterpret_cast<const unsigned char*>(input), inlen);
     if (stream.Failed()) {
         *output = nullptr;
         return;
