@@ -842,11 +842,11 @@ TEST(TraceFilter, InstancesThatShareAPlaceInTheFilterEachHaveTheirOwnRule) {
     const auto passes = [](unsigned int handle, int level) { return tq_TraceGetDestinations(handle, level, 1) != 0; };
     const unsigned int first = tq_TraceInitInstance("first");
     std::vector<unsigned int> between;
-    while (between.empty() || between.back() < first + 128 - 1) { // the filter has 128 places
+    while (between.empty() || between.back() < first + 1024 - 1) { // the filter has 1024 places
         between.push_back(tq_HandleGet());
     }
     const unsigned int second = tq_TraceInitInstance("second");
-    ASSERT_EQ(first + 128, second);
+    ASSERT_EQ(first + 1024, second);
     for (int round = 0; round < 2; ++round) { // each level is changed while the other one holds the place, or nobody
         tq_TraceSetLevel(first, TQ_TRACE_LEVEL_DEBUG);
         tq_TraceSetLevel(second, TQ_TRACE_LEVEL_SEVERE);

@@ -255,8 +255,8 @@ struct TraceFilter {
     std::atomic<int> level{0};
     std::atomic<unsigned int> mask{0}; ///< 0 for an instance without destinations: nothing gets past it
 };
-constexpr unsigned int kFilters = 128; // handles are drawn one after the other, so that few share a place
-TraceFilter gFilters[kFilters];        // written with gpTraceInstanceList locked
+constexpr unsigned int kFilters = 1024; // handles are drawn one after the other, so that few share a place
+TraceFilter gFilters[kFilters];         // written with gpTraceInstanceList locked
 
 } // namespace
 
