@@ -1,5 +1,6 @@
 // Sockets, trace instances and their viewers, sessions of the console, and devices that one viewer or client follows.
 #include <algorithm>
+#include <fstream>
 #include <memory>
 #include <string>
 #include <vector>
@@ -13,6 +14,7 @@
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 
 #include "Bench.h"
@@ -55,8 +57,8 @@ sockaddr_in AddressOfInstance() {
     return address;
 }
 
-unsigned int OpenNetworkInstance() {
-    const unsigned int handle = tq__TraceInitInstance("Scale", __FILE__, __LINE__);
+unsigned int OpenNetworkInstance(const std::string& name = "Scale") {
+    const unsigned int handle = tq__TraceInitInstance(name.c_str(), __FILE__, __LINE__);
     tq_TraceSetLevel(handle, TQ_TRACE_LEVEL_WARNING);
     tq_TraceSetCatMask(handle, -1);
     tq_TraceDisableSTDERR(handle);
@@ -122,30 +124,38 @@ struct Contact {
     unsigned int consolePort;
 };
 
-constexpr int kLinesASecond = 200;
+constexpr unsigned int kLinesOfOne = 200;   ///< that a device traces, in a second or longer
+constexpr unsigned int kLinesOfAll = 20000; ///< in a second at most
+
+/// For how long the devices trace, in seconds.
+double TracingSeconds(unsigned int devices) {
+    return std::max(1.0, static_cast<double>(devices) * kLinesOfOne / kLinesOfAll);
+}
 
 /// One device: traces at an even pace once it is told to, and has a console.
-[[noreturn]] void BeDevice(int fd) {
+[[noreturn]] void BeDevice(int fd, useconds_t pause) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     const Library library;
-    const unsigned int handle = OpenNetworkInstance();
+    const unsigned int handle = OpenNetworkInstance("Device" + std::to_string(getpid()));
     const Contact contact = {AddressOfInstance(), tq_TelnetInitialize(0, htonl(INADDR_LOOPBACK), nullptr)};
     bench::Keep(write(fd, &contact, sizeof(contact)));
     char word;
     if (read(fd, &word, 1) == 1) {
-        for (int i = 0; i < kLinesASecond; ++i) {
-            tq_Trace(handle, TQ_TRACE_LEVEL_WARNING, 1, true, "the value of sensor %d is %d\n", i % 8, i);
-            usleep(1000000 / kLinesASecond);
+        for (unsigned int i = 0; i < kLinesOfOne; ++i) {
+            tq_Trace(handle, TQ_TRACE_LEVEL_WARNING, 1, true, "the value of sensor %u is %u\n", i % 8, i);
+            usleep(pause);
         }
     }
-    pause();
-    _exit(0);
+    for (;;) {
+        ::pause();
+    }
 }
 
 /// Processes of devices. Made while this process has one thread.
 class Devices {
 public:
     explicit Devices(unsigned int count) {
+        const useconds_t pause = static_cast<useconds_t>(TracingSeconds(count) * 1e6 / kLinesOfOne);
         for (unsigned int i = 0; i < count; ++i) {
             int ends[2];
             if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) {
@@ -154,7 +164,10 @@ public:
             }
             processes.push_back(fork());
             if (processes.back() == 0) {
-                BeDevice(ends[1]);
+                for (const int fd : m_sockets) { // those of the devices before it
+                    close(fd);
+                }
+                BeDevice(ends[1], pause);
             }
             close(ends[1]);
             m_sockets.push_back(ends[0]);
@@ -260,34 +273,88 @@ void MeasureSessions(unsigned int count, Row* pRow) {
                                }));
 }
 
-void MeasureFollowedTraces(unsigned int count, Row* pRow) {
-    Devices devices(count);
-    std::vector<pollfd> viewers;
-    for (const Contact& contact : devices.contacts) {
-        viewers.push_back({Subscribe(contact.trace), POLLIN, 0});
+#ifdef TQTRACE_PROGRAM
+namespace {
+
+/// The lines of a file that begin, or that do not begin, with the mark of tqtrace's own.
+unsigned int CountLines(const char* pszFile, bool bOwn) {
+    std::ifstream file(pszFile);
+    std::string line;
+    unsigned int count = 0;
+    while (std::getline(file, line)) {
+        count += (line.compare(0, 2, "--") == 0) == bOwn ? 1 : 0;
     }
-    usleep(200000); // the subscriptions arrive
-    devices.Start();
-    const double start = OwnMicroseconds();
-    FILE* pOut = fopen("lines.log", "w");
-    double arrived = 0;
-    while (poll(viewers.data(), viewers.size(), 1000) > 0) {
-        for (const pollfd& viewer : viewers) {
-            char line[2048];
-            const ssize_t got = viewer.revents ? recv(viewer.fd, line, sizeof(line), MSG_DONTWAIT) : 0;
-            if (got > 9 && line[0] != 'K') { // no question whether the viewer is still there
-                fwrite(line, 1, static_cast<std::size_t>(got - 1), pOut);
-                ++arrived;
-            }
+    return count;
+}
+
+/// tqtrace in a process of its own, following all devices.
+class Follower {
+public:
+    explicit Follower(const std::vector<Contact>& contacts) {
+        std::vector<std::string> names = {"tqtrace", "follow"};
+        for (const Contact& contact : contacts) {
+            names.push_back("127.0.0.1:" + std::to_string(ntohs(contact.trace.sin_port)));
+        }
+        std::vector<char*> arguments;
+        for (std::string& name : names) {
+            arguments.push_back(&name[0]);
+        }
+        arguments.push_back(nullptr);
+        m_process = fork();
+        if (m_process == 0) {
+            prctl(PR_SET_PDEATHSIG, SIGKILL);
+            bench::Keep(freopen(kFile, "w", stdout));
+            execv(TQTRACE_PROGRAM, arguments.data());
+            perror(TQTRACE_PROGRAM);
+            _exit(127);
+        }
+        clock_getcpuclockid(m_process, &m_clock);
+        while (CountLines(kFile, true) < contacts.size()) {
+            usleep(10000);
         }
     }
-    fclose(pOut);
-    const double microseconds = (OwnMicroseconds() - start) / std::max(arrived, 1.0);
-    pRow->Add("lines sent in a second", count * static_cast<double>(kLinesASecond));
-    pRow->Add("lines arrived", arrived);
-    pRow->Add("viewer's processor time a line, us", microseconds);
-    pRow->Add("lines a second one viewer can take", 1e6 / microseconds);
+    ~Follower() {
+        kill(m_process, SIGINT);
+        waitpid(m_process, nullptr, 0);
+    }
+    Follower(const Follower&) = delete;
+    Follower& operator=(const Follower&) = delete;
+
+    double ProcessorMicroseconds() const {
+        timespec used = {};
+        clock_gettime(m_clock, &used);
+        return static_cast<double>(used.tv_sec) * 1e6 + static_cast<double>(used.tv_nsec) * 1e-3;
+    }
+    /// Lines of devices that it has written.
+    static unsigned int Written() { return CountLines(kFile, false); }
+
+private:
+    static constexpr const char* kFile = "followed.log";
+    pid_t m_process;
+    clockid_t m_clock;
+};
+
+} // namespace
+
+void MeasureFollowedTraces(unsigned int count, Row* pRow) {
+    Devices devices(count);
+    const Follower tqtrace(devices.contacts);
+    const double start = tqtrace.ProcessorMicroseconds();
+    devices.Start();
+    unsigned int written = 0;
+    for (unsigned int before = ~0u; before != written || written == 0; usleep(1000000)) {
+        before = written;
+        written = Follower::Written();
+    }
+    const double microseconds = (tqtrace.ProcessorMicroseconds() - start) / written;
+    const double traced = static_cast<double>(count) * kLinesOfOne;
+    pRow->Add("lines traced in a second", traced / TracingSeconds(count));
+    pRow->Add("in all", traced);
+    pRow->Add("written by tqtrace", written);
+    pRow->Add("its processor time a line, us", microseconds);
+    pRow->Add("lines a second it can take", 1e6 / microseconds);
 }
+#endif // TQTRACE_PROGRAM
 
 void MeasureFollowedConsoles(unsigned int count, Row* pRow) {
     const Devices devices(count);

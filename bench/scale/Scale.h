@@ -36,7 +36,7 @@ void MeasureSockets(unsigned int count, Row* pRow);
 void MeasureSessions(unsigned int count, Row* pRow);
 void MeasureInstances(unsigned int count, Row* pRow);
 void MeasureViewers(unsigned int count, Row* pRow);
-void MeasureFollowedTraces(unsigned int count, Row* pRow);
+void MeasureFollowedTraces(unsigned int count, Row* pRow); ///< where tqtrace is built
 void MeasureFollowedConsoles(unsigned int count, Row* pRow);
 
 /// Bytes that the heap has handed out.

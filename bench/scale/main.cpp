@@ -107,8 +107,10 @@ const std::vector<Growth> kGrowths = {
     {"instances", "trace instances", {1, 10, 100, 1000}, MeasureInstances},
     {"viewers", "viewers of one instance", {1, 10, 100, 128}, MeasureViewers},
     {"sessions", "sessions of the console", {1, 10, 100, 400}, MeasureSessions},
-    {"followed-traces", "devices", {1, 10, 100}, MeasureFollowedTraces},
-    {"followed-consoles", "devices", {1, 10, 100}, MeasureFollowedConsoles},
+#ifdef TQTRACE_PROGRAM
+    {"followed-traces", "devices", {1, 10, 100, 1000}, MeasureFollowedTraces},
+#endif
+    {"followed-consoles", "devices", {1, 10, 100, 1000}, MeasureFollowedConsoles},
 };
 
 double HeapBytes() {
