@@ -31,6 +31,8 @@ function(tqos_libraries)
   add_library(tqos_objects OBJECT ${sources})
   target_include_directories(tqos_objects PRIVATE "${PROJECT_SOURCE_DIR}/include" "${PROJECT_SOURCE_DIR}/src/tqos")
   target_compile_options(tqos_objects PRIVATE -fvisibility=hidden -fvisibility-inlines-hidden -fno-exceptions)
+  # Calls inside the library are not taken over by others (see the link options), so the compiler may look into them.
+  target_compile_options(tqos_objects PRIVATE -fno-semantic-interposition)
   if(NOT TQOS_SANITIZE) # a sanitizer checks by its type information that an object is what it is used as
     target_compile_options(tqos_objects PRIVATE -fno-rtti)
   endif()

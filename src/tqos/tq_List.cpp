@@ -109,11 +109,16 @@ bool IsDirection(int direction) {
 }
 
 /// Reports read the counts of lists without holding their locks.
-void SetCount(State& li, unsigned int count) {
+void CountAdded(State& li) {
+    const unsigned int count = li.Count + 1;
     __atomic_store_n(&li.Count, count, __ATOMIC_RELAXED);
     if (count > li.maxCount) {
         __atomic_store_n(&li.maxCount, count, __ATOMIC_RELAXED);
     }
+}
+
+void CountRemoved(State& li) {
+    __atomic_store_n(&li.Count, li.Count - 1, __ATOMIC_RELAXED);
 }
 
 Entry* NeighbourOf(const Entry* le, bool bTowardsHead) {
@@ -134,7 +139,7 @@ void InsertBetween(State& li, Entry* le, Entry* pBefore, Entry* pAfter) {
     le->pNext = pAfter;
     (pBefore ? pBefore->pNext : li.pHead) = le;
     (pAfter ? pAfter->pPrev : li.pTail) = le;
-    SetCount(li, li.Count + 1);
+    CountAdded(li);
     li.pCurrent = le;
 }
 
@@ -388,6 +393,17 @@ const PFN_LIST_COMPARE_NODES tqList_CompareNode[10] = {
     /* LIST_TYPE_ZISTR   */ tqList_CompareNodesZISTR,
 };
 
+bool tqList_AddBlock(tq_List::_LIST_INSTANCE& li) {
+    auto* const pBlock = static_cast<_LIST_BLOCK*>(tq__calloc(1, sizeof(_LIST_BLOCK), kBlockOwner, __LINE__));
+    if (!pBlock) {
+        return false;
+    }
+    pBlock->pNext = li.pListBlock;
+    li.pListBlock = pBlock;
+    PoolBlock(li, pBlock);
+    return true;
+}
+
 // Making and unmaking
 
 tq_List::tq_List(int flags, int sortType, unsigned int sortOffset, const char* name) {
@@ -444,31 +460,11 @@ int tq_List::CustomSort(void* pNode1, void* pNode2, void* /*userparm*/) {
 // Entries
 
 tq_List::_TQ_LIST_ENTRY* tq_List::GetNextEmpty() {
-    if (!m_li.pEmpty) {
-        auto* const pBlock = static_cast<_LIST_BLOCK*>(tq__calloc(1, sizeof(_LIST_BLOCK), kBlockOwner, __LINE__));
-        if (!pBlock) {
-            return nullptr;
-        }
-        pBlock->pNext = m_li.pListBlock;
-        m_li.pListBlock = pBlock;
-        PoolBlock(m_li, pBlock);
-    }
-    _TQ_LIST_ENTRY* const le = m_li.pEmpty;
-    m_li.pEmpty = le->pNext;
-    if (m_li.pEmpty) {
-        m_li.pEmpty->pPrev = nullptr;
-    }
-    return le;
+    return tqList_TakeEmpty(m_li);
 }
 
 void tq_List::ReturnNewEmpty(_TQ_LIST_ENTRY* le) {
-    le->pNode = nullptr;
-    le->pPrev = nullptr;
-    le->pNext = m_li.pEmpty;
-    if (m_li.pEmpty) {
-        m_li.pEmpty->pPrev = le;
-    }
-    m_li.pEmpty = le;
+    tqList_ReturnEmpty(m_li, le);
 }
 
 void tq_List::ReduceListNodes() {
@@ -484,6 +480,22 @@ void tq_List::ReduceListNodes() {
 }
 
 // Adding
+
+namespace {
+
+/// The usual case, in which nothing has to be called: an unsorted list with an entry in the pool. False, with nothing
+/// changed, for any other. The hashes are left to the caller.
+inline bool AddAtOnce(State& li, void* pNode, bool bAtHead) {
+    if (!pNode || !li.pEmpty || IsSorted(li)) {
+        return false;
+    }
+    Entry* const le = tqList_TakeEmpty(li);
+    le->pNode = pNode;
+    bAtHead ? InsertAtHead(li, le) : InsertAtTail(li, le);
+    return true;
+}
+
+} // namespace
 
 void tq_List::AddNode(void* pNode, int direction) {
     _TQ_LIST_ENTRY* const le = pNode ? GetNextEmpty() : nullptr;
@@ -512,11 +524,23 @@ void tq_List::AddNode(void* pNode) {
 }
 
 void tq_List::AddToHead(void* pNode) {
+    if (AddAtOnce(m_li, pNode, /*bAtHead=*/true)) {
+        if (m_li.pHash) {
+            AddToHashes(pNode);
+        }
+        return;
+    }
     // An unsorted list puts at its head what is added from the tail, a sorted one looks for the place from the head.
     AddNode(pNode, IsSorted(m_li) ? LIST_DIRECTION_HEAD_TO_TAIL : LIST_DIRECTION_TAIL_TO_HEAD);
 }
 
 void tq_List::AddToTail(void* pNode) {
+    if (AddAtOnce(m_li, pNode, /*bAtHead=*/false)) {
+        if (m_li.pHash) {
+            AddToHashes(pNode);
+        }
+        return;
+    }
     AddNode(pNode, IsSorted(m_li) ? LIST_DIRECTION_TAIL_TO_HEAD : LIST_DIRECTION_HEAD_TO_TAIL);
 }
 
@@ -559,15 +583,15 @@ void tq_List::LocalListRemoveNode(_TQ_LIST_ENTRY* le) {
     if (m_li.pHash) {
         RemoveFromHashes(le->pNode);
     }
-    SetCount(m_li, m_li.Count - 1);
+    CountRemoved(m_li);
     m_li.pCurrent = nullptr;
-    ReturnNewEmpty(le);
+    tqList_ReturnEmpty(m_li, le);
     if (m_li.Count == 0) {
         ReduceListNodes();
     }
 }
 
-void* tq_List::RemoveEntry(_TQ_LIST_ENTRY* le) {
+[[gnu::noinline]] void* tq_List::RemoveEntry(_TQ_LIST_ENTRY* le) {
     if (!le) {
         return nullptr;
     }
@@ -576,12 +600,32 @@ void* tq_List::RemoveEntry(_TQ_LIST_ENTRY* le) {
     return pNode;
 }
 
+namespace {
+
+/// The usual case, in which nothing has to be called: a list without hashes that has another node, and an entry which
+/// no walk or search remembers. Null, with nothing changed, for any other.
+inline void* TakeAtOnce(State& li, Entry* le) {
+    if (li.Count < 2 || li.pHash || li.pNextSearch == le || li.pPrevSearch == le) {
+        return nullptr;
+    }
+    void* const pNode = le->pNode;
+    Unlink(li, le);
+    CountRemoved(li);
+    li.pCurrent = nullptr;
+    tqList_ReturnEmpty(li, le);
+    return pNode;
+}
+
+} // namespace
+
 void* tq_List::RemoveHead() {
-    return RemoveEntry(m_li.pHead);
+    void* const pNode = TakeAtOnce(m_li, m_li.pHead);
+    return pNode ? pNode : RemoveEntry(m_li.pHead);
 }
 
 void* tq_List::RemoveTail() {
-    return RemoveEntry(m_li.pTail);
+    void* const pNode = TakeAtOnce(m_li, m_li.pTail);
+    return pNode ? pNode : RemoveEntry(m_li.pTail);
 }
 
 void* tq_List::RemoveNode(void* pNodeToRemove) {

@@ -58,11 +58,19 @@ constexpr DefaultHash kDefaultHashes[] = {
 };
 static_assert(sizeof(kDefaultHashes) / sizeof(kDefaultHashes[0]) == LIST_TYPE_ZISTR, "every type has its own place");
 
-unsigned int DefaultBucket(const void* pNode, int type, unsigned int offset, unsigned int hashRange) {
+[[gnu::noinline]] unsigned int OtherBucket(const void* pNode, int type, unsigned int offset, unsigned int hashRange) {
     if (hashRange == 0 || !pNode || type < LIST_TYPE_U32BITS || type > LIST_TYPE_ZISTR) {
         return 0;
     }
     return kDefaultHashes[type - 1](pNode, offset) % hashRange;
+}
+
+inline unsigned int DefaultBucket(const void* pNode, int type, unsigned int offset, unsigned int hashRange) {
+    const bool bNumber = type == LIST_TYPE_U32BITS || type == LIST_TYPE_S32BITS;
+    if (bNumber && hashRange != 0 && pNode) { // most hashes have such keys
+        return HashNumber<uint32_t>(pNode, offset) % hashRange;
+    }
+    return OtherBucket(pNode, type, offset, hashRange);
 }
 
 /// The bucket of a node; at or above the range, which only a custom function gives, the node is in none.
@@ -116,15 +124,16 @@ unsigned int SlotsOf(const State& li) {
 }
 
 TQ_LIST_HASH_INSTANCE* HashOf(const State& li, unsigned int hashInstance) {
-    return hashInstance >= 1 && hashInstance <= SlotsOf(li) ? li.pHash->pHashArray[hashInstance - 1] : nullptr;
+    const unsigned int slot = hashInstance - 1; // beyond all others for 0
+    return slot < SlotsOf(li) ? li.pHash->pHashArray[slot] : nullptr;
 }
 
-/// Calls use(hashInstance) for each hash of the list, in the order of their slots, most of which are empty.
+/// Calls use(hash) for each hash of the list, in the order of their slots, most of which are empty.
 template <typename Use> void ForEachHash(const State& li, Use use) {
     unsigned int left = li.pHash ? li.pHash->hashInstancesInUse : 0;
-    for (unsigned int hashInstance = 1; left != 0 && hashInstance <= SlotsOf(li); ++hashInstance) {
-        if (HashOf(li, hashInstance)) {
-            use(hashInstance);
+    for (unsigned int slot = 0; left != 0 && slot < SlotsOf(li); ++slot) {
+        if (TQ_LIST_HASH_INSTANCE* const pHash = li.pHash->pHashArray[slot]) {
+            use(*pHash);
             --left;
         }
     }
@@ -268,65 +277,80 @@ void tq_List::DestroyHashes() {
 
 // Nodes
 
-void tq_List::AddToHash(unsigned int hashInstance, void* pNode) {
-    TQ_LIST_HASH_INSTANCE* const pHash = HashOf(m_li, hashInstance);
-    if (!pHash || !pNode) {
-        return;
-    }
-    const unsigned int bucket = BucketOf(*pHash, pNode);
-    _TQ_LIST_ENTRY* const le = bucket < pHash->hashRange ? GetNextEmpty() : nullptr;
+namespace {
+
+void AddNodeTo(TQ_LIST_HASH_INSTANCE& hash, State& li, void* pNode) {
+    const unsigned int bucket = BucketOf(hash, pNode);
+    Entry* const le = bucket < hash.hashRange ? tqList_TakeEmpty(li) : nullptr;
     if (!le) {
         return;
     }
     le->pNode = pNode;
-    PushEntry(*pHash, bucket, le);
+    PushEntry(hash, bucket, le);
+}
+
+void RemoveNodeFrom(TQ_LIST_HASH_INSTANCE& hash, State& li, void* pNode) {
+    const unsigned int bucket = BucketOf(hash, pNode);
+    Entry* const le = bucket < hash.hashRange ? EntryInBucket(hash, bucket, pNode) : nullptr;
+    if (!le) {
+        return;
+    }
+    UnlinkEntry(hash, bucket, le);
+    tqList_ReturnEmpty(li, le);
+}
+
+} // namespace
+
+void tq_List::AddToHash(unsigned int hashInstance, void* pNode) {
+    TQ_LIST_HASH_INSTANCE* const pHash = HashOf(m_li, hashInstance);
+    if (pHash && pNode) {
+        AddNodeTo(*pHash, m_li, pNode);
+    }
 }
 
 void tq_List::RemoveFromHash(unsigned int hashInstance, void* pNode) {
     TQ_LIST_HASH_INSTANCE* const pHash = HashOf(m_li, hashInstance);
-    if (!pHash || !pNode) {
-        return;
+    if (pHash && pNode) {
+        RemoveNodeFrom(*pHash, m_li, pNode);
     }
-    const unsigned int bucket = BucketOf(*pHash, pNode);
-    _TQ_LIST_ENTRY* const le = bucket < pHash->hashRange ? EntryInBucket(*pHash, bucket, pNode) : nullptr;
-    if (!le) {
-        return;
-    }
-    UnlinkEntry(*pHash, bucket, le);
-    ReturnNewEmpty(le);
 }
 
 void tq_List::AddToHashes(void* pNode) {
-    ForEachHash(m_li, [this, pNode](unsigned int hashInstance) { AddToHash(hashInstance, pNode); });
+    if (pNode) {
+        ForEachHash(m_li, [this, pNode](TQ_LIST_HASH_INSTANCE& hash) { AddNodeTo(hash, m_li, pNode); });
+    }
 }
 
 void tq_List::RemoveFromHashes(void* pNode) {
-    ForEachHash(m_li, [this, pNode](unsigned int hashInstance) { RemoveFromHash(hashInstance, pNode); });
+    if (pNode) {
+        ForEachHash(m_li, [this, pNode](TQ_LIST_HASH_INSTANCE& hash) { RemoveNodeFrom(hash, m_li, pNode); });
+    }
 }
 
 // Lookup
 
+namespace {
+
+/// The node at which the walk over a bucket stands; the walk goes on. Null at its end.
+inline void* StepInBucket(TQ_LIST_HASH_INSTANCE& hash, const Entry* le) {
+    hash.pNextHashSearch = le ? le->pNext : nullptr;
+    return le ? le->pNode : nullptr;
+}
+
+} // namespace
+
 void* tq_List::HashFindFirst(unsigned int hashInstance, unsigned int hashValue) {
     TQ_LIST_HASH_INSTANCE* const pHash = HashOf(m_li, hashInstance);
-    if (!pHash || hashValue >= pHash->hashRange) {
-        return nullptr;
-    }
-    pHash->pNextHashSearch = pHash->pHead[hashValue];
-    return HashFindNext(hashInstance);
+    return pHash && hashValue < pHash->hashRange ? StepInBucket(*pHash, pHash->pHead[hashValue]) : nullptr;
 }
 
 void* tq_List::HashFindNext(unsigned int hashInstance) {
     TQ_LIST_HASH_INSTANCE* const pHash = HashOf(m_li, hashInstance);
-    const _TQ_LIST_ENTRY* const le = pHash ? pHash->pNextHashSearch : nullptr;
-    if (!le) {
-        return nullptr;
-    }
-    pHash->pNextHashSearch = le->pNext;
-    return le->pNode;
+    return pHash ? StepInBucket(*pHash, pHash->pNextHashSearch) : nullptr;
 }
 
 unsigned int tq_List::HashValueFromDataDefault(void* data, int type, unsigned int offset, int hashRange) {
-    return hashRange < 1 ? 0 : DefaultBucket(data, type, offset, static_cast<unsigned int>(hashRange));
+    return hashRange < 0 ? 0 : DefaultBucket(data, type, offset, static_cast<unsigned int>(hashRange));
 }
 
 // What belongs to a hash

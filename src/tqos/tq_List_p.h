@@ -45,6 +45,33 @@ struct _LIST_BLOCK {
     tq_List::_TQ_LIST_ENTRY EntryList[16];
 };
 
+/// Fills a list's pool of empty entries, which has none, with a new block; false without memory.
+bool tqList_AddBlock(tq_List::_LIST_INSTANCE& li);
+
+/// Takes an entry out of the pool; null without memory.
+inline tq_List::_TQ_LIST_ENTRY* tqList_TakeEmpty(tq_List::_LIST_INSTANCE& li) {
+    if (!li.pEmpty && !tqList_AddBlock(li)) {
+        return nullptr;
+    }
+    tq_List::_TQ_LIST_ENTRY* const le = li.pEmpty;
+    li.pEmpty = le->pNext;
+    if (li.pEmpty) {
+        li.pEmpty->pPrev = nullptr;
+    }
+    return le;
+}
+
+/// Puts an entry, which is in no chain any more, back into the pool.
+inline void tqList_ReturnEmpty(tq_List::_LIST_INSTANCE& li, tq_List::_TQ_LIST_ENTRY* le) {
+    le->pNode = nullptr;
+    le->pPrev = nullptr;
+    le->pNext = li.pEmpty;
+    if (li.pEmpty) {
+        li.pEmpty->pPrev = le;
+    }
+    li.pEmpty = le;
+}
+
 /// One hash of a list.
 typedef struct _TQ_LIST_HASH_INSTANCE {
     tq_List::_TQ_LIST_ENTRY** pHead;          ///< first entry of each bucket; in one block with the bucket counts
