@@ -220,9 +220,10 @@ private:
 
     bool m_bListsUnnamed;
     bool m_bEndWithoutMessage;
-    unsigned char m_uiWorkerSleep;
+    std::atomic<unsigned char> m_uiWorkerSleep;
     unsigned int m_uiLockDepth;
     std::atomic<bool> m_bEndTold;
+    std::atomic<unsigned short> m_uiWaits;
     std::atomic<unsigned int> m_uiWorkerState;
     std::atomic<unsigned int> m_uiPins;
     tq_MsgQ* m_pNextCreated;

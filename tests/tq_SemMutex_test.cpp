@@ -780,3 +780,62 @@ TEST(SemTracking, ReportsAreWholeWhileLocksComeAndGo) {
     }
     EXPECT_TRUE(OthersCanTake(mutex));
 }
+
+// Looking again before a thread sleeps
+
+namespace {
+
+/// Says for a scope whether there are other processors.
+class OtherProcessors {
+public:
+    explicit OtherProcessors(bool bAny) : m_bBefore(gbOtherProcessors.exchange(bAny)) {}
+    ~OtherProcessors() { gbOtherProcessors = m_bBefore; }
+
+private:
+    bool m_bBefore;
+};
+
+/// One wait that looking does not end, or ends: whether it looked at all.
+bool LooksAtAWait(tq_Spin::Waits& waits, bool bPays) {
+    tq_Spin spin(waits);
+    int looks = 0;
+    const bool bPaid = spin.MayPay() && spin.Look(5000, [&] {
+        ++looks;
+        return bPays;
+    });
+    EXPECT_EQ(bPays && looks != 0, bPaid);
+    EXPECT_TRUE(looks == 0 || looks == (bPays ? 1 : 2));
+    return looks != 0;
+}
+
+} // namespace
+
+TEST(Spin, NobodyLooksWhereThereIsOneProcessor) {
+    const OtherProcessors none(false);
+    tq_Spin::Waits waits{0};
+    EXPECT_FALSE(LooksAtAWait(waits, /*bPays=*/true));
+}
+
+TEST(Spin, AfterThreeWaitsInVainOneWaitInAThousandLooks) {
+    const OtherProcessors some(true);
+    tq_Spin::Waits waits{0};
+    int looked = 0;
+    for (int i = 0; i < 3; ++i) {
+        looked += LooksAtAWait(waits, /*bPays=*/false);
+    }
+    EXPECT_EQ(3, looked);
+    for (int i = 0; i < 5000; ++i) {
+        looked += LooksAtAWait(waits, /*bPays=*/false);
+    }
+    EXPECT_EQ(3 + 5, looked);
+}
+
+TEST(Spin, AWaitThatLookingHasEndedBeginsTheCountAgain) {
+    const OtherProcessors some(true);
+    tq_Spin::Waits waits{0};
+    for (int i = 0; i < 100; ++i) {
+        EXPECT_TRUE(LooksAtAWait(waits, /*bPays=*/false));
+        EXPECT_TRUE(LooksAtAWait(waits, /*bPays=*/false));
+        EXPECT_TRUE(LooksAtAWait(waits, /*bPays=*/true));
+    }
+}

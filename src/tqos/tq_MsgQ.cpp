@@ -35,6 +35,7 @@ const tq_IniInteger kIntegerKeys[] = {
 };
 
 constexpr int kMaxMessages = 100000000;
+constexpr long kNanosecondsBetweenLooks = 2000; // of a worker that has nothing to do
 constexpr int kAllPriorities = 0;
 constexpr int kDefaultPriority = 0; // a send takes it as medium
 
@@ -179,7 +180,7 @@ tq_MsgQ::tq_MsgQ(const char* name, const char* description)
       m_pQueueMed(nullptr), m_pQueueLow(nullptr), m_ThreadId(0), m_hSource(0), m_StackSize(0), m_bDone(true),
       m_pszName(nullptr), m_pszDescription(nullptr), m_iHistorySize(0), m_iHistoryIndex(0), m_piHistory(nullptr),
       m_bFullHistory(false), m_bListsUnnamed(false), m_bEndWithoutMessage(false),
-      m_uiWorkerSleep(tq_MsgQInside::kAwake), m_uiLockDepth(0), m_bEndTold(false),
+      m_uiWorkerSleep(tq_MsgQInside::kAwake), m_uiLockDepth(0), m_bEndTold(false), m_uiWaits(0),
       m_uiWorkerState(tq_MsgQInside::kNoWorker), m_uiPins(0), m_pNextCreated(nullptr) {
     tq_LockOrderPlace(&m_CritSecListLock, tq_LockRank::kQueue);
     SetName(name ? name : "");
@@ -301,22 +302,38 @@ bool tq_MsgQInside::Handle(tq_MsgQ& queue, MSG_COMMON* pMsg) {
 /// Takes the next message, or waits until there may be one and returns without; false when the worker is to end without
 /// one.
 bool tq_MsgQInside::NextMessage(tq_MsgQ& queue, MSG_COMMON** ppMsg) {
-    bool bSleep;
+    tq_Spin spin(queue.m_uiWaits);
+    WorkerSleep sleep;
     {
         tq_MsgQLock lock(queue);
         *ppMsg = TakeLocked(queue);
         if (*ppMsg || queue.m_bEndWithoutMessage) {
             return *ppMsg != nullptr;
         }
-        bSleep = MaySleepLocked(queue);
+        sleep = IdleLocked(queue, spin);
     }
-    if (bSleep) {
+    if (sleep == kLooks) {
+        spin.Look(kNanosecondsBetweenLooks,
+                  [&queue] { return queue.m_uiWorkerSleep.load(std::memory_order_relaxed) != kLooks; });
+    } else if (sleep == kSleeps) {
         queue.m_Sem.WaitForSem(-1);
     } else {
         PauseShortly();
     }
     return true;
 }
+
+namespace {
+
+/// Has the processor fetch the list's first message, which its sender's processor may hold still, while the one before
+/// it is handled.
+void FetchFirst(const tq_List& list) {
+    if (const tq_List::_TQ_LIST_ENTRY* const le = tq_ListInside::StateOf(list).pHead) {
+        __builtin_prefetch(le->pNode);
+    }
+}
+
+} // namespace
 
 /// Takes the message that is to be handled next off its list; null when none waits.
 MSG_COMMON* tq_MsgQInside::TakeLocked(tq_MsgQ& queue) {
@@ -326,6 +343,9 @@ MSG_COMMON* tq_MsgQInside::TakeLocked(tq_MsgQ& queue) {
     for (int iPriority = TQ_MSG_PRIORITY_HIGH; !pMsg && iPriority <= lowest; ++iPriority) {
         tq_List* pList = ListOf(queue, iPriority);
         pMsg = pList ? static_cast<MSG_COMMON*>(pList->RemoveHead()) : nullptr;
+        if (pMsg) {
+            FetchFirst(*pList);
+        }
     }
     if (pMsg) {
         AddToHistoryLocked(queue, static_cast<int>(pMsg->command));
@@ -333,16 +353,25 @@ MSG_COMMON* tq_MsgQInside::TakeLocked(tq_MsgQ& queue) {
     return pMsg;
 }
 
-/// From here on whoever has something for the worker wakes it. False when nobody could: a semaphore that got no memory
-/// never blocks.
-bool tq_MsgQInside::MaySleepLocked(tq_MsgQ& queue) {
-    queue.m_uiWorkerSleep = tq_SemInside::Works(queue.m_Sem) ? kSleeps : kAwake;
-    return queue.m_uiWorkerSleep == kSleeps;
+/// How a worker that has found nothing waits: first it looks out for something, where that may pay, and then it sleeps.
+/// From here on whoever has something for it ends that. It stays awake when nobody could: a semaphore that got no
+/// memory never blocks.
+tq_MsgQInside::WorkerSleep tq_MsgQInside::IdleLocked(tq_MsgQ& queue, tq_Spin& spin) {
+    const bool bHasLooked = queue.m_uiWorkerSleep.load(std::memory_order_relaxed) == kLooks;
+    WorkerSleep sleep = tq_SemInside::Works(queue.m_Sem) ? kSleeps : kAwake;
+    if (sleep == kSleeps && !bHasLooked && spin.MayPay()) {
+        sleep = kLooks;
+    }
+    queue.m_uiWorkerSleep.store(sleep, std::memory_order_relaxed);
+    return sleep;
 }
 
 void tq_MsgQInside::WakeLocked(tq_MsgQ& queue) {
-    if (queue.m_uiWorkerSleep == kSleeps) {
-        queue.m_uiWorkerSleep = kToBeWoken; // when the queue has been left, see Unlock()
+    const unsigned char sleep = queue.m_uiWorkerSleep.load(std::memory_order_relaxed);
+    if (sleep == kSleeps) {
+        queue.m_uiWorkerSleep.store(kToBeWoken, std::memory_order_relaxed); // when the queue is left, see Unlock()
+    } else if (sleep == kLooks) {
+        queue.m_uiWorkerSleep.store(kAwake, std::memory_order_relaxed);
     }
 }
 
@@ -416,13 +445,13 @@ void tq_MsgQ::Unlock() {
     m_uiLockDepth -= 1;
     const bool bLast = m_uiLockDepth == 0;
     const bool bNameLists = bLast && m_bListsUnnamed;
-    const bool bWake = bLast && m_uiWorkerSleep == tq_MsgQInside::kToBeWoken;
+    const bool bWake = bLast && m_uiWorkerSleep.load(std::memory_order_relaxed) == tq_MsgQInside::kToBeWoken;
     if (bNameLists) {
         m_bListsUnnamed = false;
         tq_MsgQInside::Pin(*this);
     }
     if (bWake) {
-        m_uiWorkerSleep = tq_MsgQInside::kAwake;
+        m_uiWorkerSleep.store(tq_MsgQInside::kAwake, std::memory_order_relaxed);
     }
     m_CritSecListLock.Leave();
     // Naming takes the registry's lock, which comes before a queue's: so not in Send(), which may have been called with

@@ -8,7 +8,8 @@
 /// - The worker's last touch of the queue is m_SemThreadExit.Set(); whoever saw the event may free the queue.
 /// - A thread of the library that uses a queue without owning it pins it (m_uiPins) while it is certain to exist; the
 ///   destructor waits for the pins.
-/// - A worker that finds nothing says so in m_uiWorkerSleep (kSleeps), and only then waits on m_Sem. Whoever has
+/// - A worker that finds nothing says so in m_uiWorkerSleep. With kLooks it looks out for another value a while, and
+///   whoever has something for it writes kAwake. With kSleeps, and only then, it waits on m_Sem. Whoever has
 ///   something for it turns that into kToBeWoken; whoever then leaves the lock last turns it into kAwake and has one
 ///   unit of m_Sem to release outside. Nobody else releases one, so the worker, and with it the queue, is there until
 ///   then.
@@ -17,14 +18,16 @@
 /// lists (both taken when a queue is named). Nobody waits for a worker or a pin with one of them held.
 ///
 /// Guarded by the queue's lock: the lists, name, description, history, m_bListsUnnamed, m_bEndWithoutMessage,
-/// m_uiWorkerSleep, m_uiLockDepth. Guarded by the registry's lock as well (either will do to read): the name.
-/// Guarded by the mutex of the list of created queues: m_pNextCreated.
+/// m_uiWorkerSleep (which a worker that looks out also reads without it), m_uiLockDepth. The worker's alone: m_uiWaits.
+/// Guarded by the registry's lock as well (either will do to read): the name. Guarded by the mutex of the list of
+/// created queues: m_pNextCreated.
 #ifndef TQ_MSGQ_P_H
 #define TQ_MSGQ_P_H
 
 #include "tq_Gate_p.h"
 #include "tq_List_p.h"
 #include "tq_MsgQ.h"
+#include "tq_Spin_p.h"
 
 /// Open while there is a registry.
 extern tq_Gate gMsgQRegistryGate;
@@ -98,7 +101,7 @@ struct tq_MsgQInside {
         kWorkerLeaves, ///< it has left its loop; m_SemThreadExit tells when it is done with the queue
     };
 
-    enum WorkerSleep : unsigned char { kAwake, kSleeps, kToBeWoken };
+    enum WorkerSleep : unsigned char { kAwake, kLooks, kSleeps, kToBeWoken };
 
     // What reports show. The queue is locked.
     static const char* Name(const tq_MsgQ& queue) { return queue.m_pszName; }
@@ -121,7 +124,7 @@ struct tq_MsgQInside {
     static bool Handle(tq_MsgQ& queue, MSG_COMMON* pMsg);
     static bool NextMessage(tq_MsgQ& queue, MSG_COMMON** ppMsg);
     static MSG_COMMON* TakeLocked(tq_MsgQ& queue);
-    static bool MaySleepLocked(tq_MsgQ& queue);
+    static WorkerSleep IdleLocked(tq_MsgQ& queue, tq_Spin& spin);
     static void SayWorkerIsDone(tq_MsgQ& queue);
 
     // Sending

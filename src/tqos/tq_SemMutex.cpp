@@ -14,6 +14,7 @@
 
 std::atomic<bool> gbUseMutexesForCritSecs{true};
 std::atomic<bool> gbSchedYield{false};
+std::atomic<bool> gbOtherProcessors{false};
 
 pthread_mutex_t gSemListMutex = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
 std::atomic<bool> gbTrackSems{false};
@@ -23,6 +24,9 @@ namespace {
 
 constexpr char kRowFormat[] = "0x%08x %10u %s %s %6u %s\r\n";
 constexpr int kNameColumn = 36;
+
+/// While a thread waits for a mutex: the time for some ten uses of what it guards.
+constexpr long kNanosecondsBetweenLooks = 5000;
 
 struct CodeText {
     unsigned int code;
@@ -181,8 +185,19 @@ unsigned int OwnerIn(unsigned int ownerThread) {
     return ownerThread & ~kNoThreadsBit;
 }
 
+/// Makes the mutex the thread's if it is free right now.
+inline bool TakeIfFree(MutexStruct& mutex, unsigned int me) {
+    unsigned int free = 0;
+    return mutex.ownerThread.load(std::memory_order_relaxed) == free &&
+           mutex.ownerThread.compare_exchange_strong(free, me, std::memory_order_acquire, std::memory_order_relaxed);
+}
+
 /// Waits until the mutex is the thread's; false when the time is up first.
 [[gnu::noinline]] bool WaitToOwn(MutexStruct& mutex, unsigned int me, const struct timespec* pDeadline) {
+    tq_Spin spin(mutex.waits);
+    if (spin.MayPay() && spin.Look(kNanosecondsBetweenLooks, [&mutex, me] { return TakeIfFree(mutex, me); })) {
+        return true;
+    }
     unsigned int owner = mutex.ownerThread.load(std::memory_order_relaxed);
     for (;;) {
         if (owner == 0) {
@@ -207,13 +222,9 @@ unsigned int OwnerIn(unsigned int ownerThread) {
 /// Makes the mutex the thread's once, or once more; false when the time is up first.
 inline bool Take(MutexStruct& mutex, const struct timespec* pDeadline) {
     const unsigned int me = tq_GetThreadId();
-    unsigned int owner = mutex.ownerThread.load(std::memory_order_relaxed);
-    if (OwnerIn(owner) != me) {
-        const bool bWasFree = owner == 0 && mutex.ownerThread.compare_exchange_strong(
-                                                owner, me, std::memory_order_acquire, std::memory_order_relaxed);
-        if (!bWasFree && !WaitToOwn(mutex, me, pDeadline)) {
-            return false;
-        }
+    const bool bIsOwner = OwnerIn(mutex.ownerThread.load(std::memory_order_relaxed)) == me;
+    if (!bIsOwner && !TakeIfFree(mutex, me) && !WaitToOwn(mutex, me, pDeadline)) {
+        return false;
     }
     // Deliberate: a critical section asked to be non-recursive would be expected to block, or to report, when its owner
     // enters it again. The second entry is counted like any other, and needs a leave of its own.
@@ -380,7 +391,18 @@ extern "C" void tq_SemDisableSemTracking() {
     }
 }
 
+namespace {
+
+/// Where the thread that starts the library may run; those that it starts later may run there as well.
+bool MayRunOnSeveralProcessors() {
+    cpu_set_t processors;
+    return sched_getaffinity(0, sizeof(processors), &processors) == 0 && CPU_COUNT(&processors) > 1;
+}
+
+} // namespace
+
 extern "C" unsigned int tq_SemMutexInitialize() {
+    gbOtherProcessors.store(MayRunOnSeveralProcessors(), std::memory_order_relaxed);
     gbTrackSems.store(false, std::memory_order_relaxed);
     bool bTracking = false;
     bool bUseMutexes = true;

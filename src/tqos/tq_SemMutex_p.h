@@ -17,11 +17,13 @@
 #include "tq_SemCritSec.h"
 #include "tq_SemMutex.h"
 #include "tq_SemSemaphore.h"
+#include "tq_Spin_p.h"
 
 /// What a tq_SemMutex points to.
 typedef struct _MutexStruct {
     int instances;                         ///< how often the owner has taken it and not yet released it
     std::atomic<unsigned int> ownerThread; ///< tq_GetThreadId() of the owner, and a mark when others wait; 0: free
+    tq_Spin::Waits waits;                  ///< by threads that found it taken, since looking has last paid
 } MutexStruct;
 
 #if __SIZEOF_POINTER__ == 4
