@@ -773,6 +773,18 @@ TEST(NetworkFace, MaxViewersRefusesFurtherOnes) {
     EXPECT_EQ(2u, ViewersOf(handle));
 }
 
+TEST(NetworkFace, MaxViewersCountsAsTheMostThatThereAreWhenItIsMore) {
+    Library library(std::string(kViewed) + "MaxViewers=1000\n");
+    const unsigned int handle = tq_TraceInitInstance("T");
+    const unsigned int hSocket = SenderSocket(handle);
+    for (unsigned int i = 0; i < 130; ++i) {
+        SendFrom(i, tq_SocketGetBoundPort(hSocket), Wire("TRACEON/"));
+        ASSERT_TRUE(WaitUntil([&] { return ViewersOf(handle) == std::min(i + 1, 128u); })) << i;
+    }
+    ASSERT_TRUE(WaitUntil([&] { return IsWorkedOff(hSocket, gpTraceMsgQ->GetHandle()); }));
+    EXPECT_EQ(128u, ViewersOf(handle));
+}
+
 TEST(NetworkFace, AllowedViewersTakesRequestsFromNobodyElse) {
     const struct {
         const char* pszAllowed;
@@ -785,7 +797,7 @@ TEST(NetworkFace, AllowedViewersTakesRequestsFromNobodyElse) {
         {"127.1.1.77/16", {true, true, true}},
         {"0.0.0.0/0", {true, true, true}},
         {"10.0.0.0/8", {false, false, false}},
-        {"127.1.0.1/33,127.1.0.1/,127.1.0.1/x,127.1.0,nobody", {false, false, false}},
+        {"127.1.0.1/33,127.1.0.1/,127.1.0.1/x,127.1.0.1/32x,127.1.0,nobody", {false, false, false}},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.pszAllowed);
@@ -801,6 +813,23 @@ TEST(NetworkFace, AllowedViewersTakesRequestsFromNobodyElse) {
             EXPECT_TRUE(WaitUntil([&] { return ViewersOf(handle) == expected; }));
         }
     }
+}
+
+TEST(NetworkFace, AllowedViewersHasRoomFor32Networks) {
+    std::string allowed;
+    for (unsigned int i = 1; i <= 31; ++i) {
+        allowed += "10.0.0." + std::to_string(i) + " ";
+    }
+    Library library(std::string(kViewed) + "AllowedViewers=" + allowed + "127.1.0.1 127.1.0.2\n");
+    const unsigned int handle = tq_TraceInitInstance("T");
+    const unsigned int hSocket = SenderSocket(handle);
+    const unsigned int port = tq_SocketGetBoundPort(hSocket);
+    const Fd viewers[] = {SendFrom(1, port, Wire("TRACEON/")), SendFrom(0, port, Wire("TRACEON/"))};
+    ASSERT_TRUE(WaitUntil([&] { return ViewersOf(handle) == 1; }));
+    ASSERT_TRUE(WaitUntil([&] { return IsWorkedOff(hSocket, gpTraceMsgQ->GetHandle()); }));
+    tq_Trace(handle, TQ_TRACE_LEVEL_WARNING, 1, true, "to the 32nd\n");
+    EXPECT_TRUE(test::WaitReadable(viewers[1]));
+    EXPECT_EQ(1u, ViewersOf(handle));
 }
 
 // Datagrams
