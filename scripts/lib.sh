@@ -30,12 +30,20 @@ install_packages() {
     [ $# -gt 0 ] || return 0
     have apt-get || die "missing on this machine, and there is no apt-get to install it: $*"
     say "installing what is missing: $*"
-    if [ -z "${apt_lists_are_fresh:-}" ]; then
-        as_root apt-get update -qq || die "apt-get update failed"
-        apt_lists_are_fresh=yes
-    fi
-    as_root env DEBIAN_FRONTEND=noninteractive apt-get install -qq -y --no-install-recommends "$@" >/dev/null ||
-        die "could not install: $*"
+    refresh_lists
+    apt_get install "$@" || die "could not install: $*"
+}
+
+# refresh_lists: once, before the first thing that is installed.
+refresh_lists() {
+    [ -z "${apt_lists_are_fresh:-}" ] || return 0
+    as_root apt-get update -qq || die "apt-get update failed"
+    apt_lists_are_fresh=yes
+}
+
+# apt_get COMMAND ARGUMENT...: without questions.
+apt_get() {
+    as_root env DEBIAN_FRONTEND=noninteractive apt-get "$1" -qq -y --no-install-recommends "${@:2}" >/dev/null
 }
 
 # compiler_makes FLAGS...: whether the compiler builds a program with them.
