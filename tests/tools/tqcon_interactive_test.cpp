@@ -54,12 +54,16 @@ TEST(Completion, GoesOnWithCommandsAndWithNames) {
         {"send sampler p", 13, {}},
         {"sh det q 1", 9, {"10", "12"}},
         {"sh det q sa", 9, {"10"}},
+        {"send 1", 5, {"10", "12"}},
+        {"set his 2", 8, {"20", "21"}},
         {"sh det so dev", 10, {"16"}},
+        {"sh so ", 6, {}},
         {"close socket ", 13, {"15", "16"}},
         {"sh has d", 7, {"11"}},
         {"sh l dev", 5, {"\"Device: Clients\""}},
         {"sh l sort=-n", 5, {"sort=-name"}},
         {"sh det tr d", 10, {"device"}},
+        {"sh det tr 7", 10, {"7"}},
         {"set tr lev w", 11, {"Warning"}},
         {"set tr lev warn t", 16, {"tqos"}},
         {"set sem o", 8, {"on", "off"}},
@@ -216,6 +220,49 @@ TEST_P(InteractiveWithDevice, SaysThatTheDeviceHasEndedTheSession) {
     device.End();
     tqcon.Terminal().ReadTo("the connection has ended: the other side has closed it");
     EXPECT_EQ(3, tqcon.WaitForEnd());
+}
+
+struct NamePlace {
+    const char* pszTyped;    ///< and the tabulator behind it
+    const char* pszGoesOn;   ///< typed behind what that makes of it
+    const char* pszAnswered; ///< by the device, which would refuse what was typed as it stands
+};
+
+// Every place of a command where a queue, a socket, a list or a trace instance is named.
+constexpr NamePlace kNamePlaces[] = {
+    {"show summary samp", "", "one sample every "},
+    {"show detail sockets \"device: t", "", "Details for socket handle: "},
+    {"show detail queues samp", "", "No High Priority Messages enqueued."},
+    {"show lists \"device: c", "", "Total matching Lists: 1\r\n"},
+    {"show hlists \"tqos: all q", "", "Total matching Lists: 1\r\n"},
+    {"show hashes \"tqos: all q", "", " there is 1 hash "},
+    {"show detail trace dev", "", "  Name:                  device\r\n"},
+    {"send samp", "period", "one sample every "},
+    {"set trace enable stdout dev", "", " device\r\n"},
+    {"set trace disable stderr dev", "", " device\r\n"},
+    {"set trace disable multicast dev", "", " device\r\n"},
+    {"set trace disable devstudio dev", "", " device\r\n"},
+    {"set trace disable file dev", "", " device\r\n"},
+    {"set trace enable timestamp dev", "", " device\r\n"},
+    {"set trace enable threadid dev", "", " device\r\n"},
+    {"set trace level debug dev", "", " Debug "},
+    {"set trace category all dev", "", " device\r\n"},
+    {"set history samp", "5", "Queue History set to 5."},
+    {"close timer samp", "77", "Could not find a matching Timer."},
+    {"close socket \"device: loc", "", "\r\n"},
+};
+
+TEST_P(InteractiveWithDevice, NamesAreCompletedWhereverOneIsTaken) {
+    test::DemoDevice device(Program());
+    setenv("NO_COLOR", "1", 1);
+    OnTerminal tqcon(device.ConsolePort());
+    tqcon.Terminal().ReadTo("\r\n\r\n>");
+    for (const NamePlace& place : kNamePlaces) {
+        SCOPED_TRACE(place.pszTyped);
+        tqcon.Type(std::string(place.pszTyped) + "\t" + place.pszGoesOn + "\r", place.pszAnswered);
+        tqcon.Terminal().ReadTo(">");
+    }
+    EXPECT_TRUE(Has(tqcon.Type("sh so\r", "Device: local"), "T X DOMAIN-Client"));
 }
 
 /// A console in this process, which can answer whenever it likes.

@@ -48,9 +48,13 @@ public:
         }
     }
 
-    /// By name: for commands that take one.
+    /// By name: for commands that take one. They take a number as well, which is completed where it has been begun.
     void AddNames(Argument argument) {
+        const bool bNumber = !m_word.empty() && isdigit(static_cast<unsigned char>(m_word[0]));
         for (const Named& named : m_names(argument)) {
+            if (bNumber && Add(named.number, named.number, named.number + " " + named.name)) {
+                continue;
+            }
             if (!named.name.empty()) {
                 Add(named.name, Quoted(named.name), Quoted(named.name));
             }
@@ -90,6 +94,11 @@ void AddArguments(Argument argument, const Command& command, Collector* pCollect
         }
         break;
     case Argument::Socket:
+        if (command.name == "show sockets" && !command.bDetail) {
+            break; // without DETail it takes none
+        }
+        pCollector->AddNumbers(argument);
+        break;
     case Argument::List:
         pCollector->AddNumbers(argument);
         break;
