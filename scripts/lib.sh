@@ -148,6 +148,7 @@ prepare_to_test() {
     have doxygen || packages+=(doxygen)
     have pandoc || packages+=(pandoc)
     have help2man || packages+=(help2man)
+    have go || packages+=(golang-go) # for pprof, which reads what tqcon writes
     install_packages ${packages[@]+"${packages[@]}"}
 }
 

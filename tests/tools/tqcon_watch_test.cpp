@@ -140,6 +140,7 @@ tqcon::Hunt SomeHunt() {
     hunt.leaks = {{"src/a.cpp", 17, 300, 30000}, {"src/b.cpp", 4, 1, 16}};
     hunt.seconds = 2.5;
     hunt.beganNs = 1600000000000000000;
+    hunt.device = "10.0.0.7:2323";
     return hunt;
 }
 
@@ -269,6 +270,36 @@ TEST(Leaks, AProfileIsCompressedAsGzipDoes) {
     const std::string profile = tqcon::LeaksProfile(SomeHunt());
     EXPECT_EQ(profile, Unzipped(tqcon::Gzipped(profile)));
     EXPECT_EQ("", Unzipped(tqcon::Gzipped("")));
+}
+
+/// What pprof says when it is asked for a profile.
+std::string Pprof(const std::string& file, const std::string& sampleIndex, const std::string& unit) {
+    const test::ChildResult result = test::RunTool({{"/usr/bin/env", "go", "tool", "pprof", "-top", "-nodefraction=0",
+                                                     "-unit=" + unit, "-sample_index=" + sampleIndex, file},
+                                                    {},
+                                                    ""});
+    EXPECT_EQ(0, result.code) << result.standardError;
+    EXPECT_EQ("", result.standardError);
+    return result.standardOut;
+}
+
+bool HasPprof() {
+    return test::RunTool({{"/usr/bin/env", "go", "tool", "-n", "pprof"}, {}, ""}).code == 0;
+}
+
+TEST(Leaks, PprofReadsAProfile) {
+    const test::ScratchDirectory directory;
+    if (!HasPprof()) {
+        GTEST_SKIP() << "no pprof here: it comes with Go";
+    }
+    test::WriteFile("leaks.pb.gz", tqcon::Gzipped(tqcon::LeaksProfile(SomeHunt())));
+    const std::string bytes = Pprof("leaks.pb.gz", "inuse_space", "B");
+    EXPECT_EQ(0u, bytes.find("File: 10.0.0.7:2323\nType: inuse_space\n")) << bytes;
+    EXPECT_TRUE(test::CountOf(bytes, "30000B 99.95% 99.95%") == 1 && test::CountOf(bytes, "  src/a.cpp:17\n") == 1 &&
+                test::CountOf(bytes, "  src/b.cpp:4\n") == 1)
+        << bytes;
+    const std::string blocks = Pprof("leaks.pb.gz", "inuse_objects", "count");
+    EXPECT_EQ(1u, test::CountOf(blocks, "Showing nodes accounting for 301, 100% of 301 total")) << blocks;
 }
 
 // With the device

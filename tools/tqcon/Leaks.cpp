@@ -39,6 +39,7 @@ public:
                 "in the [Memory] section of its tqos.ini");
         }
         Json ignored;
+        m_hunt.device = m_options.address.host + ":" + m_options.address.port;
         m_began = Clock::now();
         m_hunt.beganNs = std::chrono::nanoseconds(std::chrono::system_clock::now().time_since_epoch()).count();
         return AskDevice("set memory", &ignored);

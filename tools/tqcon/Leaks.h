@@ -25,6 +25,7 @@ struct Hunt {
     long long heapChange = 0; ///< bytes that came from the heap since, where no pool has so large a block
     double seconds = 0;
     long long beganNs = 0; ///< since 1970
+    std::string device;    ///< where it is
 };
 
 /// Marks what there is, waits, and writes what has come since and is still there.

@@ -12,6 +12,7 @@ namespace {
 enum ProfileField {
     kSampleType = 1,
     kSample = 2,
+    kMapping = 3,
     kLocation = 4,
     kFunction = 5,
     kStringTable = 6,
@@ -23,7 +24,8 @@ enum ProfileField {
 };
 enum ValueTypeField { kType = 1, kUnit = 2 };
 enum SampleField { kSampleLocation = 1, kSampleValue = 2 };
-enum LocationField { kLocationId = 1, kLocationLine = 4 };
+enum MappingField { kMappingId = 1, kMappingFile = 5, kHasFunctions = 7, kHasFiles = 8, kHasLines = 9 };
+enum LocationField { kLocationId = 1, kLocationMapping = 2, kLocationLine = 4 };
 enum LineField { kLineFunction = 1, kLineNumber = 2 };
 enum FunctionField { kFunctionId = 1, kFunctionName = 2, kFunctionFile = 4 };
 
@@ -96,6 +98,19 @@ Message ValueType(const char* pszType, const char* pszUnit, Strings* pStrings) {
     return type;
 }
 
+constexpr unsigned long long kTheMapping = 1;
+
+/// The device in place of a program's file: readers name what a profile is of, and look for symbols where it has none.
+void AddMapping(const Hunt& hunt, Strings* pStrings, Message* pProfile) {
+    Message mapping;
+    mapping.Add(kMappingId, kTheMapping);
+    mapping.Add(kMappingFile, pStrings->NumberOf(hunt.device));
+    for (const MappingField has : {kHasFunctions, kHasFiles, kHasLines}) {
+        mapping.Add(has, 1);
+    }
+    pProfile->Add(kMapping, mapping);
+}
+
 /// A place is a location of its own, and a function of its own: of the device's functions nothing is known.
 void AddLeak(const Leak& leak, unsigned long long id, Strings* pStrings, Message* pProfile) {
     Message function;
@@ -109,6 +124,7 @@ void AddLeak(const Leak& leak, unsigned long long id, Strings* pStrings, Message
     line.Add(kLineNumber, leak.line);
     Message location;
     location.Add(kLocationId, id);
+    location.Add(kLocationMapping, kTheMapping);
     location.Add(kLocationLine, line);
     pProfile->Add(kLocation, location);
 
@@ -125,6 +141,7 @@ std::string LeaksProfile(const Hunt& hunt) {
     Message profile;
     profile.Add(kSampleType, ValueType("inuse_objects", "count", &strings));
     profile.Add(kSampleType, ValueType("inuse_space", "bytes", &strings));
+    AddMapping(hunt, &strings, &profile);
     unsigned long long id = 0;
     for (const Leak& leak : hunt.leaks) {
         AddLeak(leak, ++id, &strings, &profile);
