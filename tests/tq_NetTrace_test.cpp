@@ -16,6 +16,7 @@
 
 #include "MemoryCap.h"
 #include "OwnNetwork.h"
+#include "PageExample.h"
 #include "SocketPeers.h"
 #include "TestSupport.h"
 #include "tq_Base.h"
@@ -1128,6 +1129,44 @@ TEST(NetTraceNetwork, AnnouncesItselfSoonAndThenEvery10Seconds) {
         EXPECT_EQ(expected, listener.NextWith(""));
         EXPECT_EQ(0, tq_TraceDisableMulticast(handle));
         EXPECT_TRUE(WaitForNoTimers());
+    });
+}
+
+/// The parts of the page's example: a viewer, an instance "T", and who listens for announcements.
+class PagePlayer {
+public:
+    void Play(const test::Spoken& spoken) {
+        if (spoken.speaker == "group") {
+            const std::string announced = m_listener.NextWith("");
+            EXPECT_TRUE(spoken.Is(announced)) << announced;
+        } else if (spoken.speaker == "viewer") {
+            m_viewer.Send(PortOfInstance(m_handle), spoken.Bytes(), "10.99.1.1");
+            WaitUntilHandled(m_handle);
+        } else if (spoken.speaker == "traced") {
+            Line(m_handle, spoken.Bytes());
+        } else {
+            ASSERT_EQ("device", spoken.speaker);
+            const std::string datagram = m_viewer.Next();
+            EXPECT_TRUE(spoken.Is(datagram)) << datagram;
+        }
+    }
+    bool IsToldMore() const { return m_viewer.HasMore(); }
+
+private:
+    Listener m_listener;
+    Library m_library{kIni};
+    unsigned int m_handle = tq_TraceInitInstance("T");
+    Viewer m_viewer{"10.99.1.1"};
+};
+
+TEST(NetTraceNetwork, SpeaksAsThePageOfItsProtocolSays) {
+    RUN_IN_NETWORK([] {
+        PagePlayer player;
+        for (const test::Spoken& spoken : test::PageExample("trace-protocol.md")) {
+            SCOPED_TRACE(spoken.line);
+            player.Play(spoken);
+        }
+        EXPECT_FALSE(player.IsToldMore());
     });
 }
 

@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include "ConsoleFixture.h"
+#include "PageExample.h"
 #include "TerminalProgram.h"
 
 namespace {
@@ -55,6 +56,24 @@ TEST_P(ConsoleSession, RunsThroughTheRealClientToo) {
     test::TelnetProgram telnet(console.Port());
     telnet.Terminal().ReadTo(GetParam().pszPassword ? "login: " : "\r\n\r\n>");
     test::RunSession(telnet.Terminal(), test::SessionFile(GetParam().pszName), console.TheValues());
+}
+
+TEST(Telnet, SpeaksAsThePageOfItsProtocolSays) {
+    Console console("sesame");
+    ConsoleClient client(console.Port());
+    for (const test::Spoken& spoken : test::PageExample("console-protocol.md")) {
+        SCOPED_TRACE(spoken.line);
+        if (spoken.speaker == "client") {
+            client.Send(spoken.Bytes());
+            continue;
+        }
+        ASSERT_EQ("device", spoken.speaker);
+        ASSERT_TRUE(client.Expect(spoken.Bytes()));
+        for (size_t i = 1; i < spoken.pieces.size(); ++i) {
+            client.ReadTo(spoken.pieces[i]);
+        }
+    }
+    EXPECT_TRUE(client.IsClosed());
 }
 
 INSTANTIATE_TEST_SUITE_P(Telnet, ConsoleSession,
