@@ -483,6 +483,11 @@ void tq_List::ReduceListNodes() {
 
 namespace {
 
+/// Out of line, so that who adds without hashes does not prepare, as code for 32 bits has to, a call out of this file.
+[[gnu::noinline]] void AddToHashesOf(tq_List& list, void* pNode) {
+    list.AddToHashes(pNode);
+}
+
 /// The usual case, in which nothing has to be called: an unsorted list with an entry in the pool. False, with nothing
 /// changed, for any other. The hashes are left to the caller.
 inline bool AddAtOnce(State& li, void* pNode, bool bAtHead) {
@@ -526,7 +531,7 @@ void tq_List::AddNode(void* pNode) {
 void tq_List::AddToHead(void* pNode) {
     if (AddAtOnce(m_li, pNode, /*bAtHead=*/true)) {
         if (m_li.pHash) {
-            AddToHashes(pNode);
+            AddToHashesOf(*this, pNode);
         }
         return;
     }
@@ -537,7 +542,7 @@ void tq_List::AddToHead(void* pNode) {
 void tq_List::AddToTail(void* pNode) {
     if (AddAtOnce(m_li, pNode, /*bAtHead=*/false)) {
         if (m_li.pHash) {
-            AddToHashes(pNode);
+            AddToHashesOf(*this, pNode);
         }
         return;
     }
