@@ -491,15 +491,16 @@ TEST(Memory, NoBlockOfManyThreadsIsCountedTwiceOrForgotten) {
     }
 }
 
-TEST(Memory, ItsLockKeepsThreadsApartAndLetsItsOwnerInAgain) {
+namespace {
+
+/// Several threads that enter a lock, and enter it again, and count under it; what they have counted.
+int CountUnderALock(int threads, int turnsOfEach) {
     static myCritSec lock(tq_LockRank::kLeaf);
-    constexpr int kThreads = 4;
-    constexpr int kTurns = 50000;
     int turns = 0; // guarded by the lock
-    std::vector<std::thread> threads;
-    for (int i = 0; i < kThreads; ++i) {
-        threads.emplace_back([&turns] {
-            for (int turn = 0; turn < kTurns; ++turn) {
+    std::vector<std::thread> workers;
+    for (int i = 0; i < threads; ++i) {
+        workers.emplace_back([&turns, turnsOfEach] {
+            for (int turn = 0; turn < turnsOfEach; ++turn) {
                 const myCritSecLock once(lock);
                 ++turns;
                 const myCritSecLock again(lock);
@@ -507,10 +508,20 @@ TEST(Memory, ItsLockKeepsThreadsApartAndLetsItsOwnerInAgain) {
             }
         });
     }
-    for (std::thread& thread : threads) {
-        thread.join();
+    for (std::thread& worker : workers) {
+        worker.join();
     }
-    EXPECT_EQ(2 * kThreads * kTurns, turns);
+    return turns;
+}
+
+} // namespace
+
+TEST(Memory, ItsLockKeepsThreadsApartAndLetsItsOwnerInAgain) {
+    for (const bool bOtherProcessors : {false, true}) { // whoever waits sleeps at once, or looks again first
+        const bool bBefore = gbOtherProcessors.exchange(bOtherProcessors);
+        EXPECT_EQ(2 * 4 * 50000, CountUnderALock(4, 50000));
+        gbOtherProcessors = bBefore;
+    }
 }
 
 TEST(Memory, NothingIsCountedWithoutTracking) {

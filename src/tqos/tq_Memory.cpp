@@ -510,6 +510,14 @@ void* Reallocate(void* pointer, unsigned int newSize, const CallSite& site) {
 } // namespace
 
 void myCritSec::Wait() {
+    tq_Spin spin(m_waits);
+    if (spin.MayPay() && spin.Look(kNanosecondsBetweenLooks, [this] {
+            unsigned int state = m_state.load(std::memory_order_relaxed);
+            return state == kFree &&
+                   m_state.compare_exchange_strong(state, kTaken, std::memory_order_acquire, std::memory_order_relaxed);
+        })) {
+        return;
+    }
     // Awaited from here on, also when this thread gets it: others may be asleep still, and nobody else remembers them.
     while (m_state.exchange(kAwaited, std::memory_order_acquire) != kFree) {
         tq_Futex::Sleep(m_state, static_cast<unsigned int>(kAwaited), nullptr);

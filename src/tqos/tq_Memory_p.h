@@ -31,6 +31,7 @@
 #include "tq_Futex_p.h"
 #include "tq_LockOrder_p.h"
 #include "tq_Memory.h"
+#include "tq_Spin_p.h"
 
 /// The memory module's own lock, which the thread that holds it may take again. The library's lock classes allocate, so
 /// they cannot serve here. It is never destroyed: threads may free memory until the process ends.
@@ -65,6 +66,7 @@ public:
 
 private:
     enum : unsigned int { kFree, kTaken, kAwaited };
+    static constexpr long kNanosecondsBetweenLooks = 1000; ///< a pool's holder gets some twenty blocks done meanwhile
 
     /// The calling thread, by what it has for itself alone.
     static const void* Me() {
@@ -74,6 +76,7 @@ private:
     void Wait();
 
     std::atomic<unsigned int> m_state{kFree};
+    tq_Spin::Waits m_waits{0};
     unsigned int m_times = 0;                   ///< that the owner has entered it; the owner's alone
     std::atomic<const void*> m_pOwner{nullptr}; ///< only the owner ever finds itself here
 };
