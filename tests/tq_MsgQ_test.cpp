@@ -1475,6 +1475,45 @@ TEST(MsgQ, QueuesWhoseHandlesShareAPlaceAreAllReached) {
     }
 }
 
+TEST(MsgQ, WakeUpsThatArePutOffComeAtTheEndOfTheScope) {
+    test::Library library;
+    std::vector<std::unique_ptr<RecordingQueue>> queues;
+    for (int i = 0; i < 40; ++i) { // more than are put off
+        queues.push_back(std::make_unique<RecordingQueue>(test::kRunning));
+        ASSERT_TRUE(queues.back()->WaitForCount(1)); // MSG_CREATE
+    }
+    for (unsigned int round = 0; round < 20; ++round) {
+        {
+            const tq_WakeQueuesLater later;
+            for (const auto& pQueue : queues) {
+                for (unsigned int i = 0; i < 3; ++i) {
+                    EXPECT_TRUE(tq_MsgCreateCommonAndSend(0, pQueue->GetHandle(), MSG_USER, i, 0, 0, false, 2));
+                }
+            }
+        }
+        for (const auto& pQueue : queues) {
+            ASSERT_TRUE(pQueue->WaitForCount(1 + 3 * (round + 1)));
+        }
+    }
+}
+
+TEST(MsgQ, AQueueWhoseWakeUpIsPutOffEndsAfterIt) {
+    test::Library library;
+    for (int round = 0; round < 50; ++round) {
+        RecordingQueue queue(test::kRunning);
+        ASSERT_TRUE(queue.WaitForCount(1));
+        std::thread ending;
+        {
+            const tq_WakeQueuesLater later;
+            EXPECT_TRUE(tq_MsgCreateCommonAndSend(0, queue.GetHandle(), MSG_USER, 7, 0, 0, false, 2));
+            ending = std::thread([&queue] { queue.Cleanup(); });
+        }
+        ending.join();
+        ASSERT_LE(2u, queue.Seen().size());
+        EXPECT_EQ(7u, queue.Seen()[1].instance);
+    }
+}
+
 TEST(MsgQ, LateSendersFindNothingWhileTheLibraryStopsAndStarts) {
     std::atomic<bool> bStop{false};
     std::vector<std::thread> senders;

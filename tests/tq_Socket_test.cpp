@@ -2405,6 +2405,98 @@ TEST(Socket, LayerCanBeStoppedWhileOthersUseIt) {
     acceptor.join();
 }
 
+namespace {
+
+/// A thread that is in the middle of sending a byte, until the peer reads: its descriptor has been made to wait.
+class SendingThread {
+public:
+    explicit SendingThread(const StalledConnection& connection) {
+        const int descriptor = static_cast<int>(Field(connection.hSocket, &SOCKET_INSTANCE::socket));
+        EXPECT_EQ(0, fcntl(descriptor, F_SETFL, fcntl(descriptor, F_GETFL) & ~O_NONBLOCK));
+        const unsigned int hSocket = connection.hSocket;
+        m_thread = std::thread([hSocket] { EXPECT_EQ(1u, tq_SocketSendTo(hSocket, Bytes("1"), 1, 0, 0)); });
+        EXPECT_TRUE(WaitUntil([hSocket] { return Field(hSocket, &SOCKET_INSTANCE::bSending); }));
+    }
+    ~SendingThread() { m_thread.join(); }
+    SendingThread(const SendingThread&) = delete;
+    SendingThread& operator=(const SendingThread&) = delete;
+
+private:
+    std::thread m_thread;
+};
+
+} // namespace
+
+TEST(Socket, WhileAThreadSendsTheLayerServesOthers) {
+    Library library;
+    RecordingQueue queue(kRunning);
+    Connection other(queue);
+    StalledConnection connection(queue);
+    {
+        const SendingThread sending(connection);
+        EXPECT_EQ(5u, tq_SocketSendTo(other.hSocket, Bytes("hello"), 5, 0, 0));
+        EXPECT_EQ("hello", ReadBytes(other.peer, 5));
+        SendAll(other.peer, "answer");
+        EXPECT_EQ("answer", RecvAll(other.hSocket, 6));
+        EXPECT_EQ(connection.filled + 1, ReadBytes(connection.peer, connection.filled + 1).size());
+    }
+    EXPECT_FALSE(Field(connection.hSocket, &SOCKET_INSTANCE::bSending));
+}
+
+TEST(Socket, WhoSendsOnTheSameSocketComesAfterWhoSends) {
+    Library library;
+    RecordingQueue queue(kRunning);
+    StalledConnection connection(queue);
+    std::string bytes;
+    {
+        const SendingThread sending(connection);
+        std::thread next([&] { EXPECT_EQ(1u, tq_SocketSendTo(connection.hSocket, Bytes("2"), 1, 0, 0)); });
+        bytes = ReadBytes(connection.peer, connection.filled + 2);
+        next.join();
+    }
+    ASSERT_EQ(connection.filled + 2, bytes.size());
+    EXPECT_EQ("12", bytes.substr(connection.filled));
+}
+
+TEST(Socket, AClosedSocketGoesWhenNobodySendsOnItAnyMore) {
+    Library library;
+    RecordingQueue queue(kRunning);
+    StalledConnection connection(queue);
+    {
+        const SendingThread sending(connection);
+        std::thread closing([&] { EXPECT_EQ(0u, tq_SocketClose(connection.hSocket)); });
+        std::thread forcing([&] { tq_SocketCloseFromTelnet(connection.hSocket); });
+        EXPECT_TRUE(Exists(connection.hSocket));
+        EXPECT_EQ(connection.filled + 1, ReadToEnd(connection.peer).size());
+        closing.join();
+        forcing.join();
+    }
+    EXPECT_FALSE(Exists(connection.hSocket));
+}
+
+TEST(Socket, ThreadsMaySendOnOneSocketWhileItIsClosed) {
+    Library library;
+    RecordingQueue queue(kRunning);
+    for (int round = 0; round < 20; ++round) {
+        Connection connection(queue);
+        std::vector<std::thread> threads;
+        for (const char* pszBlock : {"aaaaaaaa", "bbbbbbbb", "cccccccc"}) {
+            threads.emplace_back([&connection, pszBlock] {
+                while (tq_SocketSendToNoTrace(connection.hSocket, Bytes(pszBlock), 8, 0, 0) != 0) {
+                }
+            });
+        }
+        const std::string bytes = ReadBytes(connection.peer, 8 * 100);
+        EXPECT_EQ(0u, tq_SocketClose(connection.hSocket));
+        for (std::thread& thread : threads) {
+            thread.join();
+        }
+        for (size_t at = 0; at + 8 <= bytes.size(); at += 8) {
+            ASSERT_EQ(std::string(8, bytes[at]), bytes.substr(at, 8));
+        }
+    }
+}
+
 TEST(Socket, ManyThreadsShareTheLayer) {
     Library library;
     RecordingQueue queue(kRunning);

@@ -461,9 +461,34 @@ void tq_MsgQ::Unlock() {
         tq_MsgQInside::Unpin(*this);
     }
     // Here as well, since the worker's first step is to take this lock.
-    if (bWake) {
+    if (bWake && !tq_WakeQueuesLater::PutOff(m_Sem)) {
         m_Sem.Release(1, nullptr);
     }
+}
+
+namespace {
+
+thread_local tq_WakeQueuesLater* tWakesLater __attribute__((tls_model("initial-exec"))) = nullptr;
+
+} // namespace
+
+tq_WakeQueuesLater::tq_WakeQueuesLater() {
+    tWakesLater = this;
+}
+
+tq_WakeQueuesLater::~tq_WakeQueuesLater() {
+    tWakesLater = nullptr;
+    for (unsigned int i = 0; i < m_count; ++i) {
+        m_pSems[i]->Release(1, nullptr); // until then its queue is there
+    }
+}
+
+bool tq_WakeQueuesLater::PutOff(tq_SemSemaphore& sem) {
+    if (!tWakesLater || tWakesLater->m_count == kMost) {
+        return false;
+    }
+    tWakesLater->m_pSems[tWakesLater->m_count++] = &sem;
+    return true;
 }
 
 namespace {

@@ -93,6 +93,26 @@ template <typename Visit> void tq_MsgQVisitAll(Visit visit) {
     }
 }
 
+/// Puts off, for a scope of the calling thread, waking the workers of the queues that it sends to. A worker that runs
+/// at once would wait for a lock that the sender still holds: make it before the lock is taken, so that it ends after.
+/// Within the scope the thread waits for no queue's worker. Not to be nested.
+class tq_WakeQueuesLater {
+public:
+    tq_WakeQueuesLater();
+    ~tq_WakeQueuesLater();
+    tq_WakeQueuesLater(const tq_WakeQueuesLater&) = delete;
+    tq_WakeQueuesLater& operator=(const tq_WakeQueuesLater&) = delete;
+
+    /// Keeps what the calling thread has to release for a worker; false when that is to be done now.
+    static bool PutOff(tq_SemSemaphore& sem);
+
+private:
+    static constexpr unsigned int kMost = 32; // workers; further ones are woken at once
+
+    tq_SemSemaphore* m_pSems[kMost];
+    unsigned int m_count = 0;
+};
+
 /// The module's access to a queue's fields.
 struct tq_MsgQInside {
     enum WorkerState : unsigned int {

@@ -7,6 +7,7 @@
 #include <stdio.h>
 #include <string.h>
 #include <sys/socket.h>
+#include <time.h>
 #include <unistd.h>
 
 #include "tq_Base.h"
@@ -201,10 +202,35 @@ void tq_SocketSetNameInternal(SOCKET_INSTANCE* pSocket, const char* name) {
     NameDataList(pSocket->pDataOutList, "Socket DataOutList:", pSocket->pszName);
 }
 
+namespace {
+
+constexpr long long kTimeHoldsNs = 50000;
+
+long long Nanoseconds(clockid_t clock) {
+    struct timespec time;
+    return clock_gettime(clock, &time) == 0 ? time.tv_sec * 1000000000LL + time.tv_nsec : 0;
+}
+
+} // namespace
+
+unsigned int TimeLocked() {
+    static unsigned int time = 0;    // as it was read last,
+    static long long readAt = 0;     // then,
+    static long long readInTick = 0; // in this tick of the system
+    const long long now = Nanoseconds(CLOCK_MONOTONIC);
+    const long long tick = Nanoseconds(CLOCK_MONOTONIC_COARSE);
+    if (tick != readInTick || now - readAt > kTimeHoldsNs || now < readAt) {
+        time = tq_GetTimeInMS();
+        readAt = now;
+        readInTick = tick;
+    }
+    return time;
+}
+
 void RecordSocketEventLocked(SOCKET_INSTANCE* pSocket, unsigned int event) {
     const unsigned int slot = pSocket->SocketStateHistoryIndex;
     pSocket->SocketStateHistory[slot] = event;
-    pSocket->SocketStateTime[slot] = tq_GetTimeInMS();
+    pSocket->SocketStateTime[slot] = TimeLocked();
     pSocket->SocketStateHistoryIndex = (slot + 1) % kSocketHistorySize;
 }
 
@@ -297,6 +323,10 @@ void QueueTraceLocked(int level, const char* pszFormat, unsigned int handle, uns
         TraceStructs[gTraceStructCount++] = {level, static_cast<int>(handle), static_cast<int>(socket), error,
                                              pszFormat};
     }
+}
+
+bool HasQueuedTracesLocked() {
+    return gTraceStructCount != 0;
 }
 
 void FlushTraceQueue() {

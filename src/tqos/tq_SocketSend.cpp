@@ -2,12 +2,37 @@
 #include "tq_Socket_p.h"
 
 #include <errno.h>
+#include <limits.h>
 #include <string.h>
 #include <sys/socket.h>
 
+#include "tq_Futex_p.h"
 #include "tq_Memory.h"
 
+// State
+
+namespace {
+
+bool gbSendAwaited = false; // a thread waits until another has sent; guarded by the lock of pListOfSockets
+std::atomic<unsigned int> gSendsEnded{0}; // it sleeps until this changes
+
+} // namespace
+
 // Sending
+
+SOCKET_INSTANCE* FindIdleSocketLocked(unsigned int handle) {
+    for (;;) {
+        SOCKET_INSTANCE* pSocket = FindSocketLocked(handle);
+        if (!pSocket || !pSocket->bSending) {
+            return pSocket;
+        }
+        gbSendAwaited = true;
+        const unsigned int ended = gSendsEnded.load(std::memory_order_relaxed);
+        pListOfSockets->Unlock();
+        tq_Futex::Sleep(gSendsEnded, ended, nullptr);
+        pListOfSockets->Lock();
+    }
+}
 
 int SendNow(const SOCKET_INSTANCE* pSocket, const unsigned char* data, unsigned int len,
             const struct sockaddr_in* pDestination) {
@@ -125,32 +150,55 @@ unsigned int QueueRestLocked(SOCKET_INSTANCE* pSocket, const Sending& sending, u
     return sent + bytes;
 }
 
+/// Sends at once, without the lock: the receiver may run before this thread does again, and its answer be there before
+/// the lock would have been left.
+void SendUnlocked(SOCKET_INSTANCE* pSocket, Sending& sending) {
+    const bool bLeave = pSocket->state != SOCKET_STATE_BREAKER; // which the worker frees as it likes
+    if (bLeave) {
+        pSocket->bSending = true;
+        pListOfSockets->Unlock();
+    }
+    const int result = SendNow(pSocket, sending.data, sending.len, &sending.destination);
+    sending.error = result < 0 ? errno : 0;
+    sending.accepted = result < 0 ? 0 : static_cast<unsigned int>(result);
+    if (bLeave) {
+        pListOfSockets->Lock();
+        pSocket->bSending = false;
+        if (gbSendAwaited) {
+            gbSendAwaited = false;
+            gSendsEnded.fetch_add(1, std::memory_order_relaxed);
+            tq_Futex::Wake(tq_Futex::AddressOf(gSendsEnded), INT_MAX);
+        }
+    }
+}
+
 /// Sends at once when nothing waits before it, and queues the rest.
 void SendLocked(SOCKET_INSTANCE* pSocket, Sending& sending) {
     if (pSocket->state == SOCKET_STATE_CLOSED) {
         sending.outcome = SendOutcome::kClosedSocket;
         return;
     }
-    sending.outcome = SendOutcome::kSent;
-    unsigned int sent = 0;
     bool bShort = false;
     if (!pSocket->pDataOutList || pSocket->pDataOutList->NodeCount() == 0) {
-        const int result = SendNow(pSocket, sending.data, sending.len, &sending.destination);
-        if (result < 0) {
-            sending.error = errno;
-            sending.outcome = SendOutcome::kFailed;
-        } else {
-            sent = static_cast<unsigned int>(result);
-        }
-        bShort = sent < sending.len;
+        SendUnlocked(pSocket, sending);
+        bShort = sending.accepted < sending.len;
     }
-    sending.accepted = sent;
-    if (sent < sending.len) {
-        sending.accepted = QueueRestLocked(pSocket, sending, sent);
+    sending.outcome = sending.error ? SendOutcome::kFailed : SendOutcome::kSent;
+    if (sending.accepted < sending.len) {
+        sending.accepted = QueueRestLocked(pSocket, sending, sending.accepted);
     }
     if (bShort) {
         SpinBreaker(); // the worker has to watch for writing from now on
     }
+}
+
+/// A zero is the socket's own destination.
+void SendToLocked(SOCKET_INSTANCE* pSocket, Sending& sending, unsigned int destIP, unsigned int destPort) {
+    RecordSocketEventLocked(pSocket, SOCKET_EVENT_SEND);
+    sending.destination.sin_family = AF_INET;
+    sending.destination.sin_port = destPort ? htons(static_cast<uint16_t>(destPort)) : pSocket->dstaddr.sin_port;
+    sending.destination.sin_addr.s_addr = destIP ? destIP : pSocket->dstaddr.sin_addr.s_addr;
+    SendLocked(pSocket, sending);
 }
 
 void TraceSending(unsigned int hSocket, const Sending& sending, const char* pszName) {
@@ -193,16 +241,12 @@ unsigned int tq_SocketSendToInternal(unsigned int hSocket, const unsigned char* 
     Sending sending = {data, len, {}, 0, 0, SendOutcome::kUnknownSocket};
     NameCopy name;
     {
-        tq_SocketAccess socket(hSocket);
+        tq_SocketAccess socket(hSocket, FindIdleSocketLocked);
+        if (socket && bEnableTracing) {
+            name.Take(socket->pszName ? socket->pszName : "Unknown");
+        }
         if (socket) {
-            RecordSocketEventLocked(socket.Record(), SOCKET_EVENT_SEND);
-            if (bEnableTracing) {
-                name.Take(socket->pszName ? socket->pszName : "Unknown");
-            }
-            sending.destination.sin_family = AF_INET;
-            sending.destination.sin_port = destPort ? htons(static_cast<uint16_t>(destPort)) : socket->dstaddr.sin_port;
-            sending.destination.sin_addr.s_addr = destIP ? destIP : socket->dstaddr.sin_addr.s_addr;
-            SendLocked(socket.Record(), sending);
+            SendToLocked(socket.Record(), sending, destIP, destPort);
         }
     }
     if (bEnableTracing) {
@@ -258,7 +302,7 @@ unsigned int FlushAndCloseSocket(unsigned int hSocket, unsigned int Flags, const
     bool bFound = false;
     {
         tq_ListLock lock(pListOfSockets);
-        SOCKET_INSTANCE* pSocket = FindSocketLocked(hSocket);
+        SOCKET_INSTANCE* pSocket = FindIdleSocketLocked(hSocket);
         if (pSocket) {
             bFound = true;
             CloseLocked(pSocket, Flags);
@@ -308,7 +352,7 @@ void tq_SocketCloseAllOf(unsigned int hMsgQ) {
 }
 
 bool tq_SocketCloseFromTelnet(unsigned int hSocket) {
-    tq_SocketAccess socket(hSocket);
+    tq_SocketAccess socket(hSocket, FindIdleSocketLocked);
     if (!socket) {
         return false;
     }

@@ -12,8 +12,11 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "tq_Lifecycle_p.h"
 #include "tq_Memory.h"
+#include "tq_MsgQ_p.h"
 #include "tq_Time.h"
+#include "tq_Trace_p.h"
 
 // Settings
 
@@ -627,8 +630,7 @@ unsigned int WaitTimeLocked() {
     return ms;
 }
 
-Turn PrepareTurn(unsigned int* pWaitMs) {
-    tq_ListLock lock(pListOfSockets);
+Turn PrepareWaitLocked(unsigned int* pWaitMs) {
     if (bTerminate) {
         return Turn::kTerminate;
     }
@@ -682,7 +684,7 @@ bool HasDescriptorLeft() {
 }
 
 void CheckInterfacesLocked() {
-    const unsigned int now = tq_GetTimeInMS();
+    const unsigned int now = TimeLocked();
     if (now - gLastInterfaceCheck <= kPaceMs) {
         return;
     }
@@ -748,15 +750,22 @@ bool ServeSocket(SOCKET_INSTANCE* pSocket, unsigned int events) {
     return true;
 }
 
-Turn ServeTurn(ReadySockets& sockets, int ready) {
-    tq_ListLock lock(pListOfSockets);
+/// Every wake-up leaves one such line. It is not even queued where nobody sees it: it would be all that most turns have
+/// to trace.
+void TraceWakeUpLocked() {
+    if (!tq_TraceIsFilteredOut(tqosTraceHandle, TQ_TRACE_LEVEL_DEBUG_LOW, TQ_TRACE_CAT_SOCKETS)) {
+        QueueTraceLocked(TQ_TRACE_LEVEL_DEBUG_LOW, "tqos Sockets: Select spinning.\n", 0, 0, 0);
+    }
+}
+
+Turn ServeReadyLocked(ReadySockets& sockets, int ready) {
     if (ready < 0) {
         EmptyInSetListLocked();
         gbLookAtAll = true;
         MendWatchSetLocked();
         return Turn::kGoOn;
     }
-    QueueTraceLocked(TQ_TRACE_LEVEL_DEBUG_LOW, "tqos Sockets: Select spinning.\n", 0, 0, 0);
+    TraceWakeUpLocked();
     if (bTerminate) {
         return Turn::kTerminate;
     }
@@ -772,30 +781,48 @@ Turn ServeTurn(ReadySockets& sockets, int ready) {
     return Turn::kGoOn;
 }
 
+/// Serves what a wait has brought and prepares the next one, in one hold of the lock: whoever got a message asks for
+/// its data next, and then finds the lock free.
+Turn ServeTurn(ReadySockets& sockets, int ready, unsigned int* pWaitMs) {
+    bool bHasTraces;
+    Turn turn;
+    {
+        const tq_WakeQueuesLater later;
+        tq_ListLock lock(pListOfSockets);
+        turn = ServeReadyLocked(sockets, ready);
+        if (turn == Turn::kGoOn) {
+            turn = PrepareWaitLocked(pWaitMs);
+        }
+        bHasTraces = HasQueuedTracesLocked();
+    }
+    if (bHasTraces) {
+        FlushTraceQueue();
+    }
+    return turn;
+}
+
+Turn BeginServing(unsigned int* pWaitMs) {
+    tq_ListLock lock(pListOfSockets);
+    gLastInterfaceCheck = tq_GetTimeInMS();
+    for (Pause* pPause : kPauses) {
+        pPause->End();
+    }
+    gbLookAtAll = true;
+    return PrepareWaitLocked(pWaitMs);
+}
+
 } // namespace
 
 Turn ServeSockets() {
-    {
-        tq_ListLock lock(pListOfSockets);
-        gLastInterfaceCheck = tq_GetTimeInMS();
-        for (Pause* pPause : kPauses) {
-            pPause->End();
-        }
-        gbLookAtAll = true;
-    }
     ReadySockets sockets;
-    for (;;) {
-        unsigned int waitMs = 0;
-        Turn turn = PrepareTurn(&waitMs);
-        if (turn == Turn::kGoOn) {
-            turn = ServeTurn(sockets, sockets.Wait(waitMs));
-        }
-        FlushTraceQueue();
-        if (turn == Turn::kTerminate) {
-            TraceSockets(TQ_TRACE_LEVEL_DEBUG, "tqos Sockets: WorkerThread terminating...\n");
-        }
-        if (turn != Turn::kGoOn) {
-            return turn;
-        }
+    unsigned int waitMs = 0;
+    Turn turn = BeginServing(&waitMs);
+    while (turn == Turn::kGoOn) {
+        turn = ServeTurn(sockets, sockets.Wait(waitMs), &waitMs);
     }
+    FlushTraceQueue();
+    if (turn == Turn::kTerminate) {
+        TraceSockets(TQ_TRACE_LEVEL_DEBUG, "tqos Sockets: WorkerThread terminating...\n");
+    }
+    return turn;
 }

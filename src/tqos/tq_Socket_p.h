@@ -6,6 +6,8 @@
 ///   and released only after it is out. Every field of a record in the list is read and written under the list's lock.
 /// - pListOfSocketsInSets holds records of pListOfSockets only; whoever takes a record out of the one takes it out of
 ///   the other.
+/// - While a thread sends on a socket without the lock, nobody else sends on it, closes its descriptor or frees its
+///   record: who may do that finds it with FindIdleSocketLocked(). What the worker frees has been closed before.
 /// - The worker holds the list's lock at all times except while it waits and while it traces. Nobody traces with that
 /// lock
 ///   held: lines go through tq_SocketTraceQueue(). Messages are sent under it, since a queue never calls back.
@@ -93,6 +95,7 @@ typedef struct _SOCKET_INSTANCE {
 
     unsigned int watched;      ///< the events that the system watches the descriptor for; 0: it does not know it
     bool bInSets;              ///< in pListOfSocketsInSets
+    bool bSending;             ///< a thread sends on the descriptor without the lock; see FindIdleSocketLocked()
     unsigned long long number; ///< of the records put into the list so far; the list has the newest first
 } SOCKET_INSTANCE;
 
@@ -190,7 +193,12 @@ void EmptyInSetListLocked();
 /// Takes a record out of the list of those that are waited on, if it is there.
 void LeaveInSetListLocked(SOCKET_INSTANCE* pSocket);
 SOCKET_INSTANCE* FindSocketLocked(unsigned int handle);
+/// The same, having waited until no thread sends on it. The lock, which the caller holds once, is left meanwhile.
+SOCKET_INSTANCE* FindIdleSocketLocked(unsigned int handle);
 void tq_SocketSetNameInternal(SOCKET_INSTANCE* pSocket, const char* name);
+/// tq_GetTimeInMS(), which is a system call: read anew in each tick of the system, in which it does not change, and
+/// within one from time to time. An event of a socket that is busy needs its time at hand.
+unsigned int TimeLocked();
 void RecordSocketEventLocked(SOCKET_INSTANCE* pSocket, unsigned int event);
 /// Appends a block to a data list, which is made and named on first use; false without memory, the block is then still
 /// the caller's.
@@ -211,6 +219,7 @@ inline bool HasFlushed(const SOCKET_INSTANCE* pSocket) {
 /// tq_SocketTraceQueue() and tq_SocketTraceFlush() for the worker, which needs no gate.
 void QueueTraceLocked(int level, const char* pszFormat, unsigned int handle, unsigned int socket, int error);
 void FlushTraceQueue();
+bool HasQueuedTracesLocked();
 /// A line on the library's trace instance, category "Sockets". Not to be called with the lock of pListOfSockets held.
 void TraceSockets(int level, const char* pszFormat, ...) TQ_PRINTF(2, 3);
 void TraceSocketsVA(int level, const char* pszFormat, va_list args) TQ_PRINTF(2, 0);
@@ -219,9 +228,10 @@ void TraceSocketsVA(int level, const char* pszFormat, va_list args) TQ_PRINTF(2,
 /// or no socket has the handle.
 class tq_SocketAccess {
 public:
-    explicit tq_SocketAccess(unsigned int handle)
+    explicit tq_SocketAccess(unsigned int handle,
+                             SOCKET_INSTANCE* (*pfnFindLocked)(unsigned int handle) = FindSocketLocked)
         : m_pass(gSocketGate), m_lock(m_pass ? pListOfSockets : nullptr),
-          m_pSocket(m_pass ? FindSocketLocked(handle) : nullptr) {}
+          m_pSocket(m_pass ? pfnFindLocked(handle) : nullptr) {}
     explicit operator bool() const { return m_pSocket != nullptr; }
     SOCKET_INSTANCE* operator->() const { return m_pSocket; }
     SOCKET_INSTANCE* Record() const { return m_pSocket; }

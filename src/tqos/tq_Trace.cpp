@@ -441,6 +441,14 @@ bool IsFilteredOut(unsigned int hTraceInstance, int level, unsigned int category
                    category);
 }
 
+} // namespace
+
+bool tq_TraceIsFilteredOut(unsigned int hTraceInstance, int level, unsigned int category) {
+    return IsFilteredOut(hTraceInstance, level, category);
+}
+
+namespace {
+
 /// The time of a line in milliseconds, or since the line before it.
 unsigned int NextStamp() {
     tq_CritSecLock lock(pTimeLock);

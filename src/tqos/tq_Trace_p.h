@@ -74,6 +74,9 @@ _TRACEINSTANCE* tq_FindTraceInstanceLocked(unsigned int hTraceInstance);
 /// still locked: messages are filtered by a copy of them that is read without a lock.
 void tq_TraceFilterChangedLocked(unsigned int hTraceInstance);
 
+/// Whether it is certain, without a lock, that a message goes nowhere.
+bool tq_TraceIsFilteredOut(unsigned int hTraceInstance, int level, unsigned int category);
+
 extern tq_SemCritSec* pTimeLock; ///< guards the next two; taken inside the instance list's lock
 extern bool gbShowTimeDeltas;
 extern unsigned int guiLastTimeStampInMS; ///< 0 until the first delta is printed
