@@ -544,6 +544,40 @@ TEST(NetTrace, WhatTheSystemDoesNotTakeIsDroppedNotKept) {
     EXPECT_EQ(nullptr, socket->pDataOutList);
 }
 
+TEST(NetTrace, ALineThatCannotBeSentLeavesNothingToWaitFor) {
+    Library library(kIni);
+    const unsigned int handle = tq_TraceInitInstance("T");
+    const unsigned int hSocket = SocketOf(handle);
+    Forge(hSocket, Wire("TRACEON/"), 0xFFFFFFFF, 9);
+    ASSERT_TRUE(WaitForViewers(handle, 1));
+    // Tried again when a probe has come between, which is sent like anything else.
+    EXPECT_TRUE(WaitUntil([&] {
+        for (unsigned int i = 0; i < kSocketHistorySize; ++i) {
+            Line(handle, "line\n");
+        }
+        tq_SocketAccess socket(hSocket);
+        const unsigned int* pEvents = socket->SocketStateHistory;
+        const auto sends =
+            std::count(pEvents, pEvents + kSocketHistorySize, static_cast<unsigned int>(SOCKET_EVENT_SEND));
+        return socket->PendingWrite == 0 && sends == kSocketHistorySize;
+    }));
+}
+
+TEST(NetTrace, LinesOfTheSocketsThreadThatCannotBeSentDoNotMakeMore) {
+    Library library("[Trace]\ntqos_Level=All\ntqos_LogToMulticast=yes\n");
+    const test::TraceFile file;
+    const unsigned int hSocket = SocketOf(tqosTraceHandle);
+    // Subscribed again and again, so that it is not dropped meanwhile.
+    EXPECT_TRUE(WaitUntil([&] {
+        Forge(hSocket, Wire("TRACEON/"), 0xFFFFFFFF, 9);
+        EXPECT_TRUE(WaitForViewers(tqosTraceHandle, 1));
+        tq_Trace(tqosTraceHandle, TQ_TRACE_LEVEL_WARNING, 1, true, "a line\n");
+        const size_t before = file.Count("LOW: ", "tqos Sockets: Select spinning.\n");
+        tq_Sleep(100);
+        return before != 0 && file.Count("LOW: ", "tqos Sockets: Select spinning.\n") == before;
+    }));
+}
+
 TEST(NetTrace, AViewerThatIsGoneOrDoesNotReadHoldsNobodyUp) {
     Library library(kIni);
     const unsigned int handle = tq_TraceInitInstance("T");

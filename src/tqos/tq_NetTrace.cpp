@@ -17,7 +17,7 @@
 #include "tq_LockOrder_p.h"
 #include "tq_Memory.h"
 #include "tq_MsgQ_p.h"
-#include "tq_Socket.h"
+#include "tq_Socket_p.h"
 #include "tq_Thread.h"
 #include "tq_Timer.h"
 #include "tq_WorkingLock_p.h"
@@ -328,8 +328,8 @@ void CNetTrace::SendTrace(const char* szDbgStr) {
     tq_ListLock lock(m_ClientList);
     for (void* pNode = m_ClientList->GetHead(); pNode; pNode = m_ClientList->GetNext()) {
         const TRACE_CLIENT* pViewer = static_cast<TRACE_CLIENT*>(pNode);
-        tq_SocketSendToNoTrace(static_cast<unsigned int>(m_iSocket), reinterpret_cast<const unsigned char*>(szDbgStr),
-                               bytes, pViewer->ulIPAddr, pViewer->usPort);
+        SendOrDrop(static_cast<unsigned int>(m_iSocket), reinterpret_cast<const unsigned char*>(szDbgStr), bytes,
+                   pViewer->ulIPAddr, pViewer->usPort);
     }
 }
 

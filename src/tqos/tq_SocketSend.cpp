@@ -79,6 +79,7 @@ struct Sending {
     unsigned int accepted; ///< the result
     int error;             ///< of the direct send
     SendOutcome outcome;
+    bool bDropRest; ///< what does not go at once is neither queued nor waited for
 };
 
 constexpr unsigned int kSharedBlockBytes = 1024;
@@ -184,6 +185,9 @@ void SendLocked(SOCKET_INSTANCE* pSocket, Sending& sending) {
         bShort = sending.accepted < sending.len;
     }
     sending.outcome = sending.error ? SendOutcome::kFailed : SendOutcome::kSent;
+    if (sending.bDropRest) {
+        return;
+    }
     if (sending.accepted < sending.len) {
         sending.accepted = QueueRestLocked(pSocket, sending, sending.accepted);
     }
@@ -238,7 +242,7 @@ unsigned int tq_SocketSendToInternal(unsigned int hSocket, const unsigned char* 
     if (!pass) {
         return 0;
     }
-    Sending sending = {data, len, {}, 0, 0, SendOutcome::kUnknownSocket};
+    Sending sending = {data, len, {}, 0, 0, SendOutcome::kUnknownSocket, /*bDropRest=*/false};
     NameCopy name;
     {
         tq_SocketAccess socket(hSocket, FindIdleSocketLocked);
@@ -263,6 +267,15 @@ unsigned int tq_SocketSendTo(unsigned int hSocket, const unsigned char* data, un
 unsigned int tq_SocketSendToNoTrace(unsigned int hSocket, const unsigned char* data, unsigned int len,
                                     unsigned int destIP, unsigned int destPort) {
     return tq_SocketSendToInternal(hSocket, data, len, destIP, destPort, /*bEnableTracing=*/false);
+}
+
+void SendOrDrop(unsigned int hSocket, const unsigned char* data, unsigned int len, unsigned int destIP,
+                unsigned int destPort) {
+    Sending sending = {data, len, {}, 0, 0, SendOutcome::kUnknownSocket, /*bDropRest=*/true};
+    tq_SocketAccess socket(hSocket, FindIdleSocketLocked);
+    if (socket) {
+        SendToLocked(socket.Record(), sending, destIP, destPort);
+    }
 }
 
 // Closing

@@ -308,6 +308,11 @@ void RefreshMacTable();
 int SendNow(const SOCKET_INSTANCE* pSocket, const unsigned char* data, unsigned int len,
             const struct sockaddr_in* pDestination);
 
+/// Sends a datagram if the system takes it at once. Whatever comes of it, nothing is queued or traced and the worker is
+/// not woken: a trace line that is sent so does not make a line of its own.
+void SendOrDrop(unsigned int hSocket, const unsigned char* data, unsigned int len, unsigned int destIP,
+                unsigned int destPort);
+
 unsigned int FlushAndCloseSocket(unsigned int hSocket, unsigned int Flags, const char* File, unsigned int Line);
 
 /// Closes the sockets of a queue that is ending, also those that it was never told of: accepted connections whose
