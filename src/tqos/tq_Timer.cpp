@@ -307,7 +307,7 @@ public:
         const long long before = MonotonicNs();
         m_count = tq_ClockTicks();
         m_steps.Saw(m_count, before, MonotonicNs());
-        return m_msPerCount * m_count;
+        return tq_GetTimeInMS(); // after the count: should it advance in between, the next sleep is short, not long
     }
 
     /// Sleeps until so many milliseconds (-1: for ever) have gone by on the clock since it was read, or the thread is
