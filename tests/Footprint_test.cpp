@@ -50,11 +50,11 @@ constexpr char kLibraryFileRow[] = "library file";
 constexpr Budget kLibraryFile = {600000, 560000};
 #endif
 constexpr Budget kAfterStart = {60000, 93000};
-constexpr Budget kQueue = {2100, 3000};
+constexpr Budget kQueue = {1600, 3000};
 constexpr Budget kTimer = {146, 218};
 constexpr Budget kSocket = {540, 630};
 constexpr Budget kSession = {2300, 2400};
-constexpr Budget kList = {384, 600};
+constexpr Budget kList = {264, 480};
 constexpr Budget kNode = {20, 38};
 
 /// What the heap has handed out.
