@@ -9,6 +9,7 @@
 #include <stdlib.h>
 #include <string>
 #include <sys/resource.h>
+#include <sys/syscall.h>
 #include <thread>
 #include <vector>
 
@@ -47,10 +48,24 @@ constexpr unsigned int kGroupPort = 3000;
 /// An instance "T" that passes everything to the network alone, without dates; the library's own says nothing.
 const char kIni[] = "[Trace]\ntqos_Level=None\nT_Level=All\nT_SuppressTimestamp=yes\nT_LogToMulticast=yes\n";
 
+/// The instance whose destination on the network ends when the next socket is bound, whoever binds it.
+std::atomic<unsigned int> ghEndsAtBind{0};
+
 /// A text with its terminator, as it goes over the wire.
 std::string Wire(const std::string& text) {
     return text + '\0';
 }
+
+} // namespace
+
+extern "C" int bind(int fd, const struct sockaddr* address, socklen_t length) noexcept {
+    if (const unsigned int handle = ghEndsAtBind.exchange(0)) {
+        EXPECT_EQ(0, tq_TraceDisableMulticast(handle));
+    }
+    return static_cast<int>(syscall(SYS_bind, fd, address, length));
+}
+
+namespace {
 
 // Looking into an instance
 
@@ -1274,6 +1289,34 @@ TEST(NetTraceNetwork, FollowsItsAddressWhenAnInterfaceGoesAndStaysWhenItComesBac
         TellOfChange();
         EXPECT_TRUE(WaitUntil([=] { return AddressOf(handle) == "10.99.1.1"; }));
         EXPECT_EQ(2u, ViewersOf(handle));
+    });
+}
+
+/// What the library shows of its sockets.
+std::string Sockets() {
+    char* pszText = nullptr;
+    char none[] = "";
+    tq_SocketShowSockets(&pszText, 0, none);
+    const std::string text = pszText ? pszText : "";
+    tq_free(pszText);
+    return text;
+}
+
+TEST(NetTraceNetwork, WhatEndsWhileItFollowsItsAddressLeavesNoSocket) {
+    RUN_IN_NETWORK([] {
+        Library library(kIni);
+        const unsigned int handle = tq_TraceInitInstance("T");
+        EXPECT_EQ(0, tq_TraceDisableMulticast(handle));
+        const std::string without = Sockets();
+        EXPECT_EQ(0, tq_TraceEnableMulticast(handle));
+        EXPECT_NE(without, Sockets());
+        ghEndsAtBind = handle;
+        ASSERT_TRUE(Switch("net1", false));
+        TellOfChange();
+        EXPECT_TRUE(WaitUntil([] { return ghEndsAtBind == 0; }));
+        EXPECT_TRUE(WaitUntil([&] { return Sockets() == without; })) << Sockets();
+        EXPECT_EQ(0u, SocketOf(handle));
+        EXPECT_TRUE(WaitForNoTimers());
     });
 }
 

@@ -13,6 +13,7 @@
 #include <gtest/gtest.h>
 
 #include "ConsoleFixture.h"
+#include "RecordingQueue.h"
 #include "TerminalProgram.h"
 #include "tq_List_p.h"
 
@@ -544,6 +545,20 @@ TEST(TelnetCommands, ASummaryIsAskedOfEveryNamedQueue) {
     }
     client.Send("echo on\r");
     EXPECT_TRUE(client.Expect("echo on\r\n>")); // the queue without a name has not been asked
+}
+
+TEST(TelnetCommands, AQueueThatIsAskedForASummarySeesWhoAsks) {
+    Console console;
+    test::RecordingQueue queue(test::kRunning);
+    ConsoleClient client = console.Connect();
+    const unsigned int hSession = console.SocketOf(client);
+    client.Send("sh det sum " + std::to_string(queue.GetHandle()) + "\r");
+    ASSERT_TRUE(queue.WaitFor(MSG_TELNET_SUMMARY));
+    const MSG_COMMON request = queue.Of(MSG_TELNET_SUMMARY)[0].Common();
+    EXPECT_EQ(tq_ConsoleQueueHandle(), request.hSource);
+    EXPECT_EQ(queue.GetHandle(), request.hDest);
+    EXPECT_EQ(hSession, request.instance);
+    EXPECT_EQ(1u, request.flags);
 }
 
 /// A queue whose worker stays in its first message until it is let go.
