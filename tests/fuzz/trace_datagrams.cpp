@@ -18,8 +18,10 @@ constexpr unsigned int kSocket = 4711; // the sender's
 constexpr unsigned int kPort = 5555;
 constexpr unsigned int kAnnouncementTimer = 1;
 constexpr unsigned int kProbeTimer = 2;
-constexpr size_t kMost = 128;       // viewers
-constexpr unsigned int kFlood = 50; // subscriptions of one "f"
+constexpr size_t kMost = 128;           // viewers
+constexpr unsigned int kFlood = 50;     // subscriptions of one "f"
+constexpr unsigned int kMostFloods = 3; // which fill the list
+constexpr unsigned int kMostFloodsOfSeeds = 1000;
 
 struct Sent {
     unsigned int ip;
@@ -220,7 +222,13 @@ void Start() {
     fuzz::Settle();
 }
 
-void OneStep(fuzz::Input& input) {
+void Flood(unsigned int first) {
+    for (unsigned int i = 0; i < kFlood; ++i) {
+        Datagram(ViewerOf(first + i), "TRACEON/!");
+    }
+}
+
+void OneStep(fuzz::Input& input, unsigned int& floodsLeft) {
     const unsigned int letter = input.Byte();
     switch (letter) {
     case 'd': {
@@ -232,8 +240,9 @@ void OneStep(fuzz::Input& input) {
     }
     case 'f': {
         const unsigned int first = input.Byte();
-        for (unsigned int i = 0; i < kFlood; ++i) {
-            Datagram(ViewerOf(first + i), "TRACEON/!");
+        if (floodsLeft > 0) {
+            floodsLeft -= 1;
+            Flood(first);
         }
         break;
     }
@@ -252,8 +261,9 @@ void OneStep(fuzz::Input& input) {
 }
 
 void OneInput(fuzz::Input input) {
+    unsigned int floodsLeft = fuzz::OnlySeeds() ? kMostFloodsOfSeeds : kMostFloods;
     while (!input.IsEmpty()) {
-        OneStep(input);
+        OneStep(input, floodsLeft);
         Check();
     }
     while (!gViewers.empty()) {

@@ -6,7 +6,9 @@
 
 namespace {
 
-constexpr size_t kMostLine = 1000; // the words of a command; it has others before and behind them
+constexpr size_t kMostLine = 1000;        // the words of a command; it has others before and behind them
+constexpr unsigned int kMostCommands = 8; // a memory report takes as long as many other inputs
+constexpr unsigned int kMostCommandsOfSeeds = 1000;
 
 unsigned int ghTrace = 0;
 
@@ -172,7 +174,8 @@ void OneInput(fuzz::Input input) {
     console::Connect();
     Command(console::kPassword);
     tq_TraceSetCatMask(ghTrace, 5);
-    while (!input.IsEmpty()) {
+    const unsigned int most = fuzz::OnlySeeds() ? kMostCommandsOfSeeds : kMostCommands;
+    for (unsigned int command = 0; command < most && !input.IsEmpty(); ++command) {
         const unsigned int letter = input.Byte();
         const std::string line = console::Confined(input.Line()).substr(0, kMostLine);
         if ((letter == 'l' || letter == 'c') && IsWord(line)) {
