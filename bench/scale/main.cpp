@@ -100,7 +100,7 @@ const std::vector<Growth> kGrowths = {
     {"queues", "queues", {10, 100, 1000, 10000}, MeasureQueues},
     {"threads", "threads", {10, 100, 1000, 10000}, MeasureThreads},
     {"timers", "timers", {10, 100, 1000, 10000}, MeasureTimers},
-    {"sockets", "sockets", {10, 100, 900, 10000}, MeasureSockets},
+    {"sockets", "sockets", {10, 100, 1000, 10000}, MeasureSockets},
     {"lists", "lists", {10, 100, 1000, 10000}, MeasureLists},
     {"nodes", "nodes of a list", {10, 100, 1000, 10000}, MeasureNodes},
     {"blocks", "blocks, tracked and pooled", {10, 100, 1000, 10000, 100000}, MeasureBlocks},
