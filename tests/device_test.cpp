@@ -1,6 +1,7 @@
 // The demo device: its protocol and its reading of /proc by themselves, and the program as its clients see it.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <atomic>
 #include <fcntl.h>
@@ -792,6 +793,80 @@ TEST(DeviceConsole, AsksForThePasswordOfTheSettings) {
     client.Send("quit\r");
     client.Expect("quit\r\n");
     EXPECT_TRUE(client.IsClosed());
+}
+
+/// A line of a session without what differs from one session to the next: dates, numbers, and how wide they are. A
+/// prompt in front of it may be there or not, since answers of queues come when they come.
+std::string Lasting(const std::string& line) {
+    static const std::regex kDate("[A-Z][a-z]{2} [A-Z][a-z]{2} [ 0-9][0-9] [0-9:]{8} [0-9]{4}");
+    std::string text = std::regex_replace(line, kDate, "DATE");
+    text = std::regex_replace(text, std::regex("[0-9]+"), "0");
+    text = std::regex_replace(text, std::regex(" +"), " ");
+    return std::regex_replace(text, std::regex("^>+| +$"), "");
+}
+
+/// The session that README.md shows, from the banner on: its lines without the four blanks in front of them.
+std::vector<std::string> SessionOfReadme() {
+    std::istringstream readme(test::ReadFile(std::string(DEVICE_SOURCE_DIR) + "/../../README.md"));
+    std::vector<std::string> lines;
+    bool bSession = false;
+    for (std::string line; std::getline(readme, line) && line != "    Connection closed by foreign host.";) {
+        bSession = bSession || line.rfind("      ####", 0) == 0;
+        if (bSession) {
+            lines.push_back(line.substr(std::min<size_t>(4, line.size())));
+        }
+    }
+    return lines;
+}
+
+/// Reads until all these lines have come, in whatever order, and nothing else beside them.
+bool AllCome(test::ConsoleClient& client, std::vector<std::string> expected) {
+    while (!expected.empty()) {
+        const std::string came = client.ReadTo("\r\n");
+        const std::string line = Lasting(came.substr(0, came.size() - 2));
+        const auto found = std::find(expected.begin(), expected.end(), line);
+        if (found != expected.end()) {
+            expected.erase(found);
+        } else if (!line.empty()) {
+            ADD_FAILURE() << "came: " << test::Shown(came) << "\nnot yet: " << testing::PrintToString(expected);
+            return false;
+        }
+    }
+    return true;
+}
+
+TEST(DeviceConsole, AnswersAsReadmeShows) {
+    const test::Fd status(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    const struct sockaddr_in loopback = test::LoopbackAddress(0);
+    ASSERT_EQ(0, bind(status.Get(), reinterpret_cast<const struct sockaddr*>(&loopback), sizeof(loopback)));
+    Device device({{"StatusPort=0", "StatusPort=" + std::to_string(test::PortOf(status))}});
+    Connection watcher(device.Port());
+    EXPECT_EQ("WATCHING 500", watcher.Ask("WATCH 500"));
+    EXPECT_TRUE(Matches(watcher.ReadLine(), kLoadLine)); // in its first millisecond it would say that it is not up
+    test::ConsoleClient client(device.ConsolePort());
+    EXPECT_TRUE(client.Expect("\xff\xfb\x01\xff\xfb\x03\xff\xfd\x03"));
+
+    std::vector<std::string> expected;
+    unsigned int typed = 0;
+    const auto type = [&](const std::string& keys) {
+        const bool bCame = AllCome(client, expected);
+        expected.clear();
+        client.Send(keys + "\r");
+        ++typed;
+        return bCame;
+    };
+    for (const std::string& line : SessionOfReadme()) {
+        if (line.rfind("login: ", 0) == 0) {
+            ASSERT_TRUE(type(kPassword));
+        } else if (line[0] == '>' && line.size() > 1) {
+            ASSERT_TRUE(type(line.substr(1)));
+        }
+        if (!Lasting(line).empty()) {
+            expected.push_back(Lasting(line));
+        }
+    }
+    EXPECT_TRUE(AllCome(client, expected));
+    EXPECT_LT(5u, typed);
 }
 
 TEST(DeviceConsole, ClosesAfterThreeWrongPasswordsAndAsksTheNextOne) {
