@@ -19,6 +19,7 @@
 #include "SocketPeers.h"
 #include "Suggest.h"
 #include "Template.h"
+#include "TerminalProgram.h"
 #include "TestSupport.h"
 #include "tq_IniKeys_p.h"
 #include "tq_NetTrace_p.h"
@@ -577,6 +578,17 @@ TEST(TqiniProgram, WhatCannotBeReadEndsItWithStatus2AndTheOthersAreCheckedAllThe
               "tqini: none.ini: No such file or directory\n"
               "tqini: .: not a regular file\n"
               "tqini: fifo: not a regular file\n");
+}
+
+TEST(TqiniProgram, SaysTheSameOnATerminal) {
+    test::ScratchDirectory directory;
+    test::WriteFile("device.ini", test::ReadFile(DEVICE_INI));
+    test::WriteFile("a.ini", "[Memroy]\n");
+    test::TerminalProgram program({TQINI_PROGRAM, "check", "--own", "Device", "--own", "Telnet:Port", "--own",
+                                   "Telnet:Password", "device.ini", "a.ini"});
+    EXPECT_EQ("a.ini:1: the library has no section [Memroy]; did you mean Memory?\r\n",
+              program.Terminal().ReadTo("\n"));
+    EXPECT_EQ(1, program.WaitForEnd());
 }
 
 TEST(TqiniProgram, PrintsTheTemplateAndThePage) {
