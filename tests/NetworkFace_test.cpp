@@ -342,6 +342,9 @@ unsigned int DepthOf(unsigned int hQueue) {
     return pDetails ? pDetails->pMsgQ->GetQueueDepth(0) : 0;
 }
 
+/// For what was sent to be worked off, which may be a megabyte, byte by byte: only a hang takes so long.
+constexpr unsigned int kWorkSeconds = 100 * TQOS_PATIENCE;
+
 /// Everything that was sent to a socket has been read and handled.
 bool IsWorkedOff(unsigned int hSocket, unsigned int hQueue) {
     int waiting = 1;
@@ -379,7 +382,7 @@ TEST_P(Storms, CostAMegabyteAtMostAndOthersAreServed) {
             heap.Look();
             return bSent && IsWorkedOff(hSocket, tq_ConsoleQueueHandle());
         },
-        IsTrustRun() ? 3600 : 100 * TQOS_PATIENCE));
+        IsTrustRun() ? 3600 : kWorkSeconds));
     sender.join();
     EXPECT_LE(heap.Growth(), kMegabyte);
     LogIn(console.Port());
@@ -420,7 +423,7 @@ TEST(NetworkFace, InputStaysWithThePeerWhileTheConsoleIsBusy) {
         heap.Look();
         EXPECT_EQ(kSessionInputCap, tq_SocketDataAvailable(hSocket));
     }
-    EXPECT_TRUE(WaitUntil([&] { return IsWorkedOff(hSocket, tq_ConsoleQueueHandle()); }));
+    EXPECT_TRUE(WaitUntil([&] { return IsWorkedOff(hSocket, tq_ConsoleQueueHandle()); }, kWorkSeconds));
     EXPECT_LE(heap.Growth(), kMegabyte);
     LogIn(console.Port());
 }
@@ -444,7 +447,8 @@ TEST(NetworkFace, WhatAPeerSendsBeforeItsSessionExistsIsCappedToo) {
         ASSERT_TRUE(WaitUntil([&] { return most() != 0; }));
         EXPECT_LE(most(), kSessionInputCap);
     }
-    EXPECT_TRUE(WaitUntil([] { return OnlySession() != 0 && IsWorkedOff(OnlySession(), tq_ConsoleQueueHandle()); }));
+    EXPECT_TRUE(WaitUntil([] { return OnlySession() != 0 && IsWorkedOff(OnlySession(), tq_ConsoleQueueHandle()); },
+                          kWorkSeconds));
     LogIn(console.Port());
 }
 
@@ -738,7 +742,7 @@ TEST(NetworkFace, AFloodOfForgedSubscriptionsCosts200BytesEachAtMostAndGoes) {
     const double ended = Seconds(CLOCK_MONOTONIC);
     heap.Look();
     EXPECT_LE(heap.Growth(), 200u * count);
-    ASSERT_TRUE(WaitUntil([&] { return IsWorkedOff(hSocket, gpTraceMsgQ->GetHandle()); }));
+    ASSERT_TRUE(WaitUntil([&] { return IsWorkedOff(hSocket, gpTraceMsgQ->GetHandle()); }, kWorkSeconds));
     EXPECT_LE(ViewersOf(handle), kMostViewers);
     EXPECT_NE(0u, ViewersOf(handle));
     if (!IsTrustRun()) { // by the clock it takes 10 to 15 seconds
@@ -769,7 +773,7 @@ TEST(NetworkFace, MaxViewersRefusesFurtherOnes) {
     ASSERT_TRUE(WaitUntil([&] { return ViewersOf(handle) == 2; }));
     tq_Trace(handle, TQ_TRACE_LEVEL_WARNING, 1, true, "to both\n");
     EXPECT_TRUE(test::WaitReadable(viewers[0]) && test::WaitReadable(viewers[1]));
-    ASSERT_TRUE(WaitUntil([&] { return IsWorkedOff(hSocket, gpTraceMsgQ->GetHandle()); }));
+    ASSERT_TRUE(WaitUntil([&] { return IsWorkedOff(hSocket, gpTraceMsgQ->GetHandle()); }, kWorkSeconds));
     EXPECT_EQ(2u, ViewersOf(handle));
 }
 
@@ -809,7 +813,7 @@ TEST(NetworkFace, AllowedViewersTakesRequestsFromNobodyElse) {
         for (size_t i = 0; i < 3; ++i) {
             const Fd viewer = SendFrom(numbers[i], tq_SocketGetBoundPort(hSocket), Wire("TRACEON/"));
             expected += row.bIsIn[i] ? 1 : 0;
-            ASSERT_TRUE(WaitUntil([&] { return IsWorkedOff(hSocket, gpTraceMsgQ->GetHandle()); }));
+            ASSERT_TRUE(WaitUntil([&] { return IsWorkedOff(hSocket, gpTraceMsgQ->GetHandle()); }, kWorkSeconds));
             EXPECT_TRUE(WaitUntil([&] { return ViewersOf(handle) == expected; }));
         }
     }
