@@ -17,6 +17,7 @@ constexpr int kFiles = 64;                 ///< more than a round fills
 constexpr unsigned int kRoundLines = 4000; ///< afterwards the files are read and begun anew
 constexpr int kFileBytes = 16000;
 constexpr int kRingFiles = 3;
+constexpr unsigned int kLinesForAViewer = 50;
 constexpr char kFill[] = "------------------------------------------------------------";
 constexpr unsigned int kFillMost = sizeof(kFill) - 1;
 
@@ -139,7 +140,12 @@ private:
         ++m_inFiles;
     }
 
+    /// A line goes to all who have come and not left: were it only by the clock that they come, a slow machine would
+    /// have ever more of them for ever fewer lines.
     void LookOn() {
+        if (m_lines < m_viewers * kLinesForAViewer) {
+            return;
+        }
         Passer passer(m_port);
         ++m_viewers;
         m_outOfOrder += passer.LookOn(Random(60)) ? 0 : 1;
