@@ -472,6 +472,7 @@ thread_local tq_WakeQueuesLater* tWakesLater __attribute__((tls_model("initial-e
 
 } // namespace
 
+// cppcheck-suppress uninitMemberVar // m_count says how many are set; one is made in each turn of the sockets thread
 tq_WakeQueuesLater::tq_WakeQueuesLater() {
     tWakesLater = this;
 }
