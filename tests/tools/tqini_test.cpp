@@ -6,6 +6,7 @@
 #include <map>
 #include <mutex>
 #include <netinet/in.h>
+#include <poll.h>
 #include <regex>
 #include <set>
 #include <sys/stat.h>
@@ -409,14 +410,15 @@ TEST(TqiniCheck, ReplacedValuesAndKeysThatAreNotReadAreSoInARunningLibrary) {
     }
 }
 
-/// Asks an instance for its lines from an address.
-void Subscribe(const char* pszFrom, unsigned int port) {
-    const test::Fd fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+/// Asks an instance for its lines from an address; they come to the socket.
+test::Fd Subscribe(const char* pszFrom, unsigned int port) {
+    test::Fd fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     struct sockaddr_in from = test::LoopbackAddress(0);
     from.sin_addr.s_addr = inet_addr(pszFrom);
     const struct sockaddr_in to = test::LoopbackAddress(port);
-    ASSERT_EQ(0, bind(fd.Get(), reinterpret_cast<const struct sockaddr*>(&from), sizeof(from)));
-    ASSERT_EQ(9, sendto(fd.Get(), "TRACEON/", 9, 0, reinterpret_cast<const struct sockaddr*>(&to), sizeof(to)));
+    EXPECT_EQ(0, bind(fd.Get(), reinterpret_cast<const struct sockaddr*>(&from), sizeof(from)));
+    EXPECT_EQ(9, sendto(fd.Get(), "TRACEON/", 9, 0, reinterpret_cast<const struct sockaddr*>(&to), sizeof(to)));
+    return fd;
 }
 
 unsigned int ViewersOf(unsigned int handle) {
@@ -424,7 +426,8 @@ unsigned int ViewersOf(unsigned int handle) {
     return tq_FindTraceInstanceLocked(handle)->pNetTrace->Viewers();
 }
 
-/// Whether the library admits 127.0.0.1 by this word. Another address, which it admits in any case, asks after it.
+/// Whether the library admits 127.0.0.1 by this word. Another address, which it admits in any case, asks after it: when
+/// lines come there, both requests have been handled.
 bool LibraryAdmits(const std::string& word) {
     test::Library library("[Trace]\ntqos_Level=None\na_Level=All\na_LogToMulticast=yes\nAllowedViewers=127.0.0.9 " +
                           word + "\n");
@@ -434,11 +437,15 @@ bool LibraryAdmits(const std::string& word) {
         tq_LockedTrace trace;
         hSocket = static_cast<unsigned int>(tq_FindTraceInstanceLocked(handle)->iSocket);
     }
-    Subscribe("127.0.0.1", tq_SocketGetBoundPort(hSocket));
-    Subscribe("127.0.0.9", tq_SocketGetBoundPort(hSocket));
-    Subscribe("127.0.0.9", tq_SocketGetBoundPort(hSocket));
-    EXPECT_TRUE(test::WaitUntil([handle] { return ViewersOf(handle) >= 2; }));
-    return ViewersOf(handle) >= 3;
+    const unsigned int port = tq_SocketGetBoundPort(hSocket);
+    const test::Fd asks = Subscribe("127.0.0.1", port);
+    const test::Fd asksLast = Subscribe("127.0.0.9", port);
+    EXPECT_TRUE(test::WaitUntil([&] {
+        tq_Trace(handle, TQ_TRACE_LEVEL_WARNING, 1, false, "a line");
+        struct pollfd line = {asksLast.Get(), POLLIN, 0};
+        return poll(&line, 1, 0) == 1;
+    }));
+    return ViewersOf(handle) == 2;
 }
 
 TEST(TqiniCheck, AnAddressIsOneExactlyWhenTheLibraryAdmitsBySuch) {
