@@ -62,9 +62,9 @@ unsigned int __wrap_tq_SocketSendTo(unsigned int hSocket, const unsigned char* d
     return len;
 }
 
-unsigned int __wrap_tq_SocketSendToNoTrace(unsigned int hSocket, const unsigned char* data, unsigned int len,
-                                           unsigned int destIP, unsigned int destPort) {
-    return __wrap_tq_SocketSendTo(hSocket, data, len, destIP, destPort);
+void __wrap__Z10SendOrDropjPKhjjj(unsigned int hSocket, const unsigned char* data, unsigned int len,
+                                  unsigned int destIP, unsigned int destPort) {
+    __wrap_tq_SocketSendTo(hSocket, data, len, destIP, destPort);
 }
 
 unsigned int __wrap_tq_SocketGetBoundPort(unsigned int) {
