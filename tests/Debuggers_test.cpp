@@ -4,6 +4,7 @@
 #include <regex>
 
 #include "PipedProgram.h"
+#include "TerminalProgram.h"
 
 namespace {
 
@@ -92,6 +93,13 @@ TEST_F(Tqcrash, GivesFunctionAndLineOfEachFrame) {
     for (std::istringstream lines(m_report); std::getline(lines, m_report);) {
         EXPECT_NE(std::string::npos, output.find(m_report + "\n")) << "lost: " << m_report;
     }
+}
+
+TEST_F(Tqcrash, SaysTheSameOnATerminal) {
+    const std::string expected = std::regex_replace(OutputOf({TQCRASH, "report"}), std::regex("\n"), "\r\n");
+    test::TerminalProgram program({TQCRASH, "report"});
+    EXPECT_EQ(expected, program.Terminal().ReadTo(expected));
+    EXPECT_EQ(0, program.WaitForEnd());
 }
 
 TEST_F(Tqcrash, SaysWhatIsBelowNoRoot) {
