@@ -1,6 +1,7 @@
 #include "BaseLine.h"
 
 #include <dirent.h>
+#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include "Faults.h"
@@ -76,6 +77,26 @@ long Nodes(tq_List* pList) {
     return pList ? static_cast<long>(pList->NodeCount()) : 0;
 }
 
+/// A wake-up that has been taken, and a breaker to take the next one: not while a worker is about to find out that its
+/// breaker has broken, nor until its heir serves.
+bool SocketsThreadServes() {
+    const tq_ListLock lock(pListOfSockets);
+    bool bHasBreaker = false;
+    for (void* pNode = pListOfSockets->GetHead(); pNode; pNode = pListOfSockets->GetNext()) {
+        bHasBreaker = bHasBreaker || static_cast<SOCKET_INSTANCE*>(pNode)->state == SOCKET_STATE_BREAKER;
+    }
+    return bHasBreaker && BrkrSocket >= 0 && !gbWakeUpPending;
+}
+
+/// A thread that is about to hand over to an heir, since a fault broke its breaker, holds less than will be held.
+void WaitForSocketsThread() {
+    if (pListOfSockets) {
+        const Exempt exempt;
+        SpinBreaker();
+        EXPECT_TRUE(test::WaitUntil(SocketsThreadServes)) << "no sockets thread serves";
+    }
+}
+
 bool IsAbove(const Reading& now, const Reading& base) {
     for (size_t i = 0; i < kCounters; ++i) {
         if (now[i] > base[i]) {
@@ -104,6 +125,7 @@ Reading ReadCounters() {
 }
 
 Reading ReadSettled() {
+    WaitForSocketsThread();
     Reading last = ReadCounters();
     test::WaitUntil([&last] {
         usleep(kSettlingMs * 1000);
@@ -115,6 +137,7 @@ Reading ReadSettled() {
 }
 
 bool ComesBackTo(const Reading& base) {
+    WaitForSocketsThread();
     return test::WaitUntil([&base] { return !IsAbove(ReadCounters(), base); }, kComingBackSeconds);
 }
 

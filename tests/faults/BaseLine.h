@@ -27,10 +27,11 @@ using Reading = std::array<long, kCounters>;
 /// Reads all counters. Those of a subsystem that does not run are 0.
 Reading ReadCounters();
 
-/// Reads until two readings some time apart are the same.
+/// Waits until the sockets thread, if there is one, serves, and reads until two readings some time apart are the same.
 Reading ReadSettled();
 
-/// Waits until no counter is above its base line; false when one still is after a time that only a loss reaches.
+/// Waits until the sockets thread serves and no counter is above its base line; false when one still is after a time
+/// that only a loss reaches.
 bool ComesBackTo(const Reading& base);
 
 /// The counters that are above, or below, the base line, as a message.
