@@ -72,6 +72,11 @@ private:
     struct sockaddr_in m_viewer = {};
 };
 
+/// A place as the command line names it.
+std::string Named(const Endpoint& place) {
+    return place.Address() + ":" + std::to_string(place.port);
+}
+
 /// Nothing is done because time has passed.
 Followed::Times Patient() {
     Followed::Times times;
@@ -303,7 +308,7 @@ TEST(TqtraceFollowed, APlaceThatIsFollowedWithoutANameTakesTheOneItAnnounces) {
     PlayedDevice device;
     Announcement place;
     place.endpoint = device.Place();
-    place.name = "127.0.0.1:" + std::to_string(device.Place().port);
+    place.name = Named(device.Place());
     Follower follower(place);
     PlayedDevice other;
     EXPECT_FALSE(follower->Is(other.Says()));
@@ -544,11 +549,35 @@ TEST(TqtraceProgram, WhatIsNotThereIsNotFound) {
     });
 }
 
+TEST(TqtraceProgram, TwoPlacesWithOneNameAreFollowedOnceEach) {
+    RUN_IN_NETWORK([] {
+        Endpoint group;
+        ASSERT_TRUE(ParseEndpoint(kGroup, &group));
+        PlayedDevice first("10.99.1.1");
+        PlayedDevice second("10.99.1.1");
+        Viewer viewer({"follow", Named(first.Place()), Named(second.Place())});
+        for (PlayedDevice* pDevice : {&first, &second}) {
+            EXPECT_TRUE(WaitUntil([&] { return pDevice->Next() == Wire("TRACEON/"); }));
+        }
+        const in_port_t port = second.Viewer().sin_port;
+        for (const PlayedDevice* pDevice : {&first, &second}) {
+            pDevice->SendTo(ToSocketAddress(group),
+                            Wire("DISCOVER/version=1.2/applicationName=x:a/mac=m/IPAddr=10.99.1.1/port=" +
+                                 std::to_string(pDevice->Place().port) + "/host=//"));
+            viewer.ReadLineWith(" x:a: is x:a");
+        }
+        EXPECT_TRUE(WaitUntil([&] { return second.Next() == Wire("TRACEON/"); })); // once more, being announced
+        do {
+            EXPECT_EQ(port, second.Viewer().sin_port);
+        } while (second.Next() == Wire("TRACEON/"));
+    });
+}
+
 TEST(TqtraceProgram, FollowsAPlaceAndEndsWhenNobodyTakesItsOutput) {
     test::ScratchDirectory directory;
     RUN_IN_NETWORK([] {
         PlayedDevice device;
-        const std::string place = "127.0.0.1:" + std::to_string(device.Place().port);
+        const std::string place = Named(device.Place());
         int output[2];
         ASSERT_EQ(0, pipe2(output, O_CLOEXEC));
         const pid_t viewer = fork();

@@ -141,14 +141,25 @@ bool Follow::IsWanted(const Announcement& announcement) {
     return bWanted;
 }
 
-void Follow::OnAnnouncement(const Announcement& announcement) {
+/// Who follows what has announced itself; null when nobody does.
+Followed* Follow::FollowerOf(const Announcement& announcement) const {
+    Followed* pByName = nullptr;
     for (const auto& pFollowed : m_followed) {
-        if (pFollowed->Is(announcement)) {
-            pFollowed->OnAnnouncement(announcement);
-            return;
+        if (!pFollowed->Is(announcement)) {
+            continue;
         }
+        if (pFollowed->IsAt(announcement.endpoint)) {
+            return pFollowed.get();
+        }
+        pByName = pByName ? pByName : pFollowed.get();
     }
-    if (IsWanted(announcement)) {
+    return pByName;
+}
+
+void Follow::OnAnnouncement(const Announcement& announcement) {
+    if (Followed* const pFollower = FollowerOf(announcement)) {
+        pFollower->OnAnnouncement(announcement);
+    } else if (IsWanted(announcement)) {
         Add(announcement);
     }
 }

@@ -27,6 +27,7 @@ private:
     void OnTick();
     bool TakeSignal();
     bool IsOver() const;
+    Followed* FollowerOf(const Announcement& announcement) const;
     void OnAnnouncement(const Announcement& announcement);
     bool IsWanted(const Announcement& announcement);
     void Add(const Announcement& announcement);

@@ -81,6 +81,11 @@ bool Followed::Is(const Announcement& announcement) const {
     return announcement.mac == m_announcement.mac && announcement.instance == m_announcement.instance;
 }
 
+bool Followed::IsAt(const Endpoint& endpoint) const {
+    return std::any_of(m_places.begin(), m_places.end(),
+                       [&](const Place& place) { return place.endpoint == endpoint && place.state != State::Gone; });
+}
+
 Followed::Place* Followed::Find(const Endpoint& endpoint) {
     const auto found =
         std::find_if(m_places.begin(), m_places.end(), [&](const Place& place) { return place.endpoint == endpoint; });

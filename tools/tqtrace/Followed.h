@@ -47,6 +47,9 @@ public:
 
     /// Whether this is said of the instance that is followed.
     bool Is(const Announcement& announcement) const;
+    /// Whether it is subscribed to there: of several with the same name on one device, the one that an announcement
+    /// from there is for.
+    bool IsAt(const Endpoint& endpoint) const;
     void OnAnnouncement(const Announcement& announcement);
     /// Takes all that has come.
     void OnReadable();
