@@ -11,6 +11,7 @@
 
 #include <gtest/gtest.h>
 
+#include "ListNode.h"
 #include "TestSupport.h"
 #include "tq_List_p.h"
 #include "tq_Memory_p.h"
@@ -18,44 +19,13 @@
 
 namespace {
 
-/// A node with a key of every kind. The numbers lie at odd addresses.
-struct __attribute__((packed)) Node {
-    char id;
-    uint32_t number;
-    uint16_t half;
-    uint8_t byte;
-    const char* pszText;
-    char text[16];
-};
+using test::Named;
+using test::Node;
+using test::Numbered;
 
-Node Numbered(uint32_t number, char id = ' ') {
-    Node node = {};
-    node.id = id;
-    node.number = number;
-    node.half = static_cast<uint16_t>(number);
-    node.byte = static_cast<uint8_t>(number);
-    return node;
-}
-
-Node Named(const char* pszText) {
-    Node node = {};
-    node.pszText = pszText;
-    snprintf(node.text, sizeof(node.text), "%s", pszText ? pszText : "");
-    return node;
-}
-
-/// A list whose inside can be looked at.
-struct OpenList : tq_List {
-    using tq_List::m_li;
-    using tq_List::tq_List;
-
-    unsigned int Blocks() const {
-        unsigned int blocks = 0;
-        for (const _LIST_BLOCK* pBlock = m_li.pListBlock; pBlock; pBlock = pBlock->pNext) {
-            ++blocks;
-        }
-        return blocks;
-    }
+/// A list whose buckets can be looked at.
+struct OpenList : test::OpenListBase {
+    using OpenListBase::OpenListBase;
 
     /// Every entry is in the chain, in one bucket or in the pool; every bucket is linked both ways and counted.
     void ExpectSound() const {

@@ -15,6 +15,7 @@
 
 #include <gtest/gtest.h>
 
+#include "ListNode.h"
 #include "MemoryCap.h"
 #include "TestSupport.h"
 #include "tq_Handle_p.h"
@@ -25,52 +26,20 @@
 
 namespace {
 
+using test::Named;
+using test::Node;
+using test::Numbered;
+
 constexpr int kForward = LIST_DIRECTION_HEAD_TO_TAIL;
 constexpr int kBackward = LIST_DIRECTION_TAIL_TO_HEAD;
-
-/// A node with a key of every kind. The numbers lie at odd addresses.
-struct __attribute__((packed)) Node {
-    char id;
-    uint32_t number;
-    uint16_t half;
-    uint8_t byte;
-    const char* pszText;
-    char text[16];
-};
-
-Node Numbered(uint32_t number, char id = ' ') {
-    Node node = {};
-    node.id = id;
-    node.number = number;
-    node.half = static_cast<uint16_t>(number);
-    node.byte = static_cast<uint8_t>(number);
-    return node;
-}
-
-Node Named(const char* pszText, char id = ' ') {
-    Node node = {};
-    node.id = id;
-    node.pszText = pszText;
-    snprintf(node.text, sizeof(node.text), "%s", pszText ? pszText : "");
-    return node;
-}
 
 void* Text(const char* pszText) {
     return const_cast<char*>(pszText);
 }
 
-/// A list whose inside can be looked at.
-struct OpenList : tq_List {
-    using tq_List::m_li;
-    using tq_List::tq_List;
-
-    unsigned int Blocks() const {
-        unsigned int blocks = 0;
-        for (const _LIST_BLOCK* pBlock = m_li.pListBlock; pBlock; pBlock = pBlock->pNext) {
-            ++blocks;
-        }
-        return blocks;
-    }
+/// A list whose chain can be looked at.
+struct OpenList : test::OpenListBase {
+    using OpenListBase::OpenListBase;
 
     std::set<const _TQ_LIST_ENTRY*> Chain() const {
         std::set<const _TQ_LIST_ENTRY*> entries;

@@ -7,6 +7,7 @@
 #include <thread>
 #include <vector>
 
+#include "LockRecords.h"
 #include "SystemFaults.h"
 #include "TestSupport.h"
 #include "tq_Base.h"
@@ -35,31 +36,6 @@ class PthreadMode {
 public:
     PthreadMode() { gbUseMutexesForCritSecs = false; }
     ~PthreadMode() { gbUseMutexesForCritSecs = true; }
-};
-
-struct Record {
-    void* sem;
-    unsigned int line;
-    unsigned int state;
-    unsigned int type;
-    std::string file;
-};
-
-std::vector<Record> Records() {
-    std::vector<Record> records;
-    LockSemList();
-    for (const SemListNode* pNode = gpSemListHead; pNode; pNode = pNode->pNext) {
-        records.push_back(
-            {pNode->Sem, pNode->Line, pNode->State, pNode->Type, pNode->pszFile ? pNode->pszFile : "(null)"});
-    }
-    unLockSemList();
-    return records;
-}
-
-class Tracking {
-public:
-    Tracking() { tq_SemEnableSemTracking(); }
-    ~Tracking() { tq_SemDisableSemTracking(); }
 };
 
 /// Settings with tracked memory.
@@ -123,7 +99,7 @@ TEST_P(CritSecModes, WhoEntersNextMayDestroyItWhileTheOwnerBeforeIsLeaving) {
 
 TEST(CritSec, OnPthreadMutexThatCouldNotBeMadeIsEnteredWithoutLocking) {
     PthreadMode mode;
-    Tracking tracking;
+    test::LockTracking tracking;
     test::Fault fault(test::gbMutexInitFails);
     tq_SemCritSec critSec(false);
     critSec.Enter();
@@ -132,7 +108,7 @@ TEST(CritSec, OnPthreadMutexThatCouldNotBeMadeIsEnteredWithoutLocking) {
         critSec.Enter();
         critSec.Leave();
     }).join();
-    EXPECT_TRUE(Records().empty());
+    EXPECT_TRUE(test::LockRecords().empty());
     EXPECT_EQ(2u, tq_HeldLocks()) << "it counts as held all the same";
     critSec.Leave();
     critSec.Leave();
@@ -203,24 +179,24 @@ TEST_P(CritSecModes, ForcedYieldFollowsALeaveWithoutALockOnAPlainMutexOnly) {
 
 TEST_P(CritSecModes, RecordNamesThePlaceThatEntered) {
     tq_SemCritSec critSec(true);
-    Tracking tracking;
+    test::LockTracking tracking;
     critSec.Enter(31, "place.cpp");
-    const std::vector<Record> records = Records();
+    const std::vector<test::LockRecord> records = test::LockRecords();
     ASSERT_EQ(1u, records.size());
     EXPECT_EQ(static_cast<unsigned int>(GetParam() ? SEM_TRACK_TYPE_MUTEX : SEM_TRACK_TYPE_CRITSEC), records[0].type);
     EXPECT_EQ(static_cast<unsigned int>(SEM_TRACK_STATE_OWNED), records[0].state);
     EXPECT_EQ(31u, records[0].line);
     EXPECT_EQ("place.cpp", records[0].file);
     critSec.Leave();
-    EXPECT_TRUE(Records().empty());
+    EXPECT_TRUE(test::LockRecords().empty());
 }
 
 TEST_P(CritSecModes, GuardIsTrackedWhereItStands) {
     tq_SemCritSec critSec(true);
-    Tracking tracking;
+    test::LockTracking tracking;
     const unsigned int line = __LINE__ + 1;
     tq_CritSecLock lock(critSec);
-    const std::vector<Record> records = Records();
+    const std::vector<test::LockRecord> records = test::LockRecords();
     ASSERT_EQ(1u, records.size());
     EXPECT_EQ(line, records[0].line);
     EXPECT_EQ(__FILE__, records[0].file);
@@ -249,12 +225,12 @@ TEST(CritSec, NonRecursiveSectionOnASemMutexIsEnteredTwiceAllTheSame) {
 
 TEST(CritSec, OnPthreadMutexIsOfTheKindThatWasAskedFor) {
     PthreadMode mode;
-    Tracking tracking;
+    test::LockTracking tracking;
     for (bool bRecursive : {true, false}) {
         tq_SemCritSec critSec(bRecursive);
         critSec.Enter();
-        ASSERT_EQ(1u, Records().size());
-        auto* pMutex = static_cast<pthread_mutex_t*>(Records()[0].sem);
+        ASSERT_EQ(1u, test::LockRecords().size());
+        auto* pMutex = static_cast<pthread_mutex_t*>(test::LockRecords()[0].sem);
         EXPECT_EQ(bRecursive ? 0 : EBUSY, pthread_mutex_trylock(pMutex)) << "by the thread that is inside";
         if (bRecursive) {
             pthread_mutex_unlock(pMutex);
@@ -265,17 +241,17 @@ TEST(CritSec, OnPthreadMutexIsOfTheKindThatWasAskedFor) {
 
 TEST(CritSec, OnPthreadMutexShowsItsWaiters) {
     PthreadMode mode;
-    Tracking tracking;
+    test::LockTracking tracking;
     tq_SemCritSec critSec(true);
     critSec.Enter(1, "owner");
     std::thread waiter([&] {
         critSec.Enter(2, "waiter");
         critSec.Leave();
     });
-    EXPECT_TRUE(test::WaitUntil([] { return Records().size() == 2; }));
-    EXPECT_EQ(static_cast<unsigned int>(SEM_TRACK_STATE_WAITING), Records()[0].state);
-    EXPECT_EQ(static_cast<unsigned int>(SEM_TRACK_TYPE_CRITSEC), Records()[0].type);
-    EXPECT_EQ("waiter", Records()[0].file);
+    EXPECT_TRUE(test::WaitUntil([] { return test::LockRecords().size() == 2; }));
+    EXPECT_EQ(static_cast<unsigned int>(SEM_TRACK_STATE_WAITING), test::LockRecords()[0].state);
+    EXPECT_EQ(static_cast<unsigned int>(SEM_TRACK_TYPE_CRITSEC), test::LockRecords()[0].type);
+    EXPECT_EQ("waiter", test::LockRecords()[0].file);
     critSec.Leave();
     waiter.join();
 }
@@ -286,10 +262,10 @@ TEST(CritSec, SettingDecidesWhatSectionsAreBuiltOn) {
                               (bUseMutexes ? "yes\n" : "no\n"));
         EXPECT_EQ(bUseMutexes, gbUseMutexesForCritSecs);
         EXPECT_TRUE(gbSchedYield);
-        Tracking tracking;
+        test::LockTracking tracking;
         tq_SemCritSec critSec(true);
         critSec.Enter(1, "x");
-        const std::vector<Record> records = Records();
+        const std::vector<test::LockRecord> records = test::LockRecords();
         critSec.Leave();
         ASSERT_EQ(1u, records.size());
         EXPECT_EQ(static_cast<unsigned int>(bUseMutexes ? SEM_TRACK_TYPE_MUTEX : SEM_TRACK_TYPE_CRITSEC),

@@ -6,6 +6,7 @@
 #include <thread>
 #include <vector>
 
+#include "LockRecords.h"
 #include "SystemFaults.h"
 #include "TestSupport.h"
 #include "tq_Memory_p.h"
@@ -19,22 +20,8 @@ constexpr int kManual = 1;
 constexpr int kLong = 60000; ///< milliseconds that only a hang lets pass
 
 std::vector<void*> WaitersListed() {
-    std::vector<void*> waiters;
-    LockSemList();
-    for (const SemListNode* pNode = gpSemListHead; pNode; pNode = pNode->pNext) {
-        if (pNode->Type == SEM_TRACK_TYPE_EVENT && pNode->State == SEM_TRACK_STATE_WAITING) {
-            waiters.push_back(pNode->Sem);
-        }
-    }
-    unLockSemList();
-    return waiters;
+    return test::LocksWaitedFor(SEM_TRACK_TYPE_EVENT);
 }
-
-class Tracking {
-public:
-    Tracking() { tq_SemEnableSemTracking(); }
-    ~Tracking() { tq_SemDisableSemTracking(); }
-};
 
 /// Waits until that many threads are listed as waiting for events, and have given up the event's mutex to wait.
 void WaitForWaiters(size_t count) {
@@ -59,7 +46,7 @@ TEST(SemEvent, AutoResetEventLetsOneWaitPassForEachSet) {
 }
 
 TEST(SemEvent, AutoResetEventReleasesOneWaiter) {
-    Tracking tracking;
+    test::LockTracking tracking;
     tq_SemEvent event(kAuto, 0);
     std::atomic<int> woken{0};
     std::vector<std::thread> waiters;
@@ -108,7 +95,7 @@ TEST(SemEvent, SignalledFromTheStartLetsTheFirstWaitPass) {
 }
 
 TEST(SemEvent, SettingAManualResetEventWakesOneOfItsWaiters) {
-    Tracking tracking;
+    test::LockTracking tracking;
     tq_SemEvent event(kManual, 0);
     std::atomic<int> woken{0};
     std::vector<std::thread> waiters;
@@ -131,7 +118,7 @@ TEST(SemEvent, SettingAManualResetEventWakesOneOfItsWaiters) {
 }
 
 TEST(SemEvent, WaiterWhoseTimeIsUpFailsAlthoughTheEventIsSignalled) {
-    Tracking tracking;
+    test::LockTracking tracking;
     tq_SemEvent event(kManual, 0);
     std::atomic<int> passed{0};
     std::atomic<int> failed{0};
@@ -150,7 +137,7 @@ TEST(SemEvent, WaiterWhoseTimeIsUpFailsAlthoughTheEventIsSignalled) {
 }
 
 TEST(SemEvent, WaitThatTimesOutClearsAnAutoResetEvent) {
-    Tracking tracking;
+    test::LockTracking tracking;
     tq_SemEvent event(kAuto, 0);
     std::atomic<bool> bTimedOut{false};
     std::thread waiter([&] { bTimedOut = event.WaitForEvent(200) == 0; });
@@ -175,7 +162,7 @@ TEST(SemEvent, TimeOutsBelowMinusOneCountAsExpired) {
 }
 
 TEST(SemEvent, IsTrackedOnlyWhileAThreadWaits) {
-    Tracking tracking;
+    test::LockTracking tracking;
     tq_SemEvent event(kAuto, 1);
     EXPECT_EQ(1, event.WaitForEvent(0));
     EXPECT_EQ(0, event.WaitForEvent(0));
@@ -193,7 +180,7 @@ TEST(SemEvent, IsTrackedOnlyWhileAThreadWaits) {
 
 TEST(SemEvent, TimedWaitFailsWhenTheClockCannotBeReadAndItsRecordStays) {
     tq_SemEvent event(kAuto, 1);
-    Tracking tracking;
+    test::LockTracking tracking;
     test::Fault fault(test::gbClockFails);
     EXPECT_EQ(0, event.WaitForEvent(kLong));
     EXPECT_EQ(1u, WaitersListed().size());
@@ -201,7 +188,7 @@ TEST(SemEvent, TimedWaitFailsWhenTheClockCannotBeReadAndItsRecordStays) {
 }
 
 TEST(SemEvent, ThatCouldNotBeMadeFailsEveryOperation) {
-    Tracking tracking;
+    test::LockTracking tracking;
     for (std::atomic<bool>* pFault : {&test::gbMutexInitFails, &test::gbCondInitFails}) {
         test::Fault fault(*pFault);
         tq_SemEvent event(kManual, 1);

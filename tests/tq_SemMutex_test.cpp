@@ -9,6 +9,7 @@
 #include <thread>
 #include <vector>
 
+#include "LockRecords.h"
 #include "SystemFaults.h"
 #include "TestSupport.h"
 #include "tq_Base.h"
@@ -51,42 +52,14 @@ std::string SemReport() {
     return TakeText(pszText);
 }
 
-/// A copy of a record: of its file name, the text.
-struct Record {
-    unsigned int threadId;
-    void* sem;
-    unsigned int line;
-    unsigned int state;
-    unsigned int type;
-    std::string file;
-};
-
-std::vector<Record> Records() {
-    std::vector<Record> records;
-    LockSemList();
-    for (const SemListNode* pNode = gpSemListHead; pNode; pNode = pNode->pNext) {
-        records.push_back({pNode->ThreadId, pNode->Sem, pNode->Line, pNode->State, pNode->Type,
-                           pNode->pszFile ? pNode->pszFile : "(null)"});
-    }
-    unLockSemList();
-    return records;
-}
-
 bool IsListed(unsigned int state, unsigned int line) {
-    for (const Record& record : Records()) {
+    for (const test::LockRecord& record : test::LockRecords()) {
         if (record.state == state && record.line == line) {
             return true;
         }
     }
     return false;
 }
-
-/// Tracking switched on for a scope.
-class Tracking {
-public:
-    Tracking() { tq_SemEnableSemTracking(); }
-    ~Tracking() { tq_SemDisableSemTracking(); }
-};
 
 unsigned int Shown(const void* sem) {
     return static_cast<unsigned int>(reinterpret_cast<uintptr_t>(sem));
@@ -167,7 +140,7 @@ TEST(SemMutex, WaitThatTimesOutLeavesTheMutexAsItWas) {
 }
 
 TEST(SemMutex, WaitersGetItWhenItIsReleased) {
-    Tracking tracking;
+    test::LockTracking tracking;
     for (int msTimeOut : {-1, kLong}) {
         tq_SemMutex mutex(false);
         ASSERT_EQ(1, mutex.WaitForMutex());
@@ -254,10 +227,10 @@ TEST(SemMutex, DeadlineBeyond2038DoesNotWrap) {
 
 TEST(SemMutex, TimedWaitFailsWhenTheClockCannotBeReadAndItsRecordStays) {
     tq_SemMutex mutex(false);
-    Tracking tracking;
+    test::LockTracking tracking;
     test::Fault fault(test::gbClockFails);
     EXPECT_EQ(0, mutex.WaitForMutexWithTimeout(kLong, 12, "clock")) << "although it is free";
-    const std::vector<Record> records = Records();
+    const std::vector<test::LockRecord> records = test::LockRecords();
     ASSERT_EQ(1u, records.size());
     EXPECT_EQ(static_cast<unsigned int>(SEM_TRACK_STATE_WAITING), records[0].state);
     EXPECT_EQ(1, mutex.WaitForMutex()) << "a wait without a time-out needs no clock";
@@ -342,7 +315,7 @@ TEST(SemMutex, LeavesErrnoAsItWas) {
 
 TEST(SemMutex, ThatCouldNotBeMadeFailsEveryOperation) {
     test::Library library("[Memory]\nEnableMemoryTracking=yes\n");
-    Tracking tracking;
+    test::LockTracking tracking;
     gMemoryCapInBytes = 1;
     tq_SemMutex mutex(false);
     gMemoryCapInBytes = 0;
@@ -350,7 +323,7 @@ TEST(SemMutex, ThatCouldNotBeMadeFailsEveryOperation) {
     EXPECT_EQ(0, mutex.WaitForMutexWithTimeout(0));
     EXPECT_EQ(0, mutex.WaitForMutexWithTimeout(kLong));
     EXPECT_EQ(0, mutex.Release());
-    EXPECT_TRUE(Records().empty()) << "nothing is tracked";
+    EXPECT_TRUE(test::LockRecords().empty()) << "nothing is tracked";
 }
 
 TEST(SemMutex, GivesItsMemoryBack) {
@@ -382,7 +355,7 @@ TEST(SemTracking, OffOrEmptyIsSaidInPlaceOfATable) {
     EXPECT_EQ("Not currently tracking Mutex Sems...", SemReport());
     tq_SemMutex mutex(false);
     {
-        Tracking tracking;
+        test::LockTracking tracking;
         EXPECT_EQ("No Mutex Sems currently active.", SemReport());
         mutex.WaitForMutex();
         EXPECT_NE("No Mutex Sems currently active.", SemReport());
@@ -419,7 +392,7 @@ TEST(SemTracking, TerminationSwitchesItOffAndKeepsTheRecords) {
     mutex.Release(); // not tracked any more
     EXPECT_TRUE(IsListed(SEM_TRACK_STATE_OWNED, 7));
     tq_SemDisableSemTracking();
-    EXPECT_TRUE(Records().empty());
+    EXPECT_TRUE(test::LockRecords().empty());
 }
 
 TEST(SemTracking, IsSwitchedOnByItsSetting) {
@@ -463,7 +436,7 @@ TEST(SemTracking, ReportShowsWaitersThenOwners) {
     tq_SemMutex first(false);
     tq_SemMutex second(false);
     tq_SemEvent event(0, 0);
-    Tracking tracking;
+    test::LockTracking tracking;
     first.WaitForMutex(1, "first.cpp");
     second.WaitForMutex(2, "second.cpp");
     unsigned int waiterTid = 0;
@@ -480,7 +453,7 @@ TEST(SemTracking, ReportShowsWaitersThenOwners) {
     });
     EXPECT_TRUE(test::WaitUntil([] { return IsListed(SEM_TRACK_STATE_WAITING, 4444444); }));
 
-    const std::vector<Record> records = Records();
+    const std::vector<test::LockRecord> records = test::LockRecords();
     ASSERT_EQ(4u, records.size());
     EXPECT_EQ(records[1].sem, records[3].sem) << "one mutex, its owner and its waiter";
     const unsigned int me = tq_GetThreadId();
@@ -494,11 +467,11 @@ TEST(SemTracking, ReportShowsWaitersThenOwners) {
     event.Set();
     waiter.join();
     eventWaiter.join();
-    EXPECT_TRUE(Records().empty());
+    EXPECT_TRUE(test::LockRecords().empty());
 }
 
 TEST(SemTracking, ReportShowsUnknownStatesAndTypesLast) {
-    Tracking tracking;
+    test::LockTracking tracking;
     int lock = 0;
     int odd = 0;
     TrackSemaphore(&odd, 99, SEM_TRACK_STATE_WAITING, 5, "odd");
@@ -567,9 +540,9 @@ TEST(SemTracking, LongFileNamesLoseTheirBeginning) {
     EXPECT_STREQ("", name);
 
     tq_SemMutex mutex(false);
-    Tracking tracking;
+    test::LockTracking tracking;
     mutex.WaitForMutex(1, file);
-    const std::vector<Record> records = Records();
+    const std::vector<test::LockRecord> records = test::LockRecords();
     ASSERT_EQ(1u, records.size());
     EXPECT_EQ(std::string(kHeader) + "\r\n" +
                   Row(records[0].sem, tq_GetThreadId(), " Owned ", "Mutex", 1, "567890123456789012345678901234567890"),
@@ -579,9 +552,9 @@ TEST(SemTracking, LongFileNamesLoseTheirBeginning) {
 
 TEST(SemTracking, WaitWithoutAFileNameIsShownAsUnknown) {
     tq_SemMutex mutex(false);
-    Tracking tracking;
+    test::LockTracking tracking;
     mutex.WaitForMutex(1, nullptr);
-    const std::vector<Record> records = Records();
+    const std::vector<test::LockRecord> records = test::LockRecords();
     ASSERT_EQ(1u, records.size());
     EXPECT_EQ("(null)", records[0].file);
     EXPECT_EQ(std::string(kHeader) + "\r\n" + Row(records[0].sem, tq_GetThreadId(), " Owned ", "Mutex", 1, "(unknown)"),
@@ -591,51 +564,51 @@ TEST(SemTracking, WaitWithoutAFileNameIsShownAsUnknown) {
 
 TEST(SemTracking, FileNameIsCopied) {
     tq_SemMutex mutex(false);
-    Tracking tracking;
+    test::LockTracking tracking;
     char file[] = "before";
     mutex.WaitForMutex(1, file);
     strcpy(file, "after!");
-    ASSERT_EQ(1u, Records().size());
-    EXPECT_EQ("before", Records()[0].file);
+    ASSERT_EQ(1u, test::LockRecords().size());
+    EXPECT_EQ("before", test::LockRecords()[0].file);
     mutex.Release();
 }
 
 TEST(SemTracking, SleepGoesByItsThreadsId) {
-    Tracking tracking;
+    test::LockTracking tracking;
     int ignored = 0;
     TrackSemaphore(&ignored, SEM_TRACK_TYPE_SLEEP, SEM_TRACK_STATE_WAITING, 8, "sleeper");
     const unsigned int me = tq_GetThreadId();
     const void* pIdentity = reinterpret_cast<void*>(static_cast<uintptr_t>(me));
     EXPECT_EQ(std::string(kHeader) + Row(pIdentity, me, "Waiting", "Sleep", 8, "sleeper"), SemReport());
     TrackSemaphore(nullptr, SEM_TRACK_TYPE_SLEEP, SEM_TRACK_STATE_RELEASED, 0, nullptr);
-    EXPECT_TRUE(Records().empty());
+    EXPECT_TRUE(test::LockRecords().empty());
 }
 
 TEST(SemTracking, TimedOutWaiterIsShownAsOwnedUntilItsNextRelease) {
     tq_SemMutex mutex(false);
     mutex.WaitForMutex();
-    Tracking tracking;
+    test::LockTracking tracking;
     OnAnotherThread([&] {
         ASSERT_EQ(0, mutex.WaitForMutexWithTimeout(0, 9, "late"));
-        const std::vector<Record> records = Records();
+        const std::vector<test::LockRecord> records = test::LockRecords();
         ASSERT_EQ(1u, records.size());
         EXPECT_EQ(tq_GetThreadId(), records[0].threadId);
         EXPECT_EQ(std::string(kHeader) + "\r\n" + Row(records[0].sem, tq_GetThreadId(), " Owned ", "Mutex", 9, "late"),
                   SemReport());
         EXPECT_EQ(1, mutex.Release());
-        EXPECT_TRUE(Records().empty());
+        EXPECT_TRUE(test::LockRecords().empty());
     });
     EXPECT_FALSE(OthersCanTake(mutex));
 }
 
 TEST(SemTracking, OwnedMakesTheRecordTheNewestAndKeepsItsPlaceOfWaiting) {
-    Tracking tracking;
+    test::LockTracking tracking;
     int locks[2] = {0, 0};
     TrackSemaphore(&locks[0], SEM_TRACK_TYPE_CRITSEC, SEM_TRACK_STATE_WAITING, 1, "one");
     TrackSemaphore(&locks[1], SEM_TRACK_TYPE_CRITSEC, SEM_TRACK_STATE_WAITING, 2, "two");
-    EXPECT_EQ(&locks[1], Records()[0].sem);
+    EXPECT_EQ(&locks[1], test::LockRecords()[0].sem);
     TrackSemaphore(&locks[0], SEM_TRACK_TYPE_MUTEX, SEM_TRACK_STATE_OWNED, 99, "ignored");
-    const std::vector<Record> records = Records();
+    const std::vector<test::LockRecord> records = test::LockRecords();
     ASSERT_EQ(2u, records.size());
     EXPECT_EQ(&locks[0], records[0].sem);
     EXPECT_EQ(static_cast<unsigned int>(SEM_TRACK_TYPE_CRITSEC), records[0].type);
@@ -645,30 +618,30 @@ TEST(SemTracking, OwnedMakesTheRecordTheNewestAndKeepsItsPlaceOfWaiting) {
 }
 
 TEST(SemTracking, StepsWithoutARecordAndUnknownStatesDoNothing) {
-    Tracking tracking;
+    test::LockTracking tracking;
     int lock = 0;
     TrackSemaphore(&lock, SEM_TRACK_TYPE_MUTEX, SEM_TRACK_STATE_OWNED, 1, "x");
     TrackSemaphore(&lock, SEM_TRACK_TYPE_MUTEX, SEM_TRACK_STATE_RELEASED, 1, "x");
     for (int state : {-1, 0, 4, 100}) {
         TrackSemaphore(&lock, SEM_TRACK_TYPE_MUTEX, state, 1, "x");
     }
-    EXPECT_TRUE(Records().empty());
+    EXPECT_TRUE(test::LockRecords().empty());
     TrackSemaphore(&lock, SEM_TRACK_TYPE_MUTEX, SEM_TRACK_STATE_WAITING, 1, "x");
     OnAnotherThread([&] { TrackSemaphore(&lock, SEM_TRACK_TYPE_MUTEX, SEM_TRACK_STATE_RELEASED, 0, nullptr); });
-    EXPECT_EQ(1u, Records().size()) << "another thread's step is not this one's";
+    EXPECT_EQ(1u, test::LockRecords().size()) << "another thread's step is not this one's";
 }
 
 TEST(SemTracking, NestedEntriesHaveARecordEach) {
     tq_SemMutex mutex(false);
-    Tracking tracking;
+    test::LockTracking tracking;
     mutex.WaitForMutex(1, "outer");
     mutex.WaitForMutex(2, "inner");
-    EXPECT_EQ(2u, Records().size());
+    EXPECT_EQ(2u, test::LockRecords().size());
     mutex.Release();
-    ASSERT_EQ(1u, Records().size());
-    EXPECT_EQ(1u, Records()[0].line) << "the newest goes first";
+    ASSERT_EQ(1u, test::LockRecords().size());
+    EXPECT_EQ(1u, test::LockRecords()[0].line) << "the newest goes first";
     mutex.Release();
-    EXPECT_TRUE(Records().empty());
+    EXPECT_TRUE(test::LockRecords().empty());
 }
 
 TEST(SemTracking, SwitchingItOffDiscardsAllRecords) {
@@ -682,7 +655,7 @@ TEST(SemTracking, SwitchingItOffDiscardsAllRecords) {
     tq_SemDisableSemTracking();
     EXPECT_EQ(before, gRequestedMemoryAllocations);
     tq_SemEnableSemTracking();
-    EXPECT_TRUE(Records().empty()) << "locks held since before are not listed";
+    EXPECT_TRUE(test::LockRecords().empty()) << "locks held since before are not listed";
     mutex.Release();
     mutex.Release();
     EXPECT_TRUE(OthersCanTake(mutex));
@@ -725,19 +698,19 @@ TEST(SemTracking, RecordThatIsRefusedIsReportedOnceAndNotMade) {
 TEST(SemTracking, RecordWhoseFileNameIsRefusedIsMadeWithoutIt) {
     test::Library library("[Memory]\nEnableMemoryTracking=yes\n");
     tq_SemMutex mutex(false);
-    Tracking tracking;
+    test::LockTracking tracking;
     gMemoryCapInBytes = gRequestedMemoryAllocations + static_cast<unsigned int>(sizeof(SemListNode)) + 5;
     mutex.WaitForMutex(3, "does not fit");
     gMemoryCapInBytes = 0;
-    ASSERT_EQ(1u, Records().size());
-    EXPECT_EQ("(null)", Records()[0].file);
+    ASSERT_EQ(1u, test::LockRecords().size());
+    EXPECT_EQ("(null)", test::LockRecords()[0].file);
     mutex.Release();
 }
 
 TEST(SemTracking, ReportThatIsTooLargeSaysSo) {
     test::Library library("[Memory]\nEnableMemoryTracking=yes\n");
     tq_SemMutex mutex(false);
-    Tracking tracking;
+    test::LockTracking tracking;
     mutex.WaitForMutex();
     gMemoryCapInBytes = gRequestedMemoryAllocations + 120 + 240 - 1;
     EXPECT_EQ("Too Many Mutex Sems to display", SemReport());
@@ -751,7 +724,7 @@ TEST(SemTracking, ReportsAreWholeWhileLocksComeAndGo) {
     constexpr int kThreads = 3;
     tq_SemMutex mutex(false);
     std::atomic<bool> bStop{false};
-    Tracking tracking;
+    test::LockTracking tracking;
     std::vector<std::thread> threads;
     for (int i = 0; i < kThreads; ++i) {
         threads.emplace_back([&] {

@@ -6,6 +6,7 @@
 #include <thread>
 #include <vector>
 
+#include "LockRecords.h"
 #include "SystemFaults.h"
 #include "TestSupport.h"
 #include "tq_Memory_p.h"
@@ -27,20 +28,8 @@ long UnitsIn(tq_SemSemaphore& semaphore) {
 }
 
 size_t WaitersListed() {
-    size_t waiters = 0;
-    LockSemList();
-    for (const SemListNode* pNode = gpSemListHead; pNode; pNode = pNode->pNext) {
-        waiters += pNode->Type == SEM_TRACK_TYPE_SEMAPHORE && pNode->State == SEM_TRACK_STATE_WAITING;
-    }
-    unLockSemList();
-    return waiters;
+    return test::LocksWaitedFor(SEM_TRACK_TYPE_SEMAPHORE).size();
 }
-
-class Tracking {
-public:
-    Tracking() { tq_SemEnableSemTracking(); }
-    ~Tracking() { tq_SemDisableSemTracking(); }
-};
 
 } // namespace
 
@@ -137,7 +126,7 @@ TEST(SemSemaphore, SumsStopAtTheEndsOfTheRange) {
 }
 
 TEST(SemSemaphore, ReleaseWakesAsManyWaitersAsItAddsUnits) {
-    Tracking tracking;
+    test::LockTracking tracking;
     tq_SemSemaphore semaphore(0, 10);
     std::atomic<int> woken{0};
     std::vector<std::thread> waiters;
@@ -159,7 +148,7 @@ TEST(SemSemaphore, ReleaseWakesAsManyWaitersAsItAddsUnits) {
 }
 
 TEST(SemSemaphore, IsTrackedOnlyWhileAThreadWaits) {
-    Tracking tracking;
+    test::LockTracking tracking;
     tq_SemSemaphore semaphore(1, 10);
     EXPECT_EQ(1, semaphore.WaitForSem(0));
     EXPECT_EQ(0, semaphore.WaitForSem(0));
@@ -177,7 +166,7 @@ TEST(SemSemaphore, IsTrackedOnlyWhileAThreadWaits) {
 
 TEST(SemSemaphore, TimedWaitFailsWhenTheClockCannotBeReadAndItsRecordStays) {
     tq_SemSemaphore semaphore(1, 1);
-    Tracking tracking;
+    test::LockTracking tracking;
     test::Fault fault(test::gbClockFails);
     EXPECT_EQ(0, semaphore.WaitForSem(kLong));
     EXPECT_EQ(1u, WaitersListed());
@@ -186,7 +175,7 @@ TEST(SemSemaphore, TimedWaitFailsWhenTheClockCannotBeReadAndItsRecordStays) {
 
 TEST(SemSemaphore, ThatCouldNotBeMadeFailsEveryOperation) {
     test::Library library("[Memory]\nEnableMemoryTracking=yes\n");
-    Tracking tracking;
+    test::LockTracking tracking;
     gMemoryCapInBytes = 1;
     tq_SemSemaphore semaphore(1, 1);
     gMemoryCapInBytes = 0;
@@ -273,7 +262,7 @@ TEST(SemSemaphore, IsHandedOverManyTimesAndDestroyedByWhoTookTheUnit) {
 
 #if !defined(__SANITIZE_ADDRESS__) // its marks on the stack of a cancelled thread stay, and it stumbles over them
 TEST(SemSemaphore, AThreadIsCancelledWhileItWaits) {
-    Tracking tracking;
+    test::LockTracking tracking;
     tq_SemSemaphore semaphore(0, 1);
     pthread_t thread;
     const auto wait = [](void* pSemaphore) -> void* {

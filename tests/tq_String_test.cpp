@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include "LatinEntities.h"
 #include "TestSupport.h"
 #include "tq_List_p.h"
 #include "tq_Memory_p.h"
@@ -85,18 +86,6 @@ protected:
     void TearDown() override { gMemoryCapInBytes = 0; }
     static void AllowBytes(unsigned int bytes) { gMemoryCapInBytes = gRequestedMemoryAllocations + bytes; }
 };
-
-/// The entities in the order of their characters from 161 on.
-const char* const kLatin[] = {
-    "iexcl",  "cent",   "pound",  "curren", "yen",    "brvbar", "sect",   "uml",    "copy",   "ordf",   "laquo",
-    "not",    "mdash",  "reg",    "macr",   "deg",    "plusmn", "sup2",   "sup3",   "acute",  "micro",  "para",
-    "middot", "cedil",  "sup1",   "ordm",   "raquo",  "frac14", "frac12", "frac34", "iquest", "Agrave", "Aacute",
-    "Acirc",  "Atilde", "Auml",   "Aring",  "AElig",  "Ccedil", "Egrave", "Eacute", "Ecirc",  "Euml",   "Igrave",
-    "Iacute", "Icirc",  "Iuml",   "ETH",    "Ntilde", "Ograve", "Oacute", "Ocirc",  "Otilde", "Ouml",   "times",
-    "Oslash", "Ugrave", "Uacute", "Ucirc",  "Uuml",   "Yacute", "THORN",  "szlig",  "agrave", "aacute", "acirc",
-    "atilde", "auml",   "aring",  "aelig",  "ccedil", "egrave", "eacute", "ecirc",  "euml",   "igrave", "iacute",
-    "icirc",  "iuml",   "eth",    "ntilde", "ograve", "oacute", "ocirc",  "otilde", "ouml",   "divide", "oslash",
-    "ugrave", "uacute", "ucirc",  "uuml",   "yacute", "thorn",  "yuml"};
 
 } // namespace
 
@@ -634,9 +623,9 @@ TEST_F(StringTest, TheBufferIsReplacedOnlyByALargerOne) {
 
 TEST_F(StringTest, EveryNamedEntityIsRead) {
     EXPECT_EQ(" &<>\"'", XmlUnescaped("&nbsp;&amp;&lt;&gt;&quot;&apos;"));
-    ASSERT_EQ(95u, sizeof(kLatin) / sizeof(kLatin[0]));
+    ASSERT_EQ(95u, sizeof(test::kLatinEntities) / sizeof(test::kLatinEntities[0]));
     for (unsigned int i = 0; i < 95; ++i) {
-        const std::string entity = std::string("&") + kLatin[i] + ";";
+        const std::string entity = std::string("&") + test::kLatinEntities[i] + ";";
         const std::string expected(1, static_cast<char>(161 + i));
         EXPECT_EQ(expected, XmlUnescaped(entity)) << entity;
         EXPECT_EQ("<" + expected + ">", Unescaped("<" + entity + ">")) << entity;

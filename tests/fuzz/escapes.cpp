@@ -4,28 +4,16 @@
 #include <map>
 
 #include "Fuzz.h"
+#include "LatinEntities.h"
 
 namespace {
-
-/// The names of the characters from 161 on, one a character; 173, which has two, under the second.
-constexpr const char* kLatinNames[] = {
-    "iexcl",  "cent",   "pound",  "curren", "yen",    "brvbar", "sect",   "uml",    "copy",   "ordf",   "laquo",
-    "not",    "mdash",  "reg",    "macr",   "deg",    "plusmn", "sup2",   "sup3",   "acute",  "micro",  "para",
-    "middot", "cedil",  "sup1",   "ordm",   "raquo",  "frac14", "frac12", "frac34", "iquest", "Agrave", "Aacute",
-    "Acirc",  "Atilde", "Auml",   "Aring",  "AElig",  "Ccedil", "Egrave", "Eacute", "Ecirc",  "Euml",   "Igrave",
-    "Iacute", "Icirc",  "Iuml",   "ETH",    "Ntilde", "Ograve", "Oacute", "Ocirc",  "Otilde", "Ouml",   "times",
-    "Oslash", "Ugrave", "Uacute", "Ucirc",  "Uuml",   "Yacute", "THORN",  "szlig",  "agrave", "aacute", "acirc",
-    "atilde", "auml",   "aring",  "aelig",  "ccedil", "egrave", "eacute", "ecirc",  "euml",   "igrave", "iacute",
-    "icirc",  "iuml",   "eth",    "ntilde", "ograve", "oacute", "ocirc",  "otilde", "ouml",   "divide", "oslash",
-    "ugrave", "uacute", "ucirc",  "uuml",   "yacute", "thorn",  "yuml",
-};
 
 const std::map<std::string, char>& Names() {
     static const std::map<std::string, char> names = [] {
         std::map<std::string, char> map = {{"nbsp", ' '}, {"amp", '&'},   {"lt", '<'},    {"gt", '>'},
                                            {"quot", '"'}, {"apos", '\''}, {"shy", '\xad'}};
         int character = 161;
-        for (const char* pszName : kLatinNames) {
+        for (const char* pszName : test::kLatinEntities) {
             map[pszName] = static_cast<char>(character++);
         }
         return map;
