@@ -297,7 +297,9 @@ void NetworkTrace(Run& run) {
     tq_TraceDisableSTDOUT(hTrace);
     if (run.Zero("tq_TraceEnableMulticast", tq_TraceEnableMulticast(hTrace))) {
         tq_Trace(hTrace, TQ_TRACE_LEVEL_WARNING, 1, true, "a line that nobody sees\n");
-        // The queue of all senders stays, and so does the list that its first message makes.
+        // The queue of all senders stays, and so do the name that its thread gives it and the list that its first
+        // message makes.
+        run.Comes("the name of the senders' queue", [] { return tq_MsgQGetIdFromName("TQOS: Tracing") != 0; });
         tq_MsgCreateCommonAndSend(0, tq_MsgQGetIdFromName("TQOS: Tracing"), MSG_USER, 0, 0, 0, false, 2);
         run.Must("tq_TraceSetResetHandler", tq_TraceSetResetHandler(hTrace, nullptr) == 1);
         run.Must("tq_TraceDisableMulticast", tq_TraceDisableMulticast(hTrace) == 0);
