@@ -34,9 +34,10 @@ extern "C" {
 
 /// Reports a fault that must not go unseen. Appends a line, local time and message, to the critical-error log, and
 /// traces the message on the library's own trace instance, with time stamp.
-/// @param pMessage  the whole text, without line end. It is the format of the trace line, which has no arguments: "%%"
-///                  is traced as one "%", anything else as it stands; the log has it unchanged. One of 512 characters
-///                  or more is traced only. Null: nothing is logged and nothing traced
+/// @param pMessage  the whole text. The log puts a line end behind it, the trace does not: end the text with "\n", as
+///                  the library does, unless it is for the log alone. It is the format of the trace line, which has no
+///                  arguments: "%%" is traced as one "%", anything else as it stands; the log has it unchanged. One of
+///                  512 characters or more is traced only. Null: nothing is logged and nothing traced
 /// @param bAbort    ends the process with abort() after the report
 /// @param Level     trace level of the line; the library uses 30000 for memory that ran out, 40000 for corruption and
 ///                  misuse

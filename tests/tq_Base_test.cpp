@@ -1,5 +1,6 @@
 #include "tq_Base_p.h"
 
+#include <fcntl.h>
 #include <regex>
 #include <signal.h>
 #include <stdlib.h>
@@ -112,6 +113,21 @@ TEST(CriticalError, BeginsALineOfItsOwnBehindOneThatAKilledProcessHasTorn) {
     LogCriticalError("second", false, 40000, 8);
     EXPECT_TRUE(std::regex_match(ReadFile("tqos_error.log"), std::regex(std::string("torn\n") + kTimePattern +
                                                                         "first\n" + kTimePattern + "second\n")));
+}
+
+TEST(CriticalError, IsAppendedToALogOfMoreThanTwoGigabytes) {
+    Configured configured;
+    constexpr off_t kLogBytes = off_t{3} << 30; // without contents, so that it takes no room
+    const int fd = open("tqos_error.log", O_RDWR | O_CREAT, 0600);
+    ASSERT_EQ(0, ftruncate(fd, kLogBytes));
+    LogCriticalError("first", false, 40000, 8);
+    LogCriticalError("second", false, 40000, 8);
+    char added[200];
+    const ssize_t bytes = pread(fd, added, sizeof(added), kLogBytes);
+    close(fd);
+    ASSERT_LT(0, bytes);
+    const std::string lines(added, static_cast<size_t>(bytes)); // behind what does not end with a line feed
+    EXPECT_EQ((Messages{"(no time) ", "first", "second"}), MessagesIn(lines)) << lines;
 }
 
 TEST(CriticalError, OfMoreThan511CharactersIsNotWrittenToTheLog) {
