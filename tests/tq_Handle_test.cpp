@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include "ConsoleSession.h"
+#include "MemoryCap.h"
 #include "TestSupport.h"
 #include "tq_Handle_p.h"
 #include "tq_HeldLocks_p.h"
@@ -223,8 +224,9 @@ TEST(Handle, TheReportLineIsTheTextWithTheTimeInFront) {
     EXPECT_EQ(std::string(": ") + kOverRelease + "\n", log.substr(24));
 }
 
-TEST(Handle, AnOverReleaseIsTracedAsSevere) {
+TEST(Handle, AnOverReleaseIsTracedAsSevereInTheCategorySystem) {
     const test::Library library;
+    tq_TraceSetCatMask(tq_TraceGetHandleFromName("tqos"), TQ_TRACE_CAT_SYSTEM);
     const unsigned int inUse = gAllocatedHandles;
     ASSERT_EQ(0, tq_TraceEnableFile(tq_TraceGetHandleFromName("tqos"), "trace.log", 0, 0));
     for (unsigned int i = 0; i < inUse; ++i) {
@@ -543,6 +545,19 @@ TEST(HandleReport, ANumberThatIsFreeTwiceIsFound) {
     EXPECT_EQ(Responses{kNoDuplicates}, session.ResponsesTo(tq_CheckForDuplicateHandles));
     tq_HandleRelease(handle);
     EXPECT_EQ(Responses{kNoDuplicates}, session.ResponsesTo(tq_CheckForDuplicateHandles));
+    tq_HandleRelease(handle);
+    EXPECT_EQ(Responses{kDuplicates}, session.ResponsesTo(tq_CheckForDuplicateHandles));
+}
+
+TEST(HandleReport, WithoutMemoryForATableTheNumbersAreComparedOneByOne) {
+    const test::Library library(test::kCapped);
+    test::ConsoleSession session;
+    EXPECT_TRUE(test::WaitUntilOthersSleep());
+    const test::Cap cap(100000); // enough for all but the table
+    EXPECT_EQ(Responses{kNoDuplicates}, session.ResponsesTo(tq_CheckForDuplicateHandles));
+    EXPECT_EQ(1u, test::CountOf(test::ReadFile("tqos_error.log"), "Exceeded defined memory cap"));
+    const unsigned int handle = tq_HandleGet();
+    tq_HandleRelease(handle);
     tq_HandleRelease(handle);
     EXPECT_EQ(Responses{kDuplicates}, session.ResponsesTo(tq_CheckForDuplicateHandles));
 }
