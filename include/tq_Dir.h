@@ -62,10 +62,10 @@ TQ_API int tq_GetINIFileString(const char* pszSection, const char* pszKey, const
 TQ_API int tq_GetINIFileInt(const char* pszSection, const char* pszKey, int iDefault, const char* pszFilename);
 
 /// Reads a value as a switch, by its first 11 characters.
-/// @param pszSection   without brackets; not null
+/// @param pszSection   without brackets; null counts as one that is not there
 /// @param pszKey       the key; not null
 /// @param pszDefault   judged in the same way when the key is not there; may be null
-/// @param pszFilename  the file
+/// @param pszFilename  the file; null counts as one that is not there
 /// @return true for "yes", "y", "true" and "1" in any case; false for everything else
 /// Threads: any.
 TQ_API bool tq_GetINIFileAffirmative(const char* pszSection, const char* pszKey, const char* pszDefault,

@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include "MemoryBlocks.h"
 #include "TestSupport.h"
 #include "tq_Memory.h"
 #include "tq_SemCritSec.h"
@@ -167,6 +168,14 @@ TEST(Clock, ReportsItsTickLength) {
         EXPECT_EQ("  There are 4294967295ms for each clock tick.\r\n", TickReport());
     }
     tq_TimeShowMSPerTick(nullptr);
+}
+
+TEST(Clock, WithoutMemoryForTheReportThereIsNone) {
+    test::Memory memory("EnableMemoryTracking=yes\nMemoryCapInBytes=1\n");
+    char text[] = "before";
+    char* pszText = text;
+    tq_TimeShowMSPerTick(&pszText);
+    EXPECT_EQ(nullptr, pszText);
 }
 
 TEST(Clock, EndDestroysTheSectionThatIsPresent) {

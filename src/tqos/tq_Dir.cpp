@@ -31,6 +31,7 @@ constexpr size_t kCopyPieceBytes = 512;
 constexpr unsigned int kDirectoryBit = 0x4000;
 
 static_assert(sizeof(_TQ_FINDFILE_STRUCT) == 788, "the record that applications allocate");
+static_assert(sizeof(off_t) == 8, "files of more than 2 GB are opened");
 
 // ---- Text helpers
 

@@ -16,6 +16,8 @@ namespace {
 
 constexpr unsigned int kMSPerTickTextBytes = 64;
 
+static_assert(sizeof(time_t) == 8, "the calendar goes on after 2038");
+
 struct tm LocalTime() {
     const time_t now = time(nullptr);
     struct tm local;
