@@ -181,8 +181,9 @@ TQ_API void tq__deleteArray(void* pointer, const char* pszFilename, unsigned int
 /// @param newSize  0: frees as tq__free(), and then fails
 /// @param pszFilename,line  the caller, for the reports; the name is kept by pointer
 /// @return the block. Null, after a report of its own ("Unable to re-allocate Memory"), when newSize is 0, there is no
-///         memory, or the alignment in front of the block is damaged; but for newSize 0 the old block stays as it was,
-///         though the counters no longer contain it.
+///         memory, the alignment in front of the block is damaged, or a move is refused as tq__malloc() refuses it; but
+///         for newSize 0 the old block stays as it was, though while tracking without pooling the counters no longer
+///         contain it.
 /// With MemoryAlignment a tracked block that was resized lies its header's length above a multiple of it.
 TQ_API void* tq__realloc(void* pointer, unsigned int newSize, const char* pszFilename, unsigned int line);
 

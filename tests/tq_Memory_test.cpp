@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <functional>
 #include <malloc.h>
 #include <signal.h>
 #include <stdint.h>
@@ -1130,6 +1131,20 @@ TEST(Memory, ADamagedPrefixIsReportedAndTheBlockStays) {
     }
 }
 
+TEST(Memory, WithoutTheCheckABlocksStartIsLookedForHoweverFarItIs) {
+    for (const bool bCheck : {false, true}) {
+        Memory memory(std::string("MemoryAlignment=4\nMemoryAlignmentCheck=") + (bCheck ? "yes\n" : "no\n"));
+        char* pHeap = static_cast<char*>(calloc(1, 256));
+        *pHeap = '7';
+        tq__free(pHeap + 128, "free.cpp", 22);
+        EXPECT_EQ(bCheck ? Logged("Corrupted Memory Alignment Header:\n    line 22 in file: free.cpp\n") : "",
+                  Reports());
+        if (bCheck) {
+            free(pHeap);
+        }
+    }
+}
+
 TEST(Memory, ADamagedPrefixFailsARealloc) {
     Memory memory("MemoryAlignment=4\nMemoryAlignmentCheck=yes\n");
     char* pUserData = static_cast<char*>(tq_malloc(10));
@@ -1247,6 +1262,87 @@ TEST(Memory, FileNamesOfAnyLengthFitIntoAReport) {
     tq__free(pUserData, tooLong.c_str(), 2);
     EXPECT_EQ(Logged(text + fits + "\n"), Reports());
     Repair(pUserData);
+}
+
+namespace {
+
+/// How the library's own trace shows a report: the level, and the category by letting through no other.
+std::string TracedInCategory(unsigned int category, const std::function<void()>& report) {
+    const unsigned int hTrace = tq_TraceGetHandleFromName("tqos");
+    EXPECT_EQ(0, tq_TraceEnableFile(hTrace, "trace.log", 0, 0));
+    tq_TraceSetCatMask(hTrace, static_cast<int>(category));
+    report();
+    const std::string trace = ReadFile("trace.log");
+    const size_t level = trace.find("(tqos) ");
+    return level == std::string::npos ? "" : trace.substr(level + 7, trace.find('\n') - level - 7);
+}
+
+struct GradeRow {
+    const char* pszTraced;
+    void (*pfnReport)();
+};
+
+const GradeRow kGrades[] = {
+    {"WRN: Failing memory allocation request:", [] { tq_malloc(0x80000001u); }},
+    {"WRN: Exceeded defined memory cap of 1000000 bytes", [] { tq_malloc(1000001); }},
+    {"WRN: Unable to re-allocate Memory", [] { tq_realloc(tq_malloc(1), 0); }},
+    {"SEV: Mismatched alloc/free types...",
+     [] {
+         void* pUserData = AllocClean(1, TQ_MEM_TYPE_NEW, "alloc.cpp", 1);
+         tq_free(pUserData);
+         Repair(pUserData);
+     }},
+    {"SEV: Corrupted Header bytes on memory free...",
+     [] {
+         char* pUserData = static_cast<char*>(tq_malloc(1));
+         pUserData[-1] = 0;
+         tq_free(pUserData);
+         Repair(pUserData);
+     }},
+    {"SEV: Corrupted Tail bytes on memory free...",
+     [] {
+         char* pUserData = static_cast<char*>(tq_malloc(1));
+         pUserData[1] = 0;
+         tq_free(pUserData);
+         Repair(pUserData);
+     }},
+    {"SEV: Double Freed memory block...",
+     [] {
+         void* pUserData = tq_malloc(1);
+         memset(HeadBytes(pUserData), 0xFE, 4);
+         tq_free(pUserData);
+         Repair(pUserData);
+     }},
+    {"SEV: Corrupted Memory Alignment Header:",
+     [] {
+         void* pUserData = tq_malloc(1);
+         char* pMark = BlockOf(pUserData) - PrefixOf(pUserData);
+         *pMark = 'x';
+         tq_free(pUserData);
+         *pMark = '7';
+         Repair(pUserData);
+     }},
+    {"SEV: Corrupted Memory Alignment Header detected!",
+     [] {
+         void* pUserData = tq_malloc(1);
+         char* pMark = BlockOf(pUserData) - PrefixOf(pUserData);
+         *pMark = 'x';
+         tq_realloc(pUserData, 2);
+         *pMark = '7';
+         tq_free(pUserData);
+     }},
+};
+
+} // namespace
+
+TEST(Memory, FailedRequestsAreWarningsAndDamageIsSevereInTheCategoryMemory) {
+    for (const GradeRow& row : kGrades) {
+        gRequestedMemoryAllocations = 0; // a refused block is counted out twice
+        const Library library("[Memory]\nEnableMemoryTracking=yes\nMemoryCapInBytes=1000000\nMemoryAlignment=4\n"
+                              "MemoryAlignmentCheck=yes\n");
+        EXPECT_EQ("", TracedInCategory(~static_cast<unsigned int>(TQ_TRACE_CAT_MEMORY), row.pfnReport));
+        EXPECT_EQ(row.pszTraced, TracedInCategory(TQ_TRACE_CAT_MEMORY, row.pfnReport));
+    }
 }
 
 TEST(Memory, APercentSignInAFileNameIsWrittenAsItStands) {
