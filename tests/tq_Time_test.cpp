@@ -179,12 +179,14 @@ TEST(Clock, WithoutMemoryForTheReportThereIsNone) {
 }
 
 TEST(Clock, EndDestroysTheSectionThatIsPresent) {
+    test::Memory memory("EnableMemoryTracking=yes\n");
     ASSERT_EQ(nullptr, pTimeCritSec);
     tq_TimeTerminate();
     pTimeCritSec = tq_newObject<tq_SemCritSec>(true);
     ASSERT_NE(nullptr, pTimeCritSec);
     tq_TimeTerminate();
     EXPECT_EQ(nullptr, pTimeCritSec);
+    EXPECT_EQ(0u, gRequestedMemoryAllocations);
 }
 
 // ---- Calendar
