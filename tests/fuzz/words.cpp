@@ -6,9 +6,15 @@
 
 namespace {
 
-constexpr size_t kMostLine = 1000;        // the words of a command; it has others before and behind them
-constexpr unsigned int kMostCommands = 8; // a memory report takes as long as many other inputs
-constexpr unsigned int kMostCommandsOfSeeds = 1000;
+constexpr size_t kMostLine = 1000; // the words of a command; it has others before and behind them
+
+/// How many commands an input has, at most. A report that shows each block takes as long as fifty others.
+struct Limits {
+    unsigned int commands;
+    unsigned int details;
+};
+constexpr Limits kLimitsOfSeeds = {1000, 1000};
+constexpr Limits kLimits = {12, 1};
 
 unsigned int ghTrace = 0;
 
@@ -170,19 +176,25 @@ void Start() {
     fuzz::Settle();
 }
 
+void OneCommand(unsigned int letter, const std::string& line, Limits& left) {
+    if ((letter == 'l' || letter == 'c') && IsWord(line)) {
+        (letter == 'l' ? Level : Category)(line);
+    } else if (letter == 'm') {
+        Memory(line, /*bDetail=*/false);
+    } else if (letter == 'd' && left.details > 0) {
+        left.details -= 1;
+        Memory(line, /*bDetail=*/true);
+    }
+}
+
 void OneInput(fuzz::Input input) {
     console::Connect();
     Command(console::kPassword);
     tq_TraceSetCatMask(ghTrace, 5);
-    const unsigned int most = fuzz::OnlySeeds() ? kMostCommandsOfSeeds : kMostCommands;
-    for (unsigned int command = 0; command < most && !input.IsEmpty(); ++command) {
+    for (Limits left = fuzz::OnlySeeds() ? kLimitsOfSeeds : kLimits; left.commands > 0 && !input.IsEmpty();) {
+        left.commands -= 1;
         const unsigned int letter = input.Byte();
-        const std::string line = console::Confined(input.Line()).substr(0, kMostLine);
-        if ((letter == 'l' || letter == 'c') && IsWord(line)) {
-            (letter == 'l' ? Level : Category)(line);
-        } else if (letter == 'm' || letter == 'd') {
-            Memory(line, letter == 'd');
-        }
+        OneCommand(letter, console::Confined(input.Line()).substr(0, kMostLine), left);
     }
     console::Disconnect();
     console::ResetSettings();
