@@ -25,7 +25,7 @@ public:
     tq_SemEvent& operator=(const tq_SemEvent&) = delete;
 
     /// Waits until the event is signalled; passes at once when it is. An auto-reset event is cleared by every wait that
-    /// ends, also by one that times out.
+    /// ends, also by one that times out. The thread may be cancelled meanwhile; the event then serves the others on.
     /// @param msTimeOut    milliseconds of waiting at most; 0 does not wait; -1 waits for ever; below -1 counts as
     ///                     expired, as 0 does. The end of the wait is an instant of the wall clock, so setting the
     ///                     system clock shortens or lengthens it.

@@ -61,7 +61,8 @@ public:
     tq_SemMutex(const tq_SemMutex&) = delete;
     tq_SemMutex& operator=(const tq_SemMutex&) = delete;
 
-    /// Takes the mutex, waiting while another thread owns it. To be released as often as it was taken.
+    /// Takes the mutex, waiting while another thread owns it. To be released as often as it was taken. A thread that
+    /// waits cannot be cancelled.
     /// @param msTimeOut    milliseconds of waiting at most; 0 does not wait; -1 waits for ever; below -1 counts as
     ///                     expired, as 0 does. The end of the wait is an instant of the wall clock, so setting the
     ///                     system clock shortens or lengthens it.

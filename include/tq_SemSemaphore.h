@@ -25,6 +25,7 @@ public:
     tq_SemSemaphore& operator=(const tq_SemSemaphore&) = delete;
 
     /// Takes one unit, waiting while the count is exactly 0: a negative count lets waits pass and counts further down.
+    /// The thread may be cancelled meanwhile; the semaphore then serves the others on.
     /// @param msTimeOut    milliseconds of waiting at most; 0 does not wait; -1 waits for ever; below -1 counts as
     ///                     expired, as 0 does. The end of the wait is an instant of the wall clock, so setting the
     ///                     system clock shortens or lengthens it.

@@ -29,6 +29,24 @@ tq_SemEvent::~tq_SemEvent() {
     tq_free(pEvent);
 }
 
+namespace {
+
+void UnlockForCancelled(void* pMutex) {
+    pthread_mutex_unlock(static_cast<pthread_mutex_t*>(pMutex));
+}
+
+/// Waits once with the record locked; false when the time is up. A thread that is cancelled here has the lock again at
+/// its end, and leaves it: the others go on without that thread.
+bool WaitOnce(SemEventStruct& event, const tq_TimedWait& wait) {
+    volatile bool bInTime = false;
+    pthread_cleanup_push(UnlockForCancelled, &event.mutex);
+    bInTime = wait.Wait(&event.cond, &event.mutex);
+    pthread_cleanup_pop(0);
+    return bInTime;
+}
+
+} // namespace
+
 BOOL tq_SemEvent::_WaitForEvent(int msTimeOut, unsigned int uiLine, const char* pszFilename) {
     SemEventStruct* pEvent = static_cast<SemEventStruct*>(m_hSemEvent);
     if (!pEvent) {
@@ -44,7 +62,7 @@ BOOL tq_SemEvent::_WaitForEvent(int msTimeOut, unsigned int uiLine, const char* 
     // Deliberate: a wait whose time is up would be expected to look at the event once more. It does not: it fails even
     // when the event has been set meanwhile.
     while (bSeen && !pEvent->bSignalled) {
-        bSeen = wait.Wait(&pEvent->cond, &pEvent->mutex) ? 1 : 0;
+        bSeen = WaitOnce(*pEvent, wait) ? 1 : 0;
     }
     // Deliberate: a wait that timed out would be expected to leave the event alone. It clears an auto-reset event as a
     // successful one does, so a Set() that comes with the time-out is lost.
