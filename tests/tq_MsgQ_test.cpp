@@ -5,6 +5,7 @@
 #include <pthread.h>
 #include <string.h>
 #include <string>
+#include <sys/resource.h>
 #include <thread>
 #include <vector>
 
@@ -13,6 +14,7 @@
 #include "RecordingQueue.h"
 #include "TestSupport.h"
 #include "tq_Handle_p.h"
+#include "tq_Lifecycle_p.h"
 #include "tq_List_p.h"
 #include "tq_LockOrder_p.h"
 #include "tq_Memory_p.h"
@@ -174,6 +176,21 @@ TEST(MsgQ, TheHandleIsStoredBeforeTheHandlerRuns) {
     EXPECT_EQ(queue.GetHandle(), seen);
 }
 
+TEST(MsgQ, TheWorkerHasThePriorityThatCreateIsGiven) {
+    test::Library library;
+    const int mine = getpriority(PRIO_PROCESS, 0);
+    for (const int priority : {TQ_THREAD_PRIORITY_LOW, TQ_THREAD_PRIORITY_NORMAL}) {
+        constexpr int kUnknown = 99;
+        std::atomic<int> nice{kUnknown};
+        RecordingQueue queue;
+        queue.SetAction([&](const MSG_COMMON&) { nice = getpriority(PRIO_PROCESS, tq_GetPSThreadId()); });
+        queue.Create(priority);
+        ASSERT_TRUE(test::WaitUntil([&] { return nice != kUnknown; }));
+        EXPECT_EQ(priority == TQ_THREAD_PRIORITY_LOW ? 10 : mine, nice);
+        queue.Cleanup();
+    }
+}
+
 TEST(MsgQ, AfterDestroyASendFailsAndDestroyWasTheLastMessage) {
     test::Library library;
     RecordingQueue queue;
@@ -231,6 +248,23 @@ TEST(MsgQ, ADestroyMessageSentByAnybodyEndsTheQueue) {
     queue.LetGo();
     queue.Destroy(false);
     EXPECT_EQ((Commands{MSG_CREATE, MSG_DESTROY}), queue.Commands());
+}
+
+TEST(MsgQ, TheHandlerOfDestroyFindsTheQueueNoLongerRegistered) {
+    test::Library library;
+    RecordingQueue queue;
+    queue.Create(0);
+    const unsigned int handle = queue.GetHandle();
+    std::atomic<unsigned int> found{4711};
+    queue.SetAction([&](const MSG_COMMON& msg) {
+        if (msg.command == MSG_DESTROY) {
+            found = tq_MsgQGetIdFromName("Recorder");
+        }
+    });
+    EXPECT_EQ(handle, tq_MsgQGetIdFromName("Recorder"));
+    ASSERT_TRUE(queue.Post(MSG_DESTROY)); // not by Destroy(), which takes it out itself
+    queue.Destroy(false);
+    EXPECT_EQ(0u, found);
 }
 
 TEST(MsgQ, DestroyInsideTheOwnHandlerReturnsWithoutWaitingAndTheOwnerWaits) {
@@ -350,12 +384,19 @@ TEST(MsgQ, WithoutTheLibraryNothingIsCreatedAndNothingSent) {
 TEST(MsgQ, TerminationDestroysEveryRegisteredQueueAndLeavesTheObjectsToTheirOwners) {
     RecordingQueue first("first");
     RecordingQueue second("second");
+    std::atomic<int> ended{0};
+    std::atomic<int> endOfFirst{0};
+    std::atomic<int> endOfSecond{0};
+    first.SetAction([&](const MSG_COMMON& msg) { endOfFirst = msg.command == MSG_DESTROY ? ++ended : 0; });
+    second.SetAction([&](const MSG_COMMON& msg) { endOfSecond = msg.command == MSG_DESTROY ? ++ended : 0; });
     {
         test::Library library;
         first.Create(0);
         second.Create(0);
         ASSERT_TRUE(second.Post(MSG_USER));
     }
+    EXPECT_EQ(1, endOfFirst) << "the oldest first";
+    EXPECT_EQ(2, endOfSecond);
     EXPECT_EQ((Commands{MSG_CREATE, MSG_DESTROY}), first.Commands());
     EXPECT_EQ((Commands{MSG_CREATE, MSG_USER, MSG_DESTROY}), second.Commands());
     EXPECT_EQ(0u, first.GetHandle());
@@ -504,6 +545,18 @@ TEST(MsgQ, ASendCarriesAllFieldsAndWritesTheDestination) {
     ASSERT_TRUE(queue.Send(pMsg, false, kMedium)); // by the object: the handle in the message does not matter
     ASSERT_TRUE(queue.WaitForCount(3));
     EXPECT_EQ(queue.GetHandle(), queue.Seen()[2].hDest);
+}
+
+TEST(MsgQ, AMessageMadeForTheCallerIsChargedToItsFileAndLine) {
+    test::Library library(kTracking);
+    HeldQueue held;
+    ASSERT_TRUE(
+        tq__MsgCreateCommonAndSend(0, held.queue.GetHandle(), MSG_USER, 0, 0, 0, false, kMedium, "caller.cpp", 4711));
+    held.queue.Lock();
+    char* const pBlock = reinterpret_cast<char*>(held.queue.PeekHead(kMedium)) - gTotalMemoryHeader;
+    EXPECT_STREQ("caller.cpp", GetMemoryFilename(pBlock));
+    EXPECT_EQ(4711u, tq_MemoryHeaderOf(pBlock)->line);
+    held.queue.Unlock();
 }
 
 TEST(MsgQ, AMessageForNobodyStaysWithTheSender) {
@@ -1007,6 +1060,18 @@ TEST(MsgQ, AMissingFirstMessageIsLoggedAndTheWorkerGoesOn) {
     ASSERT_TRUE(queue.Post(MSG_USER));
     ASSERT_TRUE(queue.WaitForCount(1));
     EXPECT_EQ((Commands{MSG_USER}), queue.Commands());
+}
+
+TEST(MsgQ, AMissingFirstMessageIsTracedAsSevereAmongWhatConcernsQueues) {
+    test::Library library(std::string(kTracking) + "[Trace]\ntqos_Level=Severe\ntqos_LogToFile=own.log\n");
+    tq_TraceSetCatMask(tqosTraceHandle, TQ_TRACE_CAT_MSGQS);
+    RecordingQueue queue("Door");
+    CreateWithoutFirstMessage(queue);
+    const std::string text = "(tqos) SEV: Failed to allocate the MSG_CREATE for Door"; // without an end of the line
+    const std::string trace = test::ReadFile("own.log");
+    ASSERT_LE(text.size(), trace.size());
+    EXPECT_EQ(text, trace.substr(trace.size() - text.size()));
+    EXPECT_EQ(1u, test::CountOf(trace, "(tqos)"));
 }
 
 TEST(MsgQ, AMissingFirstMessageOfAQueueWithoutANameIsLogged) {

@@ -279,6 +279,8 @@ MSG_COMMON* tq_MsgQInside::FirstMessage(tq_MsgQ& queue) {
         pMsg->hDest = queue.m_hSource;
         return pMsg;
     }
+    // Deliberate: a critical error would be expected to end its line. This text does not, so what is traced next
+    // follows it on the same line; the error log ends the line by itself.
     char szError[1024]; // on the stack: memory is what has run out
     {
         tq_MsgQLock lock(queue);
