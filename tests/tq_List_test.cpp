@@ -16,6 +16,7 @@
 #include <gtest/gtest.h>
 
 #include "ListNode.h"
+#include "LockRecords.h"
 #include "MemoryCap.h"
 #include "TestSupport.h"
 #include "tq_Handle_p.h"
@@ -1294,6 +1295,26 @@ TEST_F(List, FlagsSayWhetherAListHasALock) {
         EXPECT_EQ(held + 2, tq_HeldLocks());
     }
     EXPECT_EQ(held, tq_HeldLocks());
+}
+
+TEST(ListLock, OnAPlainMutexTheFlagsSayWhetherItsHolderMayTakeItAgain) {
+    {
+        test::Library library("[Sem]\nUseMutexForCritSec=no\nTracking=yes\n");
+        for (const int flags : {LIST_FLAGS_LOCK_ENABLE, LIST_FLAGS_LOCK_NON_REENTRANT}) {
+            tq_List list(flags, 0, 0, "locked");
+            const tq_ListLock lock(list);
+            const std::vector<test::LockRecord> records = test::LockRecords();
+            ASSERT_EQ(1u, records.size());
+            EXPECT_EQ("locked", records[0].file);
+            auto* const pMutex = static_cast<pthread_mutex_t*>(records[0].sem);
+            const bool bAgain = pthread_mutex_trylock(pMutex) == 0;
+            EXPECT_EQ(flags == LIST_FLAGS_LOCK_ENABLE, bAgain);
+            if (bAgain) {
+                pthread_mutex_unlock(pMutex);
+            }
+        }
+    }
+    test::Library defaults; // for whatever runs here next
 }
 
 TEST_F(List, TheLockKeepsOtherThreadsOut) {

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "LockRecords.h"
+#include "MemoryCap.h"
 #include "SystemFaults.h"
 #include "TestSupport.h"
 #include "tq_Base.h"
@@ -153,6 +154,26 @@ TEST(SemMutex, WaitersGetItWhenItIsReleased) {
         waiter.join();
         EXPECT_TRUE(OthersCanTake(mutex));
     }
+}
+
+TEST(SemMutex, OneReleaseLetsAllSleepersThroughOneAfterTheOther) {
+    tq_SemMutex mutex(false);
+    ASSERT_EQ(1, mutex.WaitForMutex());
+    std::atomic<int> owners{0};
+    std::vector<std::thread> waiters;
+    for (int i = 0; i < 3; ++i) {
+        waiters.emplace_back([&] {
+            owners += mutex.WaitForMutexWithTimeout(kLong);
+            mutex.Release();
+        });
+    }
+    EXPECT_TRUE(test::WaitUntilOthersSleep());
+    EXPECT_EQ(0, owners);
+    mutex.Release(); // wakes one of them, which has to wake the next, although nobody has come since
+    for (std::thread& waiter : waiters) {
+        waiter.join();
+    }
+    EXPECT_EQ(3, owners);
 }
 
 TEST(SemMutex, KeepsThreadsApart) {
@@ -659,6 +680,21 @@ TEST(SemTracking, SwitchingItOffDiscardsAllRecords) {
     mutex.Release();
     mutex.Release();
     EXPECT_TRUE(OthersCanTake(mutex));
+}
+
+TEST(SemTracking, ARecordThatComesLateForSwitchingItOffIsNotKept) {
+    tq_SemMutex mutex(false);
+    tq_SemEnableSemTracking();
+    LockSemList();
+    std::thread late([&] {
+        mutex.WaitForMutex();
+        mutex.Release();
+    });
+    EXPECT_TRUE(test::WaitUntilOthersSleep()) << "it has seen that waits are tracked, and waits for the list";
+    tq_SemDisableSemTracking();
+    unLockSemList();
+    late.join();
+    EXPECT_TRUE(test::LockRecords().empty());
 }
 
 TEST(SemTracking, ListLockMayBeTakenAgain) {

@@ -125,6 +125,17 @@ TEST(SemSemaphore, SumsStopAtTheEndsOfTheRange) {
     EXPECT_EQ(INT_MIN, previous);
 }
 
+TEST(SemSemaphore, TheLowestCountOfAllDoesNotBlockWhateverTheCeilingIs) {
+    for (const int ceiling : {INT_MAX, INT_MAX - 1, 0, -1, INT_MIN + 1, INT_MIN}) {
+        tq_SemSemaphore semaphore(INT_MIN, ceiling);
+        EXPECT_EQ(1, semaphore.WaitForSem(0)) << ceiling;
+        EXPECT_EQ(1, semaphore.WaitForSem(0)) << ceiling;
+        const bool bFull = ceiling == INT_MIN;
+        EXPECT_EQ(bFull ? 0 : 1, semaphore.Release(-1, nullptr)) << ceiling;
+        EXPECT_EQ(1, semaphore.WaitForSem(0)) << ceiling;
+    }
+}
+
 TEST(SemSemaphore, ReleaseWakesAsManyWaitersAsItAddsUnits) {
     test::LockTracking tracking;
     tq_SemSemaphore semaphore(0, 10);

@@ -34,7 +34,8 @@ constexpr char kHeader[] = "Index   ThreadID    PSTID     Pri Thread Name / File
                            "----- ------------ ---------- --- ----------------------------------------\r\n";
 
 std::string Threads() {
-    char* pszText = nullptr;
+    char untouched[] = "untouched";
+    char* pszText = untouched;
     tq_ShowThreads(&pszText);
     const std::string text = pszText ? pszText : "(null)";
     tq_free(pszText);
@@ -469,6 +470,20 @@ TEST(Thread, ReportShowsTheInitialisingThreadFirstThenTheOthersInOrder) {
                   Row(4, workers[2].Tid(), workers[2].PSTid(), "N", "Unknown") +
                   Row(5, workers[3].Tid(), workers[3].PSTid(), "N", "Unknown"),
               Threads());
+}
+
+TEST(Thread, RecordKeepsWhatTheStarterAskedForAndWhere) {
+    test::Library library;
+    Worker worker(nullptr, 5, 0, "starter.cpp", 4711);
+    ASSERT_TRUE(worker.WaitUntilReady());
+    const tq_ListLock lock(gpThreadList);
+    const auto* pRecord = static_cast<const TQ_THREAD_LIST_NODE*>(gpThreadList->GetHead());
+    ASSERT_NE(nullptr, pRecord);
+    EXPECT_STREQ("starter.cpp", pRecord->pszName);
+    EXPECT_EQ(5, pRecord->priority);
+    EXPECT_EQ(4711u, pRecord->line);
+    EXPECT_EQ(worker.Tid(), pRecord->tid);
+    EXPECT_EQ(worker.PSTid(), pRecord->pstid);
 }
 
 TEST(Thread, ReportShowsTheLastFortyCharactersOfAName) {
