@@ -1208,13 +1208,24 @@ TEST(MsgQ, NamingAListNeverWaitsForTheRegistryWithTheQueueLocked) {
     EXPECT_EQ("MsgQ-L:Recorder", ListName(queue, kLow));
 }
 
-TEST(MsgQ, AThreadThatHasEndedIsNotNamed) {
+TEST(MsgQ, AThreadThatHasTheIdOfAnEndedWorkerIsNotNamed) {
     test::Library library;
     RecordingQueue queue;
     queue.Create(0);
+    const unsigned int id = tq_MsgQInside::ThreadId(queue);
     queue.Destroy(false);
-    queue.SetName("late"); // its worker's id may be another thread's by now
-    EXPECT_NE("tq_MsgQ: late", WorkerName(queue));
+    tq_ThreadWaitForEndingThreads();
+    auto* const pOther = static_cast<TQ_THREAD_LIST_NODE*>(tq_calloc(1, sizeof(TQ_THREAD_LIST_NODE)));
+    ASSERT_NE(nullptr, pOther);
+    pOther->tid = id;
+    pOther->pszName = tq_newString("another");
+    {
+        const tq_ListLock lock(gpThreadList);
+        gpThreadList->AddNode(pOther);
+    }
+    queue.SetName("late");
+    EXPECT_EQ("another", WorkerName(queue));
+    tq_RemoveThreadFromTracking(id);
 }
 
 // Settings and history
