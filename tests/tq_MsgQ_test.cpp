@@ -1190,6 +1190,17 @@ TEST(MsgQ, AListMadeUnderTheQueuesLockIsNamedWhenTheLockIsLeft) {
     EXPECT_EQ("MsgQ-M:Recorder", ListName(queue, kMedium));
 }
 
+TEST(MsgQ, AListOfAQueueWithoutANameHasNoneUntilTheQueueIsNamed) {
+    test::Library library;
+    HeldQueue held;
+    RecordingQueue& queue = held.queue;
+    queue.SetName(nullptr);
+    ASSERT_TRUE(queue.Post(MSG_USER, kLow));
+    EXPECT_EQ("(null)", ListName(queue, kLow));
+    queue.SetName("Door");
+    EXPECT_EQ("MsgQ-L:Door", ListName(queue, kLow));
+}
+
 TEST(MsgQ, NamingAListNeverWaitsForTheRegistryWithTheQueueLocked) {
     test::Library library;
     HeldQueue held;
