@@ -3,12 +3,14 @@
 #include <algorithm>
 #include <atomic>
 #include <dirent.h>
+#include <dlfcn.h>
 #include <limits.h>
 #include <pthread.h>
 #include <random>
 #include <regex>
 #include <stdlib.h>
 #include <string>
+#include <sys/syscall.h>
 #include <thread>
 #include <unistd.h>
 #include <vector>
@@ -30,6 +32,8 @@ constexpr unsigned int kNone = UINT_MAX;
 constexpr unsigned int kLong = 3600000;  // an hour: does not expire in a test
 constexpr unsigned int kNobody = 900000; // no queue has this handle
 constexpr char kTracking[] = "[Memory]\nEnableMemoryTracking=yes\n";
+
+std::vector<size_t> gStackSizesAskedFor; // by the thread of the tests, for threads that it starts
 
 TIMER_NODE Timer(unsigned int mstimeout, unsigned int creationTime, bool bAllowSkew = true) {
     TIMER_NODE timer = {};
@@ -83,6 +87,15 @@ std::vector<unsigned int> TimerInstances(RecordingQueue& queue) {
 }
 
 } // namespace
+
+/// Stands in front of the C library's: keeps what it is asked for.
+extern "C" int pthread_attr_setstacksize(pthread_attr_t* attributes, size_t bytes) noexcept {
+    if (syscall(SYS_gettid) == getpid()) {
+        gStackSizesAskedFor.push_back(bytes);
+    }
+    using SetStackSize = int (*)(pthread_attr_t*, size_t);
+    return reinterpret_cast<SetStackSize>(dlsym(RTLD_NEXT, "pthread_attr_setstacksize"))(attributes, bytes);
+}
 
 // What remains
 
@@ -482,6 +495,26 @@ TEST(Timer, ARepeatingTimerGoesOnUntilItIsKilled) {
     EXPECT_EQ(0u, TimersSet());
 }
 
+TEST(Timer, APeriodBeginsWhenTheExpiryBeforeItWasFoundDue) {
+    constexpr unsigned int kPeriodMs = 400;
+    test::Library library;
+    RecordingQueue queue;
+    queue.Create(0);
+    const unsigned int begun = tq_GetTimeInMS();
+    ASSERT_EQ(0u, tq_TimerSet(queue.GetHandle(), kPeriodMs, 7, 0, 0, TQ_TIMER_REPEATING, nullptr, false));
+    unsigned int letGo = 0;
+    {
+        const tq_ListLock lock(gpTimerList); // the timer thread finds it due late
+        ASSERT_TRUE(test::WaitUntil([&] { return tq_GetTimeInMS() - begun >= kPeriodMs + kPeriodMs / 2; }));
+        letGo = tq_GetTimeInMS();
+    }
+    ASSERT_TRUE(queue.WaitForCount(2));
+    const tq_ListLock lock(gpTimerList);
+    const TIMER_NODE* const pTimer = gpTimerList->First();
+    ASSERT_NE(nullptr, pTimer);
+    EXPECT_GE(static_cast<int>(pTimer->creation_time - letGo), 0) << "late as it was, it does not catch up";
+}
+
 namespace {
 
 /// How often the other threads of this process have gone to sleep.
@@ -768,12 +801,18 @@ TEST(Timer, TheReportListsTheEarliestFirst) {
 TEST(Timer, AReportWithoutMemoryIsNull) {
     test::Library library(kTracking);
     ASSERT_EQ(0u, SetLong(kNobody, kLong));
-    tq_ListLock lock(gpTimerList);
-    NoMemory none;
-    char unchanged = 'x';
-    char* pszReport = &unchanged;
-    tq_TimerShowTimers(&pszReport);
-    EXPECT_EQ(nullptr, pszReport);
+    tq_ListLock lock(gpTimerList); // the timer thread allocates nothing meanwhile
+    const unsigned int before = gRequestedMemoryAllocations;
+    for (const unsigned int room : {0u, 160u + 320u - 1u}) {
+        gMemoryCapInBytes = before + room;
+        char unchanged = 'x';
+        char* pszReport = &unchanged;
+        tq_TimerShowTimers(&pszReport);
+        EXPECT_EQ(nullptr, pszReport) << room;
+    }
+    gMemoryCapInBytes = before + 160 + 320;
+    EXPECT_NE("(null)", Report());
+    gMemoryCapInBytes = 0;
 }
 
 // Failures
@@ -925,6 +964,15 @@ TEST(Timer, TheThreadIsTrackedByItsNameAndNoLongerOnceStopped) {
     EXPECT_EQ(1u, test::CountOf(threads(), "   N  TQOS: Timer Thread ")) << threads();
     tq_TimerTerminate();
     EXPECT_EQ(0u, test::CountOf(threads(), "TQOS: Timer Thread")) << threads();
+}
+
+TEST(Timer, TheThreadAsksForAStackOfItsOwnWhateverIsConfigured) {
+    test::Library library("[Thread]\nDefaultStackSize=1048576\n");
+    gStackSizesAskedFor.clear();
+    ASSERT_EQ(0u, tq_TimerInitialize());
+    EXPECT_EQ(1, std::count(gStackSizesAskedFor.begin(), gStackSizesAskedFor.end(), 4096u));
+    EXPECT_EQ(0, std::count(gStackSizesAskedFor.begin(), gStackSizesAskedFor.end(), 1048576u));
+    tq_TimerTerminate();
 }
 
 TEST(Timer, NothingIsLeftOfTimersThatTheStopFindsArmed) {
