@@ -209,6 +209,16 @@ TEST(Timer, TheListIsSortedAcrossTheWrapOfTheClock) {
     EXPECT_EQ(&timers[3], list.GetNext());
 }
 
+TEST(Timer, TheListsClockFollowsTheReadingsForwardsAndBack) {
+    tq_TimerList list;
+    const unsigned long long first = list.ClockAt(0xFFFFFFF0u);
+    EXPECT_EQ(first + 0x20, list.ClockAt(0x10)) << "across the wrap of the readings";
+    EXPECT_EQ(first + 0x1B, list.ClockAt(0x0B)) << "read before by a thread that came later";
+    EXPECT_EQ(first - 1, list.ClockAt(0xFFFFFFEFu));
+    EXPECT_EQ(first + 0x20, list.ClockAt(0x10));
+    EXPECT_EQ(first + 0x20 + 0x7FFFFFFF, list.ClockAt(0x10 + 0x7FFFFFFFu)) << "as long as may be between two readings";
+}
+
 TEST(Timer, TheThreadSleepsInPiecesThatFitItsWait) {
     EXPECT_EQ(1, tq_TimerSleepFor(1));
     EXPECT_EQ(kTimerRefreshMs - 1, tq_TimerSleepFor(kTimerRefreshMs - 1));
