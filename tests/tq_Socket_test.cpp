@@ -2,11 +2,13 @@
 
 #include <algorithm>
 #include <atomic>
+#include <dlfcn.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <ifaddrs.h>
 #include <linux/if_tun.h>
 #include <map>
+#include <mutex>
 #include <net/if.h>
 #include <netdb.h>
 #include <sched.h>
@@ -35,10 +37,34 @@ namespace {
 std::atomic<bool> gbBindFails{false};
 std::atomic<bool> gbGetsocknameFails{false};
 std::atomic<bool> gbListenFails{false};
+std::atomic<int> gLastBacklog{0};
 
 int Refuse() {
     errno = ENOBUFS; // 105
     return -1;
+}
+
+std::mutex gSendStepsMutex;
+std::atomic<int> gSendStepsDescriptor{-1};
+std::string gSendSteps; // guarded by gSendStepsMutex
+
+/// What is to become of a send on a descriptor: 'e' an error, '1' a single byte goes; 0: whatever the system makes of
+/// it.
+char NextSendStep(int fd) {
+    if (fd != gSendStepsDescriptor) {
+        return 0;
+    }
+    std::lock_guard<std::mutex> lock(gSendStepsMutex);
+    const char step = gSendSteps.empty() ? '\0' : gSendSteps[0];
+    gSendSteps.erase(0, 1);
+    return step;
+}
+
+/// Lets the next sends on a descriptor come to these steps.
+void SetSendSteps(unsigned int fd, const char* pszSteps) {
+    std::lock_guard<std::mutex> lock(gSendStepsMutex);
+    gSendSteps = pszSteps;
+    gSendStepsDescriptor = *pszSteps ? static_cast<int>(fd) : -1;
 }
 
 } // namespace
@@ -54,7 +80,14 @@ int getsockname(int fd, struct sockaddr* __restrict address, socklen_t* __restri
 }
 
 int listen(int fd, int backlog) noexcept {
+    gLastBacklog = backlog;
     return gbListenFails ? Refuse() : static_cast<int>(syscall(SYS_listen, fd, backlog));
+}
+
+ssize_t send(int fd, const void* data, size_t length, int flags) {
+    static const auto pfnSend = reinterpret_cast<decltype(&send)>(dlsym(RTLD_NEXT, "send"));
+    const char step = NextSendStep(fd);
+    return step == 'e' ? Refuse() : pfnSend(fd, data, step == '1' ? 1 : length, flags);
 }
 
 } // extern "C"
@@ -370,6 +403,42 @@ TEST(Socket, ConnectionForAQueueThatIsGoneIsClosed) {
     EXPECT_EQ(2u, pListOfSockets->NodeCount()) << "the breaker and the listener";
 }
 
+TEST(Socket, MessagesGoToTheTailOfTheMediumList) {
+    Library library;
+    RecordingQueue queue(kRunning);
+    Connection connection(queue);
+    const unsigned int hServer = tq_SocketOpenTCPServer(queue.GetHandle(), 0, 0, Loopback());
+    const unsigned int hUdp = tq_SocketOpenUDP(queue.GetHandle(), 0, 0, 0, Loopback(), 0);
+    ASSERT_TRUE(queue.WaitFor(MSG_SOCKET_CONNECTED, hUdp));
+    queue.Hold();
+    const size_t before = queue.Commands().size();
+    queue.Post(MSG_USER + 1, TQ_MSG_PRIORITY_LOW);
+    queue.Post(MSG_USER + 2, TQ_MSG_PRIORITY_MEDIUM);
+    SendAll(connection.peer, "x");
+    ASSERT_TRUE(WaitUntil([&] { return tq_SocketDataAvailable(connection.hSocket) == 1; }));
+    queue.Post(MSG_USER + 3, TQ_MSG_PRIORITY_MEDIUM);
+    Fd sender = BoundPeer(SOCK_DGRAM);
+    SendDatagram(sender, tq_SocketGetBoundPort(hUdp), "y");
+    ASSERT_TRUE(WaitUntil([&] { return HasHistory(hUdp, SOCKET_EVENT_READABLE); }));
+    queue.Post(MSG_USER + 4, TQ_MSG_PRIORITY_HIGH);
+    Fd peer = ConnectedPeer(tq_SocketGetBoundPort(hServer));
+    ASSERT_TRUE(WaitUntil([&] { return HasHistory(hServer, SOCKET_EVENT_READABLE); }));
+    connection.peer.Close();
+    ASSERT_TRUE(WaitUntil([&] { return Field(connection.hSocket, &SOCKET_INSTANCE::state) == 5; }));
+    queue.Post(MSG_USER + 5, TQ_MSG_PRIORITY_MEDIUM);
+    const unsigned int hLast = tq_SocketOpenUDP(queue.GetHandle(), 0, 0, 0, Loopback(), 0);
+    ASSERT_TRUE(WaitUntil([&] { return Field(hLast, &SOCKET_INSTANCE::state) == 4; }));
+    queue.LetGo();
+    ASSERT_TRUE(queue.WaitFor(MSG_USER + 1));
+    const std::vector<unsigned int> commands = queue.Commands();
+    const std::vector<unsigned int> expected = {MSG_USER + 4,      MSG_USER + 2,        MSG_SOCKET_DATASTREAM,
+                                                MSG_USER + 3,      MSG_SOCKET_DATAGRAM, MSG_SOCKET_NEW_CONNECTION,
+                                                MSG_SOCKET_CLOSED, MSG_USER + 5,        MSG_SOCKET_CONNECTED,
+                                                MSG_USER + 1};
+    EXPECT_EQ(expected,
+              std::vector<unsigned int>(commands.begin() + static_cast<std::ptrdiff_t>(before), commands.end()));
+}
+
 TEST(Socket, PeersCloseYieldsOneClosedMessageAndLeavesTheBufferedBytes) {
     Library library;
     TraceFile trace;
@@ -631,10 +700,9 @@ TEST(Socket, ReadErrorIsTracedAndClosesTheSocket) {
     EXPECT_EQ(4u, tq_SocketSendTo(hSocket, Bytes("gone"), 4, 0, 0));
     ASSERT_TRUE(queue.WaitFor(MSG_SOCKET_CLOSED, hSocket));
     EXPECT_EQ(ECONNREFUSED, queue.Of(MSG_SOCKET_CLOSED, hSocket)[0].Closed().error);
-    EXPECT_TRUE(
-        trace.WaitFor("WRN: ", Printed("tqos Sockets: In HandleReadable(), handle: %u (socket: %u) just failed: "
-                                       "(errno=%d)\n",
-                                       hSocket, Field(hSocket, &SOCKET_INSTANCE::socket), ECONNREFUSED)));
+    EXPECT_TRUE(trace.WaitFor("WRN: ", Printed("tqos Sockets: In HandleReadable(), handle: %u (socket %u) just failed: "
+                                               "(errno=%d)\n",
+                                               hSocket, Field(hSocket, &SOCKET_INSTANCE::socket), ECONNREFUSED)));
 }
 
 // Datagrams
@@ -703,6 +771,10 @@ TEST(Socket, DatagramsGoToTheDefaultDestinationOrTheOneGiven) {
     EXPECT_EQ("two", ReceiveDatagram(second));
     EXPECT_EQ(5u, tq_SocketSendTo(hSocket, Bytes("three"), 5, Loopback(), PortOf(second)));
     EXPECT_EQ("three", ReceiveDatagram(second));
+    const unsigned int hElsewhere =
+        tq_SocketOpenUDP(queue.GetHandle(), inet_addr("127.0.0.2"), PortOf(first), 0, Loopback(), 0);
+    EXPECT_EQ(4u, tq_SocketSendTo(hElsewhere, Bytes("four"), 4, Loopback(), 0)) << "at the port of its own destination";
+    EXPECT_EQ("four", ReceiveDatagram(first));
 }
 
 TEST(Socket, DatagramThatCannotGoIsGivenUpAfterFourErrors) {
@@ -720,6 +792,28 @@ TEST(Socket, DatagramThatCannotGoIsGivenUpAfterFourErrors) {
     ASSERT_TRUE(WaitUntil([&] { return Field(hSocket, &SOCKET_INSTANCE::DataOutCount) == 0; }));
     EXPECT_EQ(4u, tq_SocketSendTo(hSocket, Bytes("next"), 4, 0, 0));
     EXPECT_EQ("next", ReceiveDatagram(peer));
+    EXPECT_EQ(0u, queue.Count(MSG_SOCKET_CLOSED));
+}
+
+TEST(Socket, QueuedDataIsGivenUpAtTheFourthErrorInARow) {
+    Library library;
+    RecordingQueue queue(kRunning);
+    Connection connection(queue);
+    struct Row {
+        const char* pszSteps; ///< the first one is that of the send itself, all others are the worker's
+        const char* pszArrives;
+    };
+    const Row rows[] = {
+        {"eeee", "abc!"}, {"eeeee", "!"}, {"eeee1eee1eee", "abc!"}, {"eeee1eeee", "a!"}, {"eeee1eee1eeee", "ab!"},
+    };
+    for (const Row& row : rows) {
+        SetSendSteps(Field(connection.hSocket, &SOCKET_INSTANCE::socket), row.pszSteps);
+        EXPECT_EQ(3u, tq_SocketSendTo(connection.hSocket, Bytes("abc"), 3, 0, 0)) << "queued";
+        ASSERT_TRUE(WaitUntil([&] { return Field(connection.hSocket, &SOCKET_INSTANCE::DataOutCount) == 0; }));
+        SetSendSteps(0, "");
+        EXPECT_EQ(1u, tq_SocketSendTo(connection.hSocket, Bytes("!"), 1, 0, 0));
+        EXPECT_EQ(row.pszArrives, ReadBytes(connection.peer, strlen(row.pszArrives))) << row.pszSteps;
+    }
     EXPECT_EQ(0u, queue.Count(MSG_SOCKET_CLOSED));
 }
 
@@ -959,6 +1053,14 @@ TEST(Socket, SendsAreTraced) {
                                            kNoSocket)));
 }
 
+TEST(Socket, StreamsIgnoreTheDestinationOfASend) {
+    Library library;
+    RecordingQueue queue(kRunning);
+    Connection connection(queue);
+    EXPECT_EQ(4u, tq_SocketSendTo(connection.hSocket, Bytes("here"), 4, inet_addr("10.9.8.7"), 9));
+    EXPECT_EQ("here", ReadBytes(connection.peer, 4));
+}
+
 TEST(Socket, SendOfNothingQueuesNothing) {
     Library library;
     RecordingQueue queue(kRunning);
@@ -1127,6 +1229,28 @@ TEST(Socket, CloseWithNothingToFlushIsImmediate) {
     EXPECT_TRUE(IsAtEnd(connection.peer));
 }
 
+TEST(Socket, CloseThatFlushesOutReadsTheConnectionEmptyFirst) {
+    Library library;
+    RecordingQueue queue(kRunning);
+    for (const bool bFlush : {false, true}) {
+        Connection connection(queue);
+        tq_SocketSetDataInCap(connection.hSocket, 0); // what comes stays with the system
+        const int descriptor = static_cast<int>(Field(connection.hSocket, &SOCKET_INSTANCE::socket));
+        SendAll(connection.peer, "unread");
+        ASSERT_TRUE(WaitUntil([&] {
+            int waiting = 0;
+            return ioctl(descriptor, FIONREAD, &waiting) == 0 && waiting == 6;
+        }));
+        EXPECT_EQ(0u, tq_SocketFlushAndClose(connection.hSocket, bFlush ? TQ_SOCKET_FLUSH_OUT : 0));
+        EXPECT_FALSE(Exists(connection.hSocket));
+        ASSERT_TRUE(WaitReadable(connection.peer));
+        char byte;
+        errno = 0;
+        EXPECT_EQ(bFlush ? 0 : -1, recv(connection.peer.Get(), &byte, 1, 0));
+        EXPECT_EQ(bFlush ? 0 : ECONNRESET, errno) << "the system resets what is closed with bytes unread";
+    }
+}
+
 TEST(Socket, SecondCloseEndsAFlush) {
     Library library;
     RecordingQueue queue(kRunning);
@@ -1247,6 +1371,18 @@ TEST(Socket, OpenCallsSetTheirOptions) {
         EXPECT_EQ(0xFFFFFFFFu, Field(row.hSocket, &SOCKET_INSTANCE::DataInCap));
         EXPECT_EQ(0xFFFFFFFFu, Field(row.hSocket, &SOCKET_INSTANCE::DataOutCap));
     }
+}
+
+TEST(Socket, UpTo128PeersWaitForAListener) {
+    Library library;
+    RecordingQueue queue(kRunning);
+    EXPECT_EQ(0u, tq_SocketInitialize());
+    EXPECT_EQ(128, gLastBacklog.exchange(0)) << "the breaker's";
+    EXPECT_NE(0u, tq_SocketOpenTCPServer(queue.GetHandle(), 0, 0, Loopback()));
+    EXPECT_EQ(128, gLastBacklog.exchange(0));
+    EXPECT_NE(0u, tq_SocketOpenTCPServerDomain(queue.GetHandle(), Bytes(std::string("server.sock")), 0));
+    EXPECT_EQ(128, gLastBacklog.exchange(0));
+    tq_SocketTerminate(99);
 }
 
 TEST(Socket, LingeringStaysOffSinceItsOptionHasAFormThatThePlatformRefuses) {
@@ -2198,19 +2334,30 @@ TEST(Socket, UsersAreCounted) {
     EXPECT_EQ(nullptr, pListOfSockets);
 }
 
-TEST(Socket, OtherErrorLevelsLeaveTheSocketsAsTheyAre) {
-    const ChildResult result = CheckInChild([] { // whose end checks no leaks: the socket is lost on purpose
-        Library library;
-        RecordingQueue queue(kRunning);
-        Connection connection(queue);
-        const int descriptor = static_cast<int>(Field(connection.hSocket, &SOCKET_INSTANCE::socket));
-        tq_SocketTerminate(4);
-        // The connection stays open, though nobody serves it any more.
-        EXPECT_GE(fcntl(descriptor, F_GETFD), 0);
-        EXPECT_EQ(1, send(descriptor, "x", 1, MSG_NOSIGNAL));
-        EXPECT_EQ("x", ReadBytes(connection.peer, 1));
-    });
-    EXPECT_EQ(kPassed, result.code) << result.standardOut;
+TEST(Socket, TheErrorLevelOfAStopSaysWhetherSocketsAreClosed) {
+    struct Row {
+        unsigned int errorLevel;
+        bool bCloses;
+    };
+    const Row rows[] = {{0, false}, {1, true}, {2, true}, {3, true}, {4, false}, {98, false}, {99, true}, {100, false}};
+    for (const Row& row : rows) {
+        const ChildResult result = CheckInChild([&row] { // whose end checks no leaks: a socket may be lost on purpose
+            Library library;
+            RecordingQueue queue(kRunning);
+            Connection connection(queue);
+            const int descriptor = static_cast<int>(Field(connection.hSocket, &SOCKET_INSTANCE::socket));
+            tq_SocketTerminate(row.errorLevel);
+            if (row.bCloses) {
+                EXPECT_TRUE(IsAtEnd(connection.peer));
+                return;
+            }
+            // The connection stays open, though nobody serves it any more.
+            EXPECT_GE(fcntl(descriptor, F_GETFD), 0);
+            EXPECT_EQ(1, send(descriptor, "x", 1, MSG_NOSIGNAL));
+            EXPECT_EQ("x", ReadBytes(connection.peer, 1));
+        });
+        EXPECT_EQ(kPassed, result.code) << row.errorLevel << result.standardOut;
+    }
 }
 
 TEST(Socket, StopRightAfterTheStartWaitsForTheWorker) {
@@ -2495,6 +2642,134 @@ TEST(Socket, ThreadsMaySendOnOneSocketWhileItIsClosed) {
             ASSERT_EQ(std::string(8, bytes[at]), bytes.substr(at, 8));
         }
     }
+}
+
+namespace {
+
+constexpr unsigned int kSenders = 3;
+
+/// Runs this in so many threads, each with its number, while the caller does something else; then waits for them.
+void WithSenders(const std::function<void(unsigned int sender)>& send, const std::function<void()>& meanwhile) {
+    std::vector<std::thread> threads;
+    for (unsigned int sender = 0; sender < kSenders; ++sender) {
+        threads.emplace_back([&send, sender] { send(sender); });
+    }
+    meanwhile();
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+}
+
+/// A piece of what a thread sends: whose it is, the how manieth, how long, and its text.
+std::string Piece(unsigned int sender, unsigned int number) {
+    const unsigned int length = (number * 37) % 3000 + 1;
+    return Printed("%u %4u %4u ", sender, number, length) + std::string(length, static_cast<char>('a' + sender));
+}
+
+} // namespace
+
+TEST(Socket, WhatSeveralThreadsSendArrivesInWholePiecesAndInTheOrderOfEach) {
+    constexpr unsigned int kPieces = 300;
+    Library library;
+    RecordingQueue queue(kRunning);
+    StalledConnection connection(queue);
+    std::string received;
+    WithSenders(
+        [&](unsigned int sender) {
+            for (unsigned int number = 0; number < kPieces; ++number) {
+                const std::string piece = Piece(sender, number);
+                const unsigned int length = static_cast<unsigned int>(piece.size());
+                EXPECT_EQ(length, tq_SocketSendToNoTrace(connection.hSocket, Bytes(piece), length, 0, 0));
+            }
+        },
+        [&] {
+            ReadBytes(connection.peer, connection.filled);
+            size_t all = 0;
+            for (unsigned int number = 0; number < kPieces; ++number) {
+                all += kSenders * Piece(0, number).size();
+            }
+            received = ReadBytes(connection.peer, all);
+        });
+    unsigned int next[kSenders] = {};
+    for (size_t at = 0; at < received.size();) {
+        const unsigned int sender = static_cast<unsigned int>(received[at] - '0');
+        ASSERT_LT(sender, kSenders) << at;
+        const std::string piece = Piece(sender, next[sender]++);
+        ASSERT_EQ(piece, received.substr(at, piece.size()));
+        at += piece.size();
+    }
+    for (const unsigned int count : next) {
+        EXPECT_EQ(kPieces, count);
+    }
+}
+
+TEST(Socket, SeveralThreadsNeverQueueMoreThanTheOutCap) {
+    constexpr unsigned int kCap = 5000;
+    constexpr unsigned int kEach = 200000;
+    Library library;
+    RecordingQueue queue(kRunning);
+    StalledConnection connection(queue);
+    tq_SocketSetDataOutCap(connection.hSocket, kCap);
+    WithSenders(
+        [&](unsigned int sender) {
+            const std::string bytes(1700, static_cast<char>('a' + sender));
+            for (unsigned int sent = 0; sent < kEach;) {
+                const unsigned int length = std::min(kEach - sent, 1700u);
+                const unsigned int taken = tq_SocketSendToNoTrace(connection.hSocket, Bytes(bytes), length, 0, 0);
+                EXPECT_LE(taken, length);
+                sent += taken;
+                std::this_thread::yield();
+            }
+        },
+        [&] {
+            ReadBytes(connection.peer, connection.filled);
+            std::map<char, unsigned int> received;
+            for (unsigned int left = kSenders * kEach; left > 0;) {
+                const std::string bytes = ReadBytes(connection.peer, std::min(left, 2000u));
+                ASSERT_FALSE(bytes.empty());
+                left -= static_cast<unsigned int>(bytes.size());
+                for (const char byte : bytes) {
+                    ++received[byte];
+                }
+                EXPECT_LE(Field(connection.hSocket, &SOCKET_INSTANCE::DataOutCount), kCap);
+            }
+            for (unsigned int sender = 0; sender < kSenders; ++sender) {
+                EXPECT_EQ(kEach, received[static_cast<char>('a' + sender)]);
+            }
+        });
+    EXPECT_TRUE(WaitUntil([&] { return Field(connection.hSocket, &SOCKET_INSTANCE::PendingWrite) == 0; }));
+    EXPECT_EQ(0u, Field(connection.hSocket, &SOCKET_INSTANCE::DataOutCount));
+}
+
+TEST(Socket, WhatSeveralThreadsSentBeforeAFlushingCloseArrives) {
+    Library library;
+    RecordingQueue queue(kRunning);
+    for (unsigned int round = 0; round < 20; ++round) {
+        StalledConnection connection(queue);
+        if (round % 2) {
+            tq_SocketSetDataOutCap(connection.hSocket, 3000);
+        }
+        std::atomic<unsigned int> accepted{0};
+        std::atomic<bool> bClosed{false};
+        size_t received = 0;
+        WithSenders(
+            [&](unsigned int) {
+                const std::string bytes(700, 'x');
+                while (!bClosed) {
+                    accepted += tq_SocketSendToNoTrace(connection.hSocket, Bytes(bytes), 700, 0, 0);
+                    std::this_thread::yield();
+                }
+            },
+            [&] {
+                received = ReadBytes(connection.peer, connection.filled + round * 1000).size();
+                EXPECT_EQ(0u, tq_SocketFlushAndClose(connection.hSocket, TQ_SOCKET_FLUSH_OUT));
+                bClosed = true;
+                received += ReadToEnd(connection.peer).size();
+            });
+        EXPECT_EQ(connection.filled + accepted, received) << round;
+        EXPECT_TRUE(WaitUntil([&] { return !Exists(connection.hSocket); }));
+    }
+    EXPECT_EQ(0u, queue.Count(MSG_SOCKET_CLOSED));
 }
 
 TEST(Socket, ManyThreadsShareTheLayer) {

@@ -193,7 +193,7 @@ bool ReadWaiting(SOCKET_INSTANCE* pSocket) {
     }
     if (error != 0 && !IsHarmlessReadError(pSocket->type, error)) {
         QueueTraceLocked(TQ_TRACE_LEVEL_WARNING,
-                         "tqos Sockets: In HandleReadable(), handle: %u (socket: %u) just failed: (errno=%d)\n",
+                         "tqos Sockets: In HandleReadable(), handle: %u (socket %u) just failed: (errno=%d)\n",
                          pSocket->handle, pSocket->socket, error);
         SendSocketClosedLocked(pSocket, error);
     }
