@@ -1028,13 +1028,14 @@ TEST(Socket, SendsAreTraced) {
     EXPECT_EQ(1u, trace.Count("DEB: ", Printed("tqos Sockets: tq_SocketSendTo() sent 3 bytes for socket: %u (Unknown) "
                                                "wanting to send 3 bytes.\n",
                                                hSocket)));
-    const std::string longName(500, 'n');
-    tq_SocketSetName(hSocket, longName.c_str());
-    EXPECT_EQ(1u, tq_SocketSendTo(hSocket, Bytes("a"), 1, 0, 0));
-    EXPECT_EQ(1u,
-              trace.Count("DEB: ", Printed("tqos Sockets: tq_SocketSendTo() sent 1 bytes for socket: %u (%s) wanting "
-                                           "to send 1 bytes.\n",
-                                           hSocket, longName.c_str())));
+    for (const size_t length : {126u, 127u, 128u, 129u, 500u}) {
+        const std::string longName(length, 'n');
+        tq_SocketSetName(hSocket, longName.c_str());
+        EXPECT_EQ(1u, tq_SocketSendTo(hSocket, Bytes("a"), 1, 0, 0));
+        EXPECT_EQ(1u, trace.Count("DEB: ", Printed("tqos Sockets: tq_SocketSendTo() sent 1 bytes for socket: %u (%s) "
+                                                   "wanting to send 1 bytes.\n",
+                                                   hSocket, longName.c_str())));
+    }
     const size_t before = CountOf(trace.Text(), "tq_SocketSendTo()");
     EXPECT_EQ(2u, tq_SocketSendToNoTrace(hSocket, Bytes("ab"), 2, 0, 0));
     EXPECT_EQ(before, CountOf(trace.Text(), "tq_SocketSendTo()"));
@@ -1188,6 +1189,44 @@ TEST(Socket, WhateverChangesWhatIsWaitedForWakesTheWorker) {
 
     StalledConnection stalled(queue);
     EXPECT_TRUE(Wakes([&] { EXPECT_EQ(3u, tq_SocketSendTo(stalled.hSocket, Bytes("abc"), 3, 0, 0)); }));
+}
+
+TEST(Socket, FlushingCloseDropsWhatItsFlagsDoNotName) {
+    Library library;
+    RecordingQueue queue(kRunning);
+    const struct {
+        unsigned int flags;
+        unsigned int in; ///< bytes that are kept
+        unsigned int out;
+    } rows[] = {{TQ_SOCKET_FLUSH_IN, 2, 0}, {TQ_SOCKET_FLUSH_OUT, 0, 3000}};
+    for (const auto& row : rows) {
+        StalledConnection connection(queue);
+        const unsigned int hSocket = connection.hSocket;
+        SendAll(connection.peer, "in");
+        ASSERT_TRUE(WaitUntil([&] { return tq_SocketDataAvailable(hSocket) == 2; }));
+        EXPECT_EQ(3000u, tq_SocketSendTo(hSocket, Bytes(Pattern(3000)), 3000, 0, 0));
+        EXPECT_EQ(0u, tq_SocketFlushAndClose(hSocket, row.flags));
+        EXPECT_EQ(row.in, tq_SocketDataAvailable(hSocket));
+        EXPECT_EQ(row.out, Field(hSocket, &SOCKET_INSTANCE::DataOutCount));
+        EXPECT_EQ(row.in ? "in" : "", Recv(hSocket));
+        EXPECT_EQ(connection.filled + row.out, ReadToEnd(connection.peer).size());
+        EXPECT_TRUE(WaitUntil([&] { return !Exists(hSocket); }));
+    }
+}
+
+TEST(Socket, ASocketThatIsClosedGivesNoNoticeAnyMore) {
+    Library library;
+    RecordingQueue queue(kRunning);
+    StalledConnection connection(queue);
+    tq_SocketSetDataOutCap(connection.hSocket, 4);
+    EXPECT_EQ(4u, tq_SocketSendTo(connection.hSocket, Bytes("0123456789"), 10, 0, 0));
+    EXPECT_EQ(1u, Field(connection.hSocket, &SOCKET_INSTANCE::PendingWrite));
+    EXPECT_EQ(0u, tq_SocketFlushAndClose(connection.hSocket, TQ_SOCKET_FLUSH_OUT));
+    EXPECT_EQ("0123", ReadToEnd(connection.peer).substr(connection.filled));
+    ASSERT_TRUE(WaitUntil([&] { return !Exists(connection.hSocket); }));
+    ASSERT_TRUE(queue.Post(MSG_USER, TQ_MSG_PRIORITY_LOW)); // behind whatever was sent
+    ASSERT_TRUE(queue.WaitFor(MSG_USER));
+    EXPECT_EQ(0u, queue.Count(MSG_SOCKET_WRITEABLE));
 }
 
 TEST(Socket, CloseFlushingBothWaitsForBoth) {
@@ -1548,6 +1587,7 @@ TEST(Socket, DomainServerAcceptsLocalPeers) {
     EXPECT_TRUE(S_ISSOCK(status.st_mode));
     EXPECT_EQ(01777u, status.st_mode & 07777u);
     EXPECT_STREQ(path.c_str(), Field(hServer, &SOCKET_INSTANCE::pszSocketName));
+    EXPECT_EQ(1u, Field(hServer, &SOCKET_INSTANCE::IsServer));
 
     Fd peer(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     const struct sockaddr_un own = DomainAddress(library.Path() + "/peer.sock");
@@ -1896,6 +1936,27 @@ TEST(Socket, TracesPutOffComeInOrderAndStopAtAHundred) {
     tq_SocketTraceQueue(TQ_TRACE_LEVEL_DEBUG, "room again\n", 0, 0, 0);
     tq_SocketTraceFlush();
     EXPECT_EQ(1u, trace.Count("DEB: ", "room again\n"));
+}
+
+TEST(Socket, ItsTracesAreOfTheCategorySockets) {
+    Library library;
+    TraceFile trace;
+    EXPECT_EQ(0u, tq_SocketInitialize());
+    const std::string line = "put off 1 (2) 3\n";
+    const auto traceBoth = [] {
+        EXPECT_EQ(1u, tq_SocketClose(kNoSocket));
+        tq_SocketTraceQueue(TQ_TRACE_LEVEL_WARNING, "put off %u (%u) %d\n", 1, 2, 3);
+        tq_SocketTraceFlush();
+    };
+    tq_SocketStopWorkerThread(); // which flushes, too
+    tq_TraceSetCatMask(tqosTraceHandle, ~TQ_TRACE_CAT_SOCKETS);
+    const std::string before = trace.Text();
+    traceBoth();
+    EXPECT_EQ(before, trace.Text());
+    tq_TraceSetCatMask(tqosTraceHandle, TQ_TRACE_CAT_SOCKETS);
+    traceBoth();
+    EXPECT_EQ(1u, trace.Count("WRN: ", line));
+    EXPECT_EQ(1u, CountOf(trace.Text(), "INF: tqos Sockets: tq_SocketClose() called for unknown socket: "));
 }
 
 TEST(Socket, EveryWakeUpAndTheEndAreTraced) {
