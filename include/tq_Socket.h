@@ -207,7 +207,8 @@ TQ_API int tq_SocketSetOpt(int hSocket, int level, int optname, const void* optv
 /// @return its result; -1 with errno ENOTSOCK for an unknown socket
 TQ_API int tq_SocketGetOpt(int hSocket, int level, int optname, void* optval, int* optlen);
 /// Sets the system's send buffer of a socket, in bytes; with handle 0 that of streams opened from now on (0 leaves the
-/// system's own). Unknown sockets are ignored.
+/// system's own). Deliberate: an accepted connection has the sizes of its listener, and only the listener is given
+/// those set with handle 0, each time it has accepted one. Unknown sockets are ignored.
 TQ_API void tq_SocketSetSendBufSize(unsigned int hSocket, unsigned int SendBufSize);
 /// The same for the receive buffer.
 TQ_API void tq_SocketSetReceiveBufSize(unsigned int hSocket, unsigned int ReceiveBufSize);
