@@ -306,22 +306,41 @@ __attribute__((noinline, no_sanitize("thread"))) void PeekAtBytes(const char* pF
     }
 }
 
+/// The first bytes of a block.
+struct ShownBytes {
+    char hexadecimal[kShownBytes * 3 + kShownBytes / 8 * 2 + 1]; ///< with a bar behind each eight
+    char characters[kShownBytes + 1];
+};
+
+/// Not by a format for each byte: the pools are locked meanwhile.
+void ShowBytes(const char* pFrom, unsigned int count, ShownBytes& shown) {
+    static constexpr char kDigits[] = "0123456789abcdef";
+    unsigned char bytes[kShownBytes];
+    PeekAtBytes(pFrom, bytes, count);
+    char* pNext = shown.hexadecimal;
+    for (unsigned int i = 0; i < count; ++i) {
+        *pNext++ = kDigits[bytes[i] >> 4];
+        *pNext++ = kDigits[bytes[i] & 15];
+        *pNext++ = ' ';
+        if (i % 8 == 7) {
+            *pNext++ = '|';
+            *pNext++ = ' ';
+        }
+        shown.characters[i] = tq_ShownMemoryByte(bytes[i]);
+    }
+    *pNext = '\0';
+    shown.characters[count] = '\0';
+}
+
 void AddBlock(tq_MemoryRows& rows, unsigned int pool, char* pBlock, const char* pszLineEnd) {
     const _MEM_HEADER_TRACKING_ONLY* pHeader = tq_MemoryHeaderOf(pBlock);
     const char* pUserData = pBlock + gTotalMemoryHeader;
-    unsigned char bytes[kShownBytes];
-    const unsigned int count = std::min({static_cast<unsigned int>(pHeader->size), kShownBytes, PoolSizes[pool]});
-    PeekAtBytes(pUserData, bytes, count);
-    rows.Add("%6u bytes %08lx %45s:%4u%s        ", static_cast<unsigned int>(pHeader->size),
-             reinterpret_cast<unsigned long>(pUserData), ShownName(pBlock), static_cast<unsigned int>(pHeader->line),
-             pszLineEnd);
-    for (unsigned int i = 0; i < count; ++i) {
-        rows.Add("%02x %s", bytes[i], i % 8 == 7 ? "| " : "");
-    }
-    rows.Add("  -  ");
-    for (unsigned int i = 0; i < count; ++i) {
-        rows.Add("%c", tq_ShownMemoryByte(bytes[i]));
-    }
+    const unsigned int size = static_cast<unsigned int>(pHeader->size);
+    ShownBytes bytes = {};
+    ShowBytes(pUserData, std::min({size, kShownBytes, PoolSizes[pool]}), bytes);
+    rows.Add("%6u bytes %08lx %45s:%4u%s        %s  -  %s", size, reinterpret_cast<unsigned long>(pUserData),
+             ShownName(pBlock), static_cast<unsigned int>(pHeader->line), pszLineEnd, bytes.hexadecimal,
+             bytes.characters);
     rows.End();
 }
 
