@@ -152,10 +152,12 @@ TEST(CriticalError, WithoutAMessageWritesNothing) {
 }
 
 TEST(CriticalError, GoesToTheFileThatTheSettingNames) {
-    Configured configured("[ErrorLog]\nFilename = other.log\n");
-    LogCriticalError("elsewhere", false, 40000, 8);
-    EXPECT_EQ(Messages{"elsewhere"}, MessagesIn(ReadFile("other.log")));
-    EXPECT_FALSE(test::FileExists("tqos_error.log"));
+    for (const char* pszName : {"other.log", "x"}) {
+        Configured configured(std::string("[ErrorLog]\nFilename = ") + pszName + "\n");
+        LogCriticalError("elsewhere", false, 40000, 8);
+        EXPECT_EQ(Messages{"elsewhere"}, MessagesIn(ReadFile(pszName)));
+        EXPECT_FALSE(test::FileExists("tqos_error.log"));
+    }
 }
 
 TEST(CriticalError, IsNotLoggedWhenTheFileNameIsEmpty) {
@@ -392,6 +394,7 @@ TEST(Token, SplitsAText) {
         {"\"x y\" z", unquoted, "<x y><z>."},
         {"\"x y\"z w", unquoted, "<x yz><w>."},
         {"a\"x y\"\"z w\" v", unquoted, "<ax yz w><v>."},
+        {"abc\"x y\" z", unquoted, "<abcx y><z>."},
         {"\"\" z", unquoted, "<><z>."},
         {"z \"\"", unquoted, "<z><>."},
         {"\"x y", unquoted, "."},
