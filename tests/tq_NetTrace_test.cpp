@@ -538,6 +538,37 @@ TEST(NetTrace, TracingToViewersTakesNoMemory) {
     EXPECT_EQ(Wire("[<ms>]: (T) WRN: without memory\n"), Shown(viewer.NextLine()));
 }
 
+// With waits tracked each lock on the way asks for memory, and is refused it.
+TEST(NetTrace, ARefusedAllocationComesToItsViewersOnceAtAnyCap) {
+    Library library("[Trace]\ntqos_SuppressTimestamp=yes\ntqos_LogToMulticast=yes\n[Sem]\nTracking=yes\n" + kCapped);
+    const unsigned int handle = tqosTraceHandle;
+    Subscribed viewer(handle);
+    EXPECT_TRUE(WaitForTimers("TqTrace Keepalive", 1));
+    for (const unsigned int timer : {kAnnouncementTimer, kKeepAliveTimer}) { // no other thread is to wake meanwhile
+        tq_TimerKill(gpTraceMsgQ->GetHandle(), timer, SocketOf(handle), 0);
+    }
+    EXPECT_TRUE(WaitForNoTimers());
+    EXPECT_TRUE(test::WaitUntilOthersSleep());
+    for (unsigned int room = 0; room < 300; room += 20) {
+        {
+            Cap cap(room);
+            EXPECT_EQ(nullptr, tq__malloc(1000, "refused.cpp", 7));
+        }
+        Line(handle, "end\n");
+        std::string reports;
+        for (std::string line = viewer.NextLine(); line.find("WRN: end\n") == std::string::npos;
+             line = viewer.NextLine()) {
+            ASSERT_NE("(nothing)", line);
+            reports += Shown(line);
+        }
+        EXPECT_EQ(Wire("[<ms>]: (tqos) WRN: Exceeded defined memory cap of " + std::to_string(test::kCappedBytes) +
+                       " bytes\n    size: 1000 bytes from:\n    line 7 in file: refused.cpp\n"),
+                  reports)
+            << room;
+    }
+    EXPECT_EQ(15u, CountOf(test::ReadFile("tqos_error.log"), "line 7 in file: refused.cpp"));
+}
+
 TEST(NetTrace, WhatTheSystemDoesNotTakeIsDroppedNotKept) {
     Library library(kIni);
     const unsigned int handle = tq_TraceInitInstance("T");
