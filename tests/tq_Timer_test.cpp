@@ -17,6 +17,7 @@
 
 #include <gtest/gtest.h>
 
+#include "MemoryCap.h"
 #include "RecordingQueue.h"
 #include "TestSupport.h"
 #include "tq_Lifecycle_p.h"
@@ -210,6 +211,7 @@ TEST(Timer, TheListIsSortedAcrossTheWrapOfTheClock) {
 }
 
 TEST(Timer, TheListsClockFollowsTheReadingsForwardsAndBack) {
+    test::Library library; // without it the list would not give its parts back
     tq_TimerList list;
     const unsigned long long first = list.ClockAt(0xFFFFFFF0u);
     EXPECT_EQ(first + 0x20, list.ClockAt(0x10)) << "across the wrap of the readings";
@@ -591,6 +593,7 @@ TEST(Timer, AnEarlierTimerWakesTheThreadThatSleepsForALaterOne) {
     RecordingQueue queue;
     queue.Create(0);
     ASSERT_EQ(0u, SetLong(queue.GetHandle(), kLong, 1));
+    EXPECT_TRUE(test::WaitUntilOthersSleep());
     ASSERT_EQ(0u, SetLong(queue.GetHandle(), 20, 2));
     ASSERT_TRUE(queue.WaitForCount(2));
     EXPECT_EQ((std::vector<unsigned int>{2}), TimerInstances(queue));
@@ -606,6 +609,7 @@ TEST(Timer, AnEarlierTimerWakesTheThreadAlsoAfterKillsOfEarlierOnes) {
         ASSERT_EQ(0u, SetLong(queue.GetHandle(), kLong, 2));
         ASSERT_EQ(0u, tq_TimerKill(queue.GetHandle(), 2, 0, 0));
         ASSERT_EQ(0u, SetLong(queue.GetHandle(), kLong + 1000, 3));
+        EXPECT_TRUE(test::WaitUntilOthersSleep());
         ASSERT_EQ(0u, SetLong(queue.GetHandle(), 10, 4));
         ASSERT_TRUE(queue.WaitForCount(2 + round));
         ASSERT_EQ(0u, tq_TimerKill(queue.GetHandle(), 3, 0, 0));
@@ -705,6 +709,7 @@ TEST(Timer, ASkewMakesATimerDueAtOnceAndWakesTheThread) {
     queue.Create(0);
     ASSERT_EQ(0u, SetLong(queue.GetHandle(), kLong, 1, 0, 0, true));
     ASSERT_EQ(0u, SetLong(queue.GetHandle(), kLong, 2, 0, 0, false));
+    EXPECT_TRUE(test::WaitUntilOthersSleep());
     tq_TimerSkew(static_cast<int>(kLong));
     ASSERT_TRUE(queue.WaitForCount(2));
     EXPECT_EQ((std::vector<unsigned int>{1}), TimerInstances(queue));
