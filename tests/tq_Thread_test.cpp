@@ -695,6 +695,30 @@ TEST(ThreadTermination, DoesNotWaitForRecordsThatEndedThreadsLeftBehind) {
     helper.join();
 }
 
+TEST(ThreadTermination, WaitsForRunningThreadsWhateverUntrackedOnesHaveEnded) {
+    test::Library library;
+    Worker running;
+    ASSERT_TRUE(running.WaitUntilReady());
+    {
+        Worker untracked;
+        ASSERT_TRUE(untracked.WaitUntilReady());
+        tq_RemoveThreadFromTracking(untracked.Tid());
+        tqos_Intialized = 0; // as between the first two steps of a termination
+        untracked.LetGo();
+        tq_ThreadWaitForEndingThreads();
+        tqos_Intialized = 1;
+    }
+    std::atomic<bool> bLetGo{false};
+    std::thread helper([&] {
+        EXPECT_TRUE(test::WaitUntil([] { return tqos_Intialized == 0; }));
+        bLetGo = true;
+        running.LetGo();
+    });
+    library.Terminate(false, true);
+    EXPECT_TRUE(bLetGo) << "no record was left behind that could stand for the running thread's";
+    helper.join();
+}
+
 TEST(ThreadTermination, WithoutWaitingEndedThreadsLeaveTheirRecordsToIt) {
     test::Library library("[Memory]\nEnableMemoryTracking=yes\n");
     const unsigned int before = gRequestedMemoryAllocations;
