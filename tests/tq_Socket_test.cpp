@@ -3087,7 +3087,21 @@ TEST(Socket, InterfaceThatGoesDownKeepsItsNameAndLosesItsAddress) {
     EXPECT_EQ(kPassed, result.code) << result.standardOut;
 }
 
-TEST(Socket, OfManyInterfacesTwentyAreKeptAndEighteenHaveAMacAddress) {
+/// Gives an interface an address, 10.77.0.n, and takes it up.
+bool SetAddress(struct ifreq request, unsigned int n) {
+    Fd fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    struct sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(0x0A4D0000u + n);
+    memcpy(&request.ifr_addr, &address, sizeof(address));
+    if (ioctl(fd.Get(), SIOCSIFADDR, &request) != 0) {
+        return false;
+    }
+    request.ifr_flags = IFF_UP;
+    return ioctl(fd.Get(), SIOCSIFFLAGS, &request) == 0;
+}
+
+TEST(Socket, OfManyInterfacesTwentyAreKeptSixteenWithAnAddressAndEighteenWithAMacAddress) {
     const ChildResult result = CheckInChild([] {
         if (unshare(CLONE_NEWNET) != 0 || !SetLoopback(true)) {
             _exit(kCannot);
@@ -3099,7 +3113,8 @@ TEST(Socket, OfManyInterfacesTwentyAreKeptAndEighteenHaveAMacAddress) {
             memset(&request, 0, sizeof(request));
             request.ifr_flags = IFF_TAP | IFF_NO_PI;
             snprintf(request.ifr_name, sizeof(request.ifr_name), "tap%d", i);
-            if (!taps.back().IsOpen() || ioctl(taps.back().Get(), TUNSETIFF, &request) != 0) {
+            if (!taps.back().IsOpen() || ioctl(taps.back().Get(), TUNSETIFF, &request) != 0 ||
+                !SetAddress(request, static_cast<unsigned int>(i) + 1)) {
                 _exit(kCannot);
             }
         }
@@ -3107,13 +3122,16 @@ TEST(Socket, OfManyInterfacesTwentyAreKeptAndEighteenHaveAMacAddress) {
         const auto expected = Interfaces();
         EXPECT_GE(expected.size(), 25u);
         EXPECT_EQ(20u, tq_SocketGetInterfaceCount());
+        int addresses = 0;
         for (unsigned int i = 0; i < 20; ++i) {
             char name[512] = "";
             char mac[20] = "";
             EXPECT_EQ(0u, tq_SocketGetInterfaceName(name, i));
             EXPECT_EQ(expected[i].first, name);
             EXPECT_EQ(i < 18 ? 0u : 1u, tq_GetMACofInterface(mac, i)) << i;
+            addresses += tq_SocketGetInterfaceAddress(i) != 0 ? 1 : 0;
         }
+        EXPECT_EQ(16, addresses);
         EXPECT_FALSE(GetLocalInterfaces()) << "what does not fit is no change";
     });
     if (result.code == kCannot) {
