@@ -226,17 +226,20 @@ TEST(Handle, TheReportLineIsTheTextWithTheTimeInFront) {
 
 TEST(Handle, AnOverReleaseIsTracedAsSevereInTheCategorySystem) {
     const test::Library library;
-    tq_TraceSetCatMask(tq_TraceGetHandleFromName("tqos"), TQ_TRACE_CAT_SYSTEM);
+    const unsigned int hTrace = tq_TraceGetHandleFromName("tqos");
     const unsigned int inUse = gAllocatedHandles;
-    ASSERT_EQ(0, tq_TraceEnableFile(tq_TraceGetHandleFromName("tqos"), "trace.log", 0, 0));
+    ASSERT_EQ(0, tq_TraceEnableFile(hTrace, "trace.log", 0, 0));
     for (unsigned int i = 0; i < inUse; ++i) {
         tq_HandleRelease(0);
     }
-    tq_HandleRelease(0);
+    for (const int mask : {~TQ_TRACE_CAT_SYSTEM, +TQ_TRACE_CAT_SYSTEM}) {
+        tq_TraceSetCatMask(hTrace, mask);
+        tq_HandleRelease(0);
+    }
     gAllocatedHandles = inUse;
     const std::string trace = test::ReadFile("trace.log");
     EXPECT_EQ(1u, test::CountOf(trace, "SEV: " + std::string(kOverRelease))) << trace;
-    EXPECT_EQ(std::string(kOverRelease), ErrorLog());
+    EXPECT_EQ(std::string(kOverRelease) + kOverRelease, ErrorLog());
 }
 
 TEST(Handle, AnyNumberIsTakenBackUnchecked) {
