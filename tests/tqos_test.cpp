@@ -126,6 +126,13 @@ bool WasJustSeededFromTheClock() {
     return false;
 }
 
+class QuietQ : public tq_MsgQ {
+public:
+    QuietQ() : tq_MsgQ("Quiet", nullptr) {}
+    ~QuietQ() override { Cleanup(); }
+    void MessageHandler(MSG_COMMON* pMsg) override { tq_free(pMsg); }
+};
+
 siginfo_t InfoOf(int sig, int code) {
     siginfo_t info;
     memset(&info, 0, sizeof(info));
@@ -348,6 +355,24 @@ TEST(Lifecycle, QueuesGoFirstWhileEverythingElseStillRuns) {
     EXPECT_NE(0u, queue.started);
 }
 
+TEST(Lifecycle, TheEndGivesBackAllMemoryWhateverHadStarted) {
+    ScratchDirectory directory;
+    WriteFile("tqos.ini", "[Memory]\r\nEnableMemoryTracking=yes\r\n[Sem]\r\nTracking=yes\r\n");
+    for (const bool bWaitForThreads : {false, true}) {
+        const unsigned int before = gRequestedMemoryAllocations;
+        ASSERT_EQ(0u, tqOS_Initialize());
+        {
+            QuietQ queue;
+            queue.Create(0);
+            EXPECT_EQ(0u, tq_TimerSet(queue.GetHandle(), 10, 1, 0, 0, TQ_TIMER_REPEATING, "tick", false));
+            EXPECT_NE(0u, tq_SocketOpenUDP(queue.GetHandle(), 0, 0, 0, htonl(INADDR_LOOPBACK), 0));
+            tqOS_Terminate(false, bWaitForThreads);
+        }
+        EXPECT_EQ(before, gRequestedMemoryAllocations);
+        EXPECT_EQ(nullptr, pSubsystemInitCritSec);
+    }
+}
+
 TEST(Lifecycle, TheEndListsWhatHasLeakedWhenAskedTo) {
     for (const bool bDumpResources : {false, true}) {
         const ChildResult result =
@@ -362,12 +387,6 @@ TEST(Lifecycle, TheEndListsWhatHasLeakedWhenAskedTo) {
 }
 
 TEST(Lifecycle, StartsAndStopsInALoopWithEverythingLazyRunning) {
-    class QuietQ : public tq_MsgQ {
-    public:
-        QuietQ() : tq_MsgQ("Quiet", nullptr) {}
-        ~QuietQ() override { Cleanup(); }
-        void MessageHandler(MSG_COMMON* pMsg) override { tq_free(pMsg); }
-    };
     ScratchDirectory directory;
     WriteFile("tqos.ini", "[Memory]\r\nEnableMemoryTracking=yes\r\n[Sem]\r\nTracking=yes\r\n");
     for (int round = 0; round < 40; ++round) {
