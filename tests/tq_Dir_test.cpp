@@ -1143,6 +1143,7 @@ TEST(Search, ThatFindsNothingLeavesNoDescriptor) {
 TEST(Search, WithoutAHandleOrARecordFindsNoMore) {
     TQ_FINDFILE_STRUCT entry;
     void* hSearch = tq_FindFirstFile("/*", &entry);
+    EXPECT_STREQ("/", entry.directory_name);
     EXPECT_EQ(0, tq_FindNextFile(nullptr, &entry));
     EXPECT_EQ(0, tq_FindNextFile(reinterpret_cast<void*>(-1), &entry));
     EXPECT_EQ(0, tq_FindNextFile(hSearch, nullptr));
@@ -1198,7 +1199,9 @@ TEST(Search, CutsWhatItsRecordHasNoRoomFor) {
     const std::string name(255, 'n'); // the longest that there is
     WriteFile(name, "1");
     EXPECT_EQ(Names({name}), NamesIn("n*"));
-    errno = 0;
-    EXPECT_EQ(reinterpret_cast<void*>(-1), tq_FindFirstFile((std::string(5000, '/') + "*").c_str(), &entry));
-    EXPECT_EQ(EINVAL, errno);
+    for (const size_t length : {4096u, 5000u}) { // with its end just behind the longest path there is, and further
+        errno = 0;
+        EXPECT_EQ(reinterpret_cast<void*>(-1), tq_FindFirstFile((std::string(length, '/') + "*").c_str(), &entry));
+        EXPECT_EQ(EINVAL, errno);
+    }
 }

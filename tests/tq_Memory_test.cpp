@@ -95,6 +95,13 @@ TEST(Memory, ReadsSettingsOfTrackingAndAlignmentOnlyWithThem) {
     EXPECT_EQ(nullptr, gpMemoryHistogram);
 }
 
+TEST(Memory, TrackingAloneHasNeitherACapNorAHistogram) {
+    Memory memory(kTracking);
+    EXPECT_EQ(0u, gMemoryCapInBytes);
+    EXPECT_FALSE(gbUseMemoryHistogram);
+    EXPECT_EQ(nullptr, gpMemoryHistogram);
+}
+
 TEST(Memory, ForgetsOptionalSettingsWhenInitialisedWithoutThem) {
     {
         Memory memory("EnableMemoryTracking=yes\nMemoryAlignment=8\nMemoryAlignmentCheck=yes\nMemoryCapInBytes=1000\n"
