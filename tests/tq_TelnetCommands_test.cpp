@@ -282,6 +282,16 @@ constexpr std::chrono::milliseconds kPause{0};
 
 constexpr char kAllOfMemory[] = "[Memory]\nEnableMemoryPooling=Yes\nEnableMemoryTracking=Yes\nEnableHistogram=Yes\n";
 
+/// How this processor keeps 0x12345678.
+void AddByteOrder(test::Values& values) {
+    const char* const kBytes[] = {"12", "34", "56", "78"};
+    const bool bBig = __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__;
+    values["order"] = bBig ? "big" : "little";
+    for (int i = 0; i < 4; ++i) {
+        values["byte " + std::to_string(i)] = kBytes[bBig ? i : 3 - i];
+    }
+}
+
 /// What the written sessions are about: besides the console's queues a timer, a list with a hash, and blocks of memory.
 class House {
 public:
@@ -313,6 +323,7 @@ public:
         values["port"] = std::to_string(m_console.Port());
         values["self"] = std::to_string(m_console.SocketOf(client));
         values["windows"] = std::to_string(HandleOf(m_windows));
+        AddByteOrder(values);
         return values;
     }
 
