@@ -671,6 +671,24 @@ TEST(ThreadTermination, LeavesRunningThreadsAloneWhenNotAsked) {
     tq_ThreadWaitForEndingThreads();
 }
 
+namespace {
+
+/// Ends the library, and lets the thread go only when that has begun; whether it was waited for.
+bool EndWaitsFor(test::Library& library, Worker& running) {
+    std::atomic<bool> bLetGo{false};
+    std::thread helper([&] {
+        EXPECT_TRUE(test::WaitUntil([] { return tqos_Intialized == 0; }));
+        bLetGo = true;
+        running.LetGo();
+    });
+    library.Terminate(false, true);
+    const bool bWaited = bLetGo;
+    helper.join();
+    return bWaited;
+}
+
+} // namespace
+
 TEST(ThreadTermination, DoesNotWaitForRecordsThatEndedThreadsLeftBehind) {
     test::Library library;
     Worker running;
@@ -684,15 +702,7 @@ TEST(ThreadTermination, DoesNotWaitForRecordsThatEndedThreadsLeftBehind) {
         EXPECT_TRUE(ended.IsListed()) << "the library no longer counts as initialised";
         tqos_Intialized = 1;
     }
-    std::atomic<bool> bLetGo{false};
-    std::thread helper([&] {
-        EXPECT_TRUE(test::WaitUntil([] { return tqos_Intialized == 0; }));
-        bLetGo = true;
-        running.LetGo();
-    });
-    library.Terminate(false, true);
-    EXPECT_TRUE(bLetGo) << "the other thread was waited for";
-    helper.join();
+    EXPECT_TRUE(EndWaitsFor(library, running));
 }
 
 TEST(ThreadTermination, WaitsForRunningThreadsWhateverUntrackedOnesHaveEnded) {
@@ -708,15 +718,7 @@ TEST(ThreadTermination, WaitsForRunningThreadsWhateverUntrackedOnesHaveEnded) {
         tq_ThreadWaitForEndingThreads();
         tqos_Intialized = 1;
     }
-    std::atomic<bool> bLetGo{false};
-    std::thread helper([&] {
-        EXPECT_TRUE(test::WaitUntil([] { return tqos_Intialized == 0; }));
-        bLetGo = true;
-        running.LetGo();
-    });
-    library.Terminate(false, true);
-    EXPECT_TRUE(bLetGo) << "no record was left behind that could stand for the running thread's";
-    helper.join();
+    EXPECT_TRUE(EndWaitsFor(library, running)) << "no record was left behind that could stand for the running thread's";
 }
 
 TEST(ThreadTermination, WithoutWaitingEndedThreadsLeaveTheirRecordsToIt) {

@@ -38,7 +38,7 @@ void UnlockForCancelled(void* pMutex) {
 /// Waits once with the record locked; false when the time is up. A thread that is cancelled here has the lock again at
 /// its end, and leaves it: the others go on without that thread.
 bool WaitOnce(SemEventStruct& event, const tq_TimedWait& wait) {
-    volatile bool bInTime = false;
+    volatile bool bInTime = false; // the push may be a setjmp(), after which a register would not be kept
     pthread_cleanup_push(UnlockForCancelled, &event.mutex);
     bInTime = wait.Wait(&event.cond, &event.mutex);
     pthread_cleanup_pop(0);
